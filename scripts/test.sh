@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds, and runs every test: the plain build,
+# then under AddressSanitizer with UndefinedBehaviorSanitizer, then under
+# ThreadSanitizer, then a short run of the fuzzers.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+bash scripts/install-deps.sh
+
+export TMPDIR="${TMPDIR:-/tmp}"
+export ASAN_OPTIONS="detect_leaks=1:abort_on_error=0"
+export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
+export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
+
+for preset in default asan tsan; do
+  echo "== $preset: build"
+  cmake --preset "$preset" >/dev/null
+  cmake --build --preset "$preset"
+  echo "== $preset: test"
+  ctest --preset "$preset"
+done
+
+echo "== fuzz: build and a short run"
+cmake --preset fuzz >/dev/null
+cmake --build --preset fuzz --target fuzz_targets
+for fuzzer in build/fuzz/tests/fuzz/fuzz_*; do
+  [ -x "$fuzzer" ] || continue
+  "$fuzzer" -max_total_time=15 -seed=1 >/dev/null 2>&1 || { echo "fuzzer $fuzzer failed"; "$fuzzer" -runs=0 ; exit 1; }
+  echo "$(basename "$fuzzer"): 15 s without a finding"
+done
