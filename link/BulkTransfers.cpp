@@ -1,0 +1,126 @@
+// Single-block transfers over the open link, each with its wait. The link's
+// fields are read under the lock, the I/O and the waits happen outside it:
+// the response reader reads on its own thread while the worker writes, or
+// even closes the link.
+#include "link/Limits.h"
+#include "link/UsbLink.h"
+
+namespace ferrolt {
+
+namespace {
+
+constexpr const char* kWriteFailedText = "Failed to write to the bulk interface";
+constexpr const char* kReadFailedText = "failed to read to the bulk interface";
+constexpr const char* kCancelledText = "Operation has been Canceled";
+// Positions in the wait list: the cancel event always comes first, so it
+// wins over a completion at the same moment.
+constexpr int kCancelSignalled = 0;
+constexpr int kTransferCompleted = 1;
+
+void LogTransferStatus(TransferStatus status, const char* failedText, ILogMessageCallBack* log) {
+  if (log == nullptr) return;
+  if (status == TransferStatus::Failed) log->LogMessageCallBack(failedText);
+  if (status == TransferStatus::Cancelled) log->LogMessageCallBack(kCancelledText);
+}
+
+}  // namespace
+
+TransferStatus UsbLink::WritePacket(const uint8_t* block, uint32_t length, ILogMessageCallBack* log) {
+  std::shared_ptr<platform::Transfer> transfer;
+  if (const auto connection = Connection()) transfer = connection->StartWrite(BulkOutPipeId(), block, length);
+
+  // A write that failed at once never completes: it waits out its time-out
+  // on the cancel event alone, as a stalled pipe would.
+  const platform::Event* completion = transfer ? &transfer->Completion() : nullptr;
+  TransferStatus status = TransferStatus::TimedOut;
+  switch (platform::WaitAny({&cancelEvent_, completion}, limits::kWriteWait)) {
+    case kCancelSignalled:
+      status = TransferStatus::Cancelled;
+      break;
+    case kTransferCompleted:
+      status = transfer->Succeeded() ? TransferStatus::Done : TransferStatus::Failed;
+      break;
+    default:
+      break;
+  }
+  LogTransferStatus(status, kWriteFailedText, log);
+  return status;
+}
+
+TransferStatus UsbLink::ReadPacket(uint8_t* buffer, uint32_t length, ILogMessageCallBack* log,
+                                   uint32_t* bytesReceived) {
+  const TransferStatus status = ReadBlock(buffer, length, limits::kReadWait, ReadWait::WithCancel, bytesReceived);
+  LogTransferStatus(status, kReadFailedText, log);
+  return status;
+}
+
+int UsbLink::ReadPacketBlocking(uint8_t* buffer, uint32_t length, ILogMessageCallBack* /*log*/) {
+  uint32_t bytesReceived = 0;
+  const TransferStatus status =
+      ReadBlock(buffer, length, limits::kBlockingReadWait, ReadWait::WithoutCancel, &bytesReceived);
+  return status == TransferStatus::Done ? 0 : 1;
+}
+
+TransferStatus UsbLink::ReadBlock(uint8_t* buffer, uint32_t length, std::chrono::milliseconds wait, ReadWait kind,
+                                  uint32_t* bytesReceived) {
+  std::lock_guard<std::mutex> readLock(readMutex_);
+  std::shared_ptr<platform::Transfer> transfer;
+  std::shared_ptr<platform::DeviceConnection> connection;
+  uint8_t pipe = 0;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    transfer = pendingRead_;
+    connection = WinUsbHandle;
+    pipe = BulkInPipe;
+  }
+  if (transfer == nullptr && connection != nullptr) {
+    transfer = connection->StartRead(pipe, length);
+    std::lock_guard<std::mutex> lock(mutex_);
+    // Kept only while the link it was started on is still the open one.
+    if (WinUsbHandle == connection) pendingRead_ = transfer;
+  }
+  connection.reset();  // a close meanwhile releases the connection at once
+
+  const bool withCancel = kind == ReadWait::WithCancel;
+  if (transfer == nullptr && !withCancel) return TransferStatus::TimedOut;
+
+  const platform::Event* completion = transfer ? &transfer->Completion() : nullptr;
+  const int woke = platform::WaitAny({withCancel ? &cancelEvent_ : nullptr, completion}, wait);
+
+  // What the read holds now, looked at without waiting.
+  const bool complete = transfer != nullptr && transfer->IsComplete();
+  if (bytesReceived != nullptr) *bytesReceived = complete ? transfer->BytesTransferred() : 0;
+  // A cancelled read stays pending, complete or not: the next read takes
+  // its block, so none is lost.
+  if (woke == kCancelSignalled) return TransferStatus::Cancelled;
+  if (!complete) return TransferStatus::TimedOut;
+
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (pendingRead_ == transfer) pendingRead_.reset();
+  }
+  if (!transfer->Succeeded()) return woke == kTransferCompleted ? TransferStatus::Failed : TransferStatus::TimedOut;
+  const uint32_t copied = transfer->CopyData(buffer, length);
+  if (bytesReceived != nullptr) *bytesReceived = copied;
+  // A block that landed just as the wait ran out still counts when it
+  // brought bytes.
+  return woke == kTransferCompleted || copied > 0 ? TransferStatus::Done : TransferStatus::TimedOut;
+}
+
+void UsbLink::FlushPipes() {
+  std::shared_ptr<platform::DeviceConnection> connection;
+  uint8_t inPipe = 0;
+  uint8_t outPipe = 0;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    pendingRead_.reset();
+    connection = WinUsbHandle;
+    inPipe = BulkInPipe;
+    outPipe = BulkOutPipe;
+  }
+  if (connection == nullptr) return;
+  connection->FlushPipe(inPipe);
+  connection->FlushPipe(outPipe);
+}
+
+}  // namespace ferrolt

@@ -1,0 +1,100 @@
+// Finding the device's vendor interface among the listed USB interface
+// paths. Every backend lists paths in the Windows form, so this matching runs
+// unchanged on every platform.
+#include <cstdio>
+#include <cstring>
+
+#include "link/UsbLink.h"
+
+namespace ferrolt {
+
+namespace {
+
+constexpr uint32_t kHresultWin32Facility = 0x80070000;
+constexpr uint32_t kWin32CodeMask = 0xFFFF;
+constexpr const char* kVendorMarker = "#vid_";
+constexpr const char* kProductMarker = "&pid_";
+constexpr const char* kVendorInterfaceMarker = "mi_04";
+constexpr size_t kIdDigits = 4;
+constexpr unsigned kHexRadix = 16;
+constexpr unsigned kDecimalDigits = 10;
+
+void CopyBounded(const std::string& path, char* out, size_t size) {
+  const size_t count = path.size() < size - 1 ? path.size() : size - 1;
+  std::memcpy(out, path.data(), count);
+  out[count] = '\0';
+}
+
+void LowerCaseInPlace(char* text) {
+  for (; *text != '\0'; ++text)
+    if (*text >= 'A' && *text <= 'Z') *text = static_cast<char>(*text - 'A' + 'a');
+}
+
+int HexDigitValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + static_cast<int>(kDecimalDigits);
+  if (c >= 'A' && c <= 'F') return c - 'A' + static_cast<int>(kDecimalDigits);
+  return -1;
+}
+
+// The id written in the (up to) four characters at text, read through a
+// scratch string as the search always has: parsing stops at the first
+// character that is not a hex digit.
+int ParseId(const char* text) {
+  char scratch[kIdDigits + 1] = {};
+  std::strncpy(scratch, text, kIdDigits);
+  int value = 0;
+  for (const char* c = scratch; *c != '\0' && HexDigitValue(*c) >= 0; ++c)
+    value = value * static_cast<int>(kHexRadix) + HexDigitValue(*c);
+  return value;
+}
+
+bool PathNamesDevice(const char* path, int productId, int vendorId) {
+  const char* vendor = std::strstr(path, kVendorMarker);
+  if (vendor == nullptr) return false;
+  const char* product = std::strstr(vendor, kProductMarker);
+  if (product == nullptr) return false;
+  const int vendorValue = ParseId(vendor + std::strlen(kVendorMarker));
+  const int productValue = ParseId(product + std::strlen(kProductMarker));
+  return productValue == productId && vendorValue == vendorId && std::strstr(path, kVendorInterfaceMarker) != nullptr;
+}
+
+// A failed search never yields 0 (found), even when the backend gave no
+// error number: the caller must not open the last path examined.
+int32_t SearchFailure(uint32_t lastError) {
+  return HresultFromWin32(lastError != 0 ? lastError : platform::kErrorGenFailure);
+}
+
+}  // namespace
+
+int32_t HresultFromWin32(uint32_t error) {
+  if (static_cast<int32_t>(error) <= 0) return static_cast<int32_t>(error);
+  return static_cast<int32_t>(kHresultWin32Facility | (error & kWin32CodeMask));
+}
+
+int32_t UsbLink::FindDevicePath(int productId, int vendorId, char* devicePath, size_t size, int* notFound) {
+  if (notFound != nullptr) *notFound = 0;
+  const platform::InterfaceListing listing = backend_.ListInterfaces();
+  if (!listing.listed) {
+    std::printf("Couldn't find the Device GUID\n");
+    return SearchFailure(listing.lastError);
+  }
+  if (devicePath != nullptr && size > 0) {
+    for (const std::string& path : listing.paths) {
+      CopyBounded(path, devicePath, size);
+      LowerCaseInPlace(devicePath);
+      if (PathNamesDevice(devicePath, productId, vendorId)) return kFound;
+    }
+  }
+  // A listing that could not allocate its records fails without a message.
+  if (listing.lastError == platform::kErrorNotEnoughMemory) return kHresultOutOfMemory;
+  if (listing.lastError == platform::kErrorNoMoreItems && notFound != nullptr) {
+    *notFound = 1;
+    std::printf("Device not found.\n");
+  }
+  const int32_t result = SearchFailure(listing.lastError);
+  std::printf("General failure. GetLastError returned %X.\n", static_cast<unsigned>(result));
+  return result;
+}
+
+}  // namespace ferrolt

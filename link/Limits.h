@@ -1,0 +1,41 @@
+// Every wait, bound and pause of the tool in one place: the link's fixed
+// waits, and the bounds we put where the device protocol leaves a loop or a
+// wait open.
+#pragma once
+
+#include <chrono>
+
+namespace ferrolt::limits {
+
+using std::chrono::milliseconds;
+
+// Fixed by the device protocol.
+inline constexpr milliseconds kWriteWait{500};
+inline constexpr milliseconds kReadWait{5};
+inline constexpr milliseconds kReconnectPause{1000};
+inline constexpr milliseconds kEndWait{3000};
+
+// A blocking read gives up after this long without a block and reports a
+// failed read; the caller decides whether to read again.
+inline constexpr milliseconds kBlockingReadWait{1000};
+// Pause after a failed read before the next one, so a removed device is not
+// polled in a tight loop.
+inline constexpr milliseconds kFailedReadPause{20};
+// A device that sends nothing for this long ends the operation (except a CLI
+// command's output, which keeps no bound).
+inline constexpr milliseconds kDeviceSilenceLimit{15000};
+// Rounds of close, pause, reopen and resend before an operation gives up.
+inline constexpr int kMaxReconnectRounds = 5;
+// Log download attempts started over after a sequence error before the
+// download gives up.
+inline constexpr int kMaxLogDownloadRestarts = 5;
+// Failed write attempts of one upgrade data packet before the upgrade gives up.
+inline constexpr int kMaxWriteRetries = 20;
+// The upgrade's wait for the device's closing status text.
+inline constexpr milliseconds kUpgradeEndReportWait{60000};
+// How often that wait looks at the reader and at a cancel.
+inline constexpr milliseconds kUpgradeEndReportPoll{5};
+// How long process teardown waits for running tasks after closing the link.
+inline constexpr milliseconds kTeardownWait{1000};
+
+}  // namespace ferrolt::limits

@@ -1,0 +1,96 @@
+// The open USB link: discovery, opening and closing, and single-block
+// transfers with their waits. Written once, portably, over the platform
+// interface.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+
+#include "admin/Callbacks.h"
+#include "platform/DeviceBackend.h"
+#include "platform/Event.h"
+
+namespace ferrolt {
+
+enum class OpenStatus : int {
+  Opened = 0,
+  NotFound = 1,
+  FileOpenFailed = 2,
+  DriverInitFailed = 3,
+  PipeQueryFailed = 4,
+};
+
+enum class TransferStatus : int {
+  Done = 0,
+  TimedOut = 1,
+  Cancelled = 2,
+  Failed = 3,
+};
+
+inline constexpr size_t kDevicePathSize = 260;
+// HRESULT-style results of FindDevicePath.
+inline constexpr int32_t kFound = 0;
+inline constexpr int32_t kHresultOutOfMemory = static_cast<int32_t>(0x8007000E);
+int32_t HresultFromWin32(uint32_t error);
+
+class UsbLink {
+ public:
+  // cancelEvent is the operation runner's; every waited transfer lists it
+  // first. Both references must outlive the link.
+  UsbLink(platform::DeviceBackend& backend, platform::Event& cancelEvent);
+  ~UsbLink();
+  UsbLink(const UsbLink&) = delete;
+  UsbLink& operator=(const UsbLink&) = delete;
+
+  // Opens the link; on failure logs why (when log is given). Note the order:
+  // product id first.
+  bool ConnectDevice(int productId, int vendorId, ILogMessageCallBack* log);
+  OpenStatus OpenDevice(int productId, int vendorId);
+  // Finds the interface path of the device's vendor interface into
+  // devicePath (lower-cased). 0 when found, a negative HRESULT otherwise.
+  int32_t FindDevicePath(int productId, int vendorId, char* devicePath, size_t size, int* notFound);
+  bool QueryPipes();
+  // Safe on a closed link. Aborts outstanding transfers.
+  void CloseDevice();
+
+  // 500 ms write to the bulk OUT pipe.
+  TransferStatus WritePacket(const uint8_t* block, uint32_t length, ILogMessageCallBack* log);
+  // 5 ms read from the bulk IN pipe; bytesReceived gets the count.
+  TransferStatus ReadPacket(uint8_t* buffer, uint32_t length, ILogMessageCallBack* log, uint32_t* bytesReceived);
+  // Read without the cancel event: 0 when a block arrived, 1 when the read
+  // failed or nothing came within limits::kBlockingReadWait.
+  int ReadPacketBlocking(uint8_t* buffer, uint32_t length, ILogMessageCallBack* log);
+  // Discards leftover IN blocks, then flushes the OUT pipe.
+  void FlushPipes();
+
+  bool IsOpen() const;
+  uint8_t BulkInPipeId() const;
+  uint8_t BulkOutPipeId() const;
+  // The last interface path examined, lower-cased.
+  std::string DevicePathText() const;
+
+ private:
+  enum class ReadWait { WithCancel, WithoutCancel };
+  // One read of the bulk IN pipe. At most one IN read is outstanding: a read
+  // whose wait ran out stays pending and the next read waits on it again, so
+  // no block the device sent is lost or handled twice.
+  TransferStatus ReadBlock(uint8_t* buffer, uint32_t length, std::chrono::milliseconds wait, ReadWait kind,
+                           uint32_t* bytesReceived);
+  std::shared_ptr<platform::DeviceConnection> Connection() const;
+
+  platform::DeviceBackend& backend_;
+  platform::Event& cancelEvent_;
+
+  mutable std::mutex mutex_;  // guards every field below
+  bool DeviceOpen = false;
+  std::shared_ptr<platform::DeviceConnection> WinUsbHandle;
+  uint8_t BulkInPipe = 0;
+  uint8_t BulkOutPipe = 0;
+  char DevicePath[kDevicePathSize] = {};
+  std::shared_ptr<platform::Transfer> pendingRead_;
+  // Serialises IN reads so one pending read is waited on by one reader.
+  std::mutex readMutex_;
+};
+
+}  // namespace ferrolt

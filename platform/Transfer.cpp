@@ -1,0 +1,38 @@
+#include "platform/Transfer.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace ferrolt::platform {
+
+bool Transfer::Succeeded() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return done_ && succeeded_;
+}
+
+uint32_t Transfer::BytesTransferred() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return done_ && succeeded_ ? count_ : 0;
+}
+
+uint32_t Transfer::CopyData(uint8_t* out, uint32_t capacity) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!done_ || !succeeded_) return 0;
+  const uint32_t count = std::min({count_, capacity, length_});
+  std::memcpy(out, data_.data(), count);
+  return count;
+}
+
+void Transfer::Complete(bool succeeded, const uint8_t* data, uint32_t count) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (done_) return;
+    done_ = true;
+    succeeded_ = succeeded;
+    count_ = succeeded ? std::min(count, length_) : 0;
+    if (data != nullptr && succeeded_) std::memcpy(data_.data(), data, count_);
+  }
+  completion_.Set();
+}
+
+}  // namespace ferrolt::platform

@@ -1,0 +1,49 @@
+// One bulk transfer started on a pipe. A backend completes it from whatever
+// thread its I/O finishes on; the link layer waits on Completion(). The object
+// is shared: it stays valid for whoever still holds it, so a transfer that
+// outlives the wait that started it never writes into freed memory.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <mutex>
+
+#include "platform/Event.h"
+
+namespace ferrolt::platform {
+
+inline constexpr uint32_t kMaxTransferLength = 64;
+
+class Transfer {
+ public:
+  explicit Transfer(uint32_t length) : length_(length < kMaxTransferLength ? length : kMaxTransferLength) {}
+  Transfer(const Transfer&) = delete;
+  Transfer& operator=(const Transfer&) = delete;
+
+  uint32_t RequestedLength() const { return length_; }
+
+  // Set once the transfer has finished, successfully or not.
+  Event& Completion() { return completion_; }
+  bool IsComplete() const { return completion_.IsSet(); }
+
+  // Valid once complete; before that they report a transfer with no bytes.
+  bool Succeeded() const;
+  uint32_t BytesTransferred() const;
+  // Copies the received bytes (at most RequestedLength()) into out; returns the count.
+  uint32_t CopyData(uint8_t* out, uint32_t capacity) const;
+
+  // Backends: finish the transfer. Data is copied for reads; a write passes
+  // null and the count it moved. Completing twice keeps the first result.
+  void Complete(bool succeeded, const uint8_t* data, uint32_t count);
+
+ private:
+  const uint32_t length_;
+  mutable std::mutex mutex_;
+  bool done_ = false;
+  bool succeeded_ = false;
+  uint32_t count_ = 0;
+  std::array<uint8_t, kMaxTransferLength> data_{};
+  Event completion_;
+};
+
+}  // namespace ferrolt::platform

@@ -1,0 +1,75 @@
+#include "platform/emulator/EmulatorBackend.h"
+
+#include <mutex>
+#include <optional>
+
+#include "platform/UsbInterfacePath.h"
+#include "platform/emulator/EmulatorConnection.h"
+#include "platform/emulator/EmulatorProtocol.h"
+#include "platform/emulator/SocketEndpoint.h"
+
+namespace ferrolt::platform {
+namespace {
+
+using emulator::EmulatorConnection;
+using emulator::Hello;
+
+// A device that answered a listing: its socket waits there for Open().
+struct ListedDevice {
+  UniqueFd socket;
+  Hello hello;
+  std::string path;
+};
+
+// Connects and reads the hello, both within the hello wait. Empty when no
+// device answered as one.
+std::optional<ListedDevice> Discover(const std::string& endpoint) {
+  const Deadline deadline = std::chrono::steady_clock::now() + emulator::kHelloWait;
+  UniqueFd socket = ConnectEndpoint(endpoint, deadline);
+  if (!socket.Valid()) return std::nullopt;
+  std::array<uint8_t, emulator::kHelloSize> bytes{};
+  if (!ReceiveBefore(socket.Get(), bytes.data(), bytes.size(), deadline)) return std::nullopt;
+  const std::optional<Hello> hello = emulator::ParseHello(bytes);
+  if (!hello) return std::nullopt;
+  return ListedDevice{std::move(socket), *hello, emulator::InterfacePathOf(*hello)};
+}
+
+class EmulatorBackend final : public DeviceBackend {
+ public:
+  explicit EmulatorBackend(std::string endpoint) : endpoint_(std::move(endpoint)) {}
+
+  // Lists the one emulated device, or nothing: an absent device looks to the
+  // layer above exactly like a PC without the device attached.
+  InterfaceListing ListInterfaces() override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    listed_.reset();
+    InterfaceListing listing;
+    listing.listed = true;
+    listing.lastError = kErrorNoMoreItems;
+    listed_ = Discover(endpoint_);
+    if (listed_) listing.paths.push_back(listed_->path);
+    return listing;
+  }
+
+  // One connection is one opened link: opening adopts the listed connection.
+  std::unique_ptr<DeviceConnection> Open(const std::string& path) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!listed_ || !SamePath(path, listed_->path)) return nullptr;
+    auto connection = std::make_unique<EmulatorConnection>(std::move(listed_->socket), listed_->hello);
+    listed_.reset();
+    return connection;
+  }
+
+ private:
+  const std::string endpoint_;
+  std::mutex mutex_;
+  std::optional<ListedDevice> listed_;
+};
+
+}  // namespace
+
+std::unique_ptr<DeviceBackend> CreateEmulatorBackend(const std::string& endpoint) {
+  return std::make_unique<EmulatorBackend>(endpoint);
+}
+
+}  // namespace ferrolt::platform

@@ -1,0 +1,17 @@
+// The emulator link: a device emulator reached over a Unix-domain stream
+// socket (a path) or TCP ("tcp:HOST:PORT"). One connection is one opened link.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "platform/DeviceBackend.h"
+
+namespace ferrolt::platform {
+
+// The environment variable that selects the emulator link.
+inline constexpr const char* kEmulatorVariable = "FERROLT_EMULATOR";
+
+std::unique_ptr<DeviceBackend> CreateEmulatorBackend(const std::string& endpoint);
+
+}  // namespace ferrolt::platform

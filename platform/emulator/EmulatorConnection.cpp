@@ -1,0 +1,166 @@
+#include "platform/emulator/EmulatorConnection.h"
+
+#include <sys/socket.h>
+
+#include <cstring>
+
+#include "platform/emulator/SocketIo.h"
+
+namespace ferrolt::platform::emulator {
+
+EmulatorConnection::EmulatorConnection(UniqueFd socket, const Hello& hello)
+    : socket_(std::move(socket)), hello_(hello), reader_([this] { ReadFrames(); }) {}
+
+EmulatorConnection::~EmulatorConnection() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    closing_ = true;
+  }
+  queueSpace_.notify_all();
+  // Wakes the reader out of its blocking receive.
+  ::shutdown(socket_.Get(), SHUT_RDWR);
+  reader_.join();
+  EndLink();
+}
+
+bool EmulatorConnection::Initialize() { return hello_.state != kStateNoDriver; }
+
+bool EmulatorConnection::QueryInterfaceSettings(uint8_t& endpointCount) {
+  if (hello_.state == kStateEndpointsMissing) return false;
+  endpointCount = kEndpointCount;
+  return true;
+}
+
+bool EmulatorConnection::QueryPipe(uint8_t endpointIndex, PipeInfo& pipe) {
+  if (hello_.state == kStateEndpointsMissing || endpointIndex >= kEndpointCount) return false;
+  pipe.type = PipeType::Bulk;
+  pipe.pipeId = endpointIndex == 0 ? kBulkOutPipe : kBulkInPipe;
+  pipe.maximumPacketSize = kMaxPacketSize;
+  return true;
+}
+
+bool EmulatorConnection::QueryDeviceSpeed(uint8_t& speed, uint32_t& /*error*/) {
+  speed = hello_.speed;
+  return true;
+}
+
+std::shared_ptr<Transfer> EmulatorConnection::StartWrite(uint8_t pipeId, const uint8_t* data, uint32_t length) {
+  if (pipeId != kBulkOutPipe) return nullptr;
+  auto transfer = std::make_shared<Transfer>(length);
+  std::array<uint8_t, kWriteFrameSize> frame{};
+  frame[0] = kWriteFrame;
+  if (data != nullptr) std::memcpy(frame.data() + 1, data, transfer->RequestedLength());
+
+  std::lock_guard<std::mutex> sending(sendMutex_);
+  {
+    // Queued before it is sent, so its A cannot arrive before it is expected.
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (removed_) return nullptr;
+    sentWrites_.push_back(transfer);
+  }
+  if (!SendAll(socket_.Get(), frame.data(), frame.size(), kFrameSendWait)) {
+    // A torn or undelivered frame leaves the stream unusable: the link is over.
+    ::shutdown(socket_.Get(), SHUT_RDWR);
+    EndLink();
+    return nullptr;
+  }
+  return transfer;
+}
+
+std::shared_ptr<Transfer> EmulatorConnection::StartRead(uint8_t pipeId, uint32_t length) {
+  if (pipeId != kBulkInPipe) return nullptr;
+  auto transfer = std::make_shared<Transfer>(length);
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (removed_) return nullptr;
+    if (receivedBlocks_.empty()) {
+      pendingReads_.push_back(transfer);
+      return transfer;
+    }
+    transfer->Complete(true, receivedBlocks_.front().data(), kBlockSize);
+    receivedBlocks_.pop_front();
+  }
+  queueSpace_.notify_all();
+  return transfer;
+}
+
+bool EmulatorConnection::FlushPipe(uint8_t pipeId) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  if (removed_) return false;
+  if (pipeId == kBulkOutPipe) {
+    // The device still acknowledges these frames: they keep their places.
+    for (const auto& write : sentWrites_) write->Complete(false, nullptr, 0);
+    return true;
+  }
+  if (pipeId != kBulkInPipe) return false;
+  receivedBlocks_.clear();
+  for (const auto& read : pendingReads_) read->Complete(false, nullptr, 0);
+  pendingReads_.clear();
+  lock.unlock();
+  queueSpace_.notify_all();
+  return true;
+}
+
+void EmulatorConnection::ReadFrames() {
+  while (ReadFrame()) {
+  }
+  EndLink();
+}
+
+// One frame from the device; false when the link has ended (end of stream,
+// an error, a torn frame or a frame kind the link does not know).
+bool EmulatorConnection::ReadFrame() {
+  uint8_t kind = 0;
+  if (!ReceiveAll(socket_.Get(), &kind, 1)) return false;
+  if (kind == kAckFrame) {
+    CompleteOldestWrite();
+    return true;
+  }
+  if (kind != kReadFrame) return false;
+  Block block{};
+  return ReceiveAll(socket_.Get(), block.data(), block.size()) && QueueBlock(block);
+}
+
+void EmulatorConnection::CompleteOldestWrite() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  // An A with no write open is the device's mistake; there is nothing to complete.
+  if (sentWrites_.empty()) return;
+  const auto write = sentWrites_.front();
+  sentWrites_.pop_front();
+  write->Complete(true, nullptr, write->RequestedLength());
+}
+
+// Hands the block to the oldest waiting read, or keeps it until a read comes.
+// Waits while the queue is full; false when the link is closing.
+bool EmulatorConnection::QueueBlock(const Block& block) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  queueSpace_.wait(lock, [this] { return closing_ || removed_ || receivedBlocks_.size() < kMaxQueuedInBlocks; });
+  if (closing_ || removed_) return false;
+  if (pendingReads_.empty()) {
+    receivedBlocks_.push_back(block);
+    return true;
+  }
+  const auto read = pendingReads_.front();
+  pendingReads_.pop_front();
+  read->Complete(true, block.data(), kBlockSize);
+  return true;
+}
+
+void EmulatorConnection::EndLink() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    removed_ = true;
+    FailOutstandingLocked();
+  }
+  queueSpace_.notify_all();
+}
+
+void EmulatorConnection::FailOutstandingLocked() {
+  for (const auto& write : sentWrites_) write->Complete(false, nullptr, 0);
+  for (const auto& read : pendingReads_) read->Complete(false, nullptr, 0);
+  sentWrites_.clear();
+  pendingReads_.clear();
+  receivedBlocks_.clear();
+}
+
+}  // namespace ferrolt::platform::emulator

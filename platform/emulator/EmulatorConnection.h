@@ -1,0 +1,62 @@
+// One opened emulator link: the connected socket and the thread that reads
+// the device's frames from it.
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "platform/DeviceBackend.h"
+#include "platform/emulator/EmulatorProtocol.h"
+#include "platform/emulator/UniqueFd.h"
+
+namespace ferrolt::platform::emulator {
+
+class EmulatorConnection final : public DeviceConnection {
+ public:
+  // Takes over a socket whose hello has been read.
+  EmulatorConnection(UniqueFd socket, const Hello& hello);
+  ~EmulatorConnection() override;
+  EmulatorConnection(const EmulatorConnection&) = delete;
+  EmulatorConnection& operator=(const EmulatorConnection&) = delete;
+
+  bool Initialize() override;
+  bool QueryInterfaceSettings(uint8_t& endpointCount) override;
+  bool QueryPipe(uint8_t endpointIndex, PipeInfo& pipe) override;
+  bool QueryDeviceSpeed(uint8_t& speed, uint32_t& error) override;
+  std::shared_ptr<Transfer> StartWrite(uint8_t pipeId, const uint8_t* data, uint32_t length) override;
+  std::shared_ptr<Transfer> StartRead(uint8_t pipeId, uint32_t length) override;
+  bool FlushPipe(uint8_t pipeId) override;
+
+ private:
+  void ReadFrames();
+  bool ReadFrame();
+  void CompleteOldestWrite();
+  bool QueueBlock(const Block& block);
+  // The device has gone: every outstanding transfer fails, no new one starts.
+  void EndLink();
+  void FailOutstandingLocked();
+
+  UniqueFd socket_;
+  const Hello hello_;
+
+  // Held across queueing a write and sending its frame, so frames leave whole
+  // and in the order of the write queue that the device's A frames follow.
+  std::mutex sendMutex_;
+
+  std::mutex mutex_;  // guards every field below
+  std::condition_variable queueSpace_;
+  bool removed_ = false;
+  bool closing_ = false;
+  // Every write sent and not yet acknowledged, oldest first, including those
+  // whose wait has ended or that a flush failed: each A belongs to one of them.
+  std::deque<std::shared_ptr<Transfer>> sentWrites_;
+  std::deque<std::shared_ptr<Transfer>> pendingReads_;
+  std::deque<Block> receivedBlocks_;
+
+  std::thread reader_;  // last: it starts once everything it uses exists
+};
+
+}  // namespace ferrolt::platform::emulator

@@ -1,0 +1,99 @@
+#include "platform/libusb/LibusbBackend.h"
+
+#include <mutex>
+
+#include "platform/UsbInterfacePath.h"
+#include "platform/libusb/ConfigDescriptor.h"
+#include "platform/libusb/LibusbConnection.h"
+#include "platform/libusb/LibusbContext.h"
+
+namespace ferrolt::platform {
+namespace {
+
+constexpr int kUnrefDevices = 1;
+
+// The devices present, released with their list.
+class DeviceList {
+ public:
+  explicit DeviceList(libusb_context* context) {
+    const ssize_t count = libusb_get_device_list(context, &devices_);
+    count_ = count > 0 ? static_cast<size_t>(count) : 0;
+  }
+  ~DeviceList() {
+    if (devices_ != nullptr) libusb_free_device_list(devices_, kUnrefDevices);
+  }
+  DeviceList(const DeviceList&) = delete;
+  DeviceList& operator=(const DeviceList&) = delete;
+
+  libusb_device* const* begin() const { return devices_; }
+  libusb_device* const* end() const { return devices_ + count_; }
+
+ private:
+  libusb_device** devices_ = nullptr;
+  size_t count_ = 0;
+};
+
+// The path instance names a device by its place on the buses: "BUS.ADDRESS".
+std::string InstanceOf(libusb_device* device) {
+  return std::to_string(libusb_get_bus_number(device)) + "." + std::to_string(libusb_get_device_address(device));
+}
+
+void AppendInterfacePaths(libusb_device* device, std::vector<std::string>& paths) {
+  libusb_device_descriptor descriptor{};
+  if (libusb_get_device_descriptor(device, &descriptor) != LIBUSB_SUCCESS) return;
+  const ConfigDescriptorPtr config = ReadConfigDescriptor(device);
+  if (config == nullptr) return;
+  for (int i = 0; i < config->bNumInterfaces; ++i) {
+    const libusb_interface& interface = config->interface[i];
+    if (interface.num_altsetting <= 0) continue;
+    const UsbInterfaceId id{descriptor.idVendor, descriptor.idProduct, interface.altsetting[0].bInterfaceNumber};
+    paths.push_back(FormatInterfacePath(id, InstanceOf(device)));
+  }
+}
+
+class LibusbBackend final : public DeviceBackend {
+ public:
+  // No USB at all reads as a PC with nothing attached.
+  InterfaceListing ListInterfaces() override {
+    InterfaceListing listing;
+    listing.listed = true;
+    listing.lastError = kErrorNoMoreItems;
+    const std::shared_ptr<LibusbContext> context = Context();
+    if (context == nullptr) return listing;
+    const DeviceList devices(context->Get());
+    for (libusb_device* device : devices) AppendInterfacePaths(device, listing.paths);
+    return listing;
+  }
+
+  std::unique_ptr<DeviceConnection> Open(const std::string& path) override {
+    const std::optional<ParsedInterfacePath> parsed = ParseInterfacePath(path);
+    if (!parsed) return nullptr;
+    const std::shared_ptr<LibusbContext> context = Context();
+    if (context == nullptr) return nullptr;
+    const DeviceList devices(context->Get());
+    for (libusb_device* device : devices) {
+      if (InstanceOf(device) != parsed->instance) continue;
+      libusb_device_handle* handle = nullptr;
+      if (libusb_open(device, &handle) != LIBUSB_SUCCESS) return nullptr;
+      return std::make_unique<LibusbConnection>(context, handle, parsed->id.interfaceNumber);
+    }
+    return nullptr;
+  }
+
+ private:
+  // Started on first use, and tried again on later listings while it fails.
+  std::shared_ptr<LibusbContext> Context() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (context_ == nullptr) context_ = LibusbContext::Create();
+    return context_;
+  }
+
+  std::mutex mutex_;
+  std::shared_ptr<LibusbContext> context_;
+};
+
+}  // namespace
+
+std::unique_ptr<DeviceBackend> CreateLibusbBackend() { return std::make_unique<LibusbBackend>(); }
+
+}  // namespace ferrolt::platform

@@ -1,0 +1,70 @@
+// Feeds arbitrary bytes, 64 at a time, through everything that reads what
+// the device sends: the field readers, the text and CRC checks, and a whole
+// response-reader run over an in-memory device.
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "link/DeviceIds.h"
+#include "link/DevicePacket.h"
+#include "link/ResponseReader.h"
+#include "link/UsbLink.h"
+#include "platform/Event.h"
+#include "tests/link/FakeBackend.h"
+
+namespace {
+
+using ferrolt::test::FakeBlock;
+
+// Keeps one run short: a reader pass per block.
+constexpr size_t kMaxBlocks = 64;
+
+class DiscardingLog : public ferrolt::ILogMessageCallBack {
+ public:
+  void LogMessageCallBack(std::string format, ...) override { messages_ += format.size(); }
+
+ private:
+  size_t messages_ = 0;
+};
+
+void ReadFields(const uint8_t* block) {
+  const std::string text = ferrolt::PayloadText(block);
+  if (text.size() > ferrolt::kPayloadSize) __builtin_trap();
+  volatile uint32_t sink = ferrolt::PacketNumber(block) + ferrolt::PacketLength(block) +
+                           ferrolt::PacketTypeOf(block) + ferrolt::PacketCrcMatches(block);
+  (void)sink;
+  (void)ferrolt::StartsWithIgnoringCase(text, "starting download");
+  (void)ferrolt::StartsWithIgnoringCase(text, "ending logs");
+  if (ferrolt::BytesToHex(block, ferrolt::kBlockSize).size() != 2 * ferrolt::kBlockSize) __builtin_trap();
+}
+
+void RunReader(const std::vector<FakeBlock>& blocks) {
+  ferrolt::test::FakeBackend backend;
+  backend.SetSpeed(ferrolt::platform::kSpeedLow);  // nothing printed on opening
+  ferrolt::platform::Event cancel;
+  ferrolt::UsbLink link(backend, cancel);
+  if (!link.ConnectDevice(ferrolt::kProductId, ferrolt::kVendorId, nullptr)) __builtin_trap();
+  for (const FakeBlock& block : blocks) backend.QueueInBlock(block);
+
+  ferrolt::ReaderState state;
+  backend.OnReadWhenEmpty([&state] { state.StopRequested = true; });
+  DiscardingLog log;
+  ferrolt::ReadResponses(link, state, &log);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  std::vector<FakeBlock> blocks;
+  for (size_t offset = 0; offset < size && blocks.size() < kMaxBlocks; offset += ferrolt::kBlockSize) {
+    FakeBlock block{};
+    std::memcpy(block.data(), data + offset, std::min(ferrolt::kBlockSize, size - offset));
+    ReadFields(block.data());
+    blocks.push_back(block);
+  }
+  RunReader(blocks);
+  return 0;
+}

@@ -1,0 +1,176 @@
+#include "tests/platform/ScriptedDevice.h"
+
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <stdexcept>
+
+namespace ferrolt::test {
+namespace {
+
+constexpr int kPollSliceMs = 10;
+constexpr size_t kFrameSize = 65;
+
+int ListenUnix(const std::string& path) {
+  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || ::listen(fd, 4) != 0)
+    throw std::runtime_error("cannot listen on " + path);
+  return fd;
+}
+
+int ListenTcp(int& port) {
+  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 || ::listen(fd, 4) != 0 ||
+      ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0)
+    throw std::runtime_error("cannot listen on the loopback");
+  port = ntohs(address.sin_port);
+  return fd;
+}
+
+void SendEverything(int fd, const uint8_t* data, size_t size) {
+  while (size > 0) {
+    const ssize_t sent = ::send(fd, data, size, MSG_NOSIGNAL);
+    if (sent <= 0) return;
+    data += sent;
+    size -= static_cast<size_t>(sent);
+  }
+}
+
+}  // namespace
+
+std::vector<uint8_t> HelloBytes(uint16_t vendorId, uint16_t productId, uint8_t interfaceNumber, uint8_t speed,
+                                uint8_t state) {
+  return {kWireHello,
+          static_cast<uint8_t>(vendorId & 0xFF),
+          static_cast<uint8_t>(vendorId >> 8),
+          static_cast<uint8_t>(productId & 0xFF),
+          static_cast<uint8_t>(productId >> 8),
+          interfaceNumber,
+          speed,
+          state};
+}
+
+Block MarkedBlock(uint8_t seq, uint8_t value) {
+  Block block;
+  block.fill(value);
+  block[0] = seq;
+  return block;
+}
+
+ScriptedDevice::ScriptedDevice(ScriptOptions options) : options_(std::move(options)) {
+  if (options_.overTcp) {
+    int port = 0;
+    listener_ = ListenTcp(port);
+    endpoint_ = "tcp:127.0.0.1:" + std::to_string(port);
+  } else {
+    endpoint_ = (dir_ / "device.sock").string();
+    listener_ = ListenUnix(endpoint_);
+  }
+  server_ = std::thread([this] { Serve(); });
+}
+
+ScriptedDevice::~ScriptedDevice() {
+  stop_ = true;
+  server_.join();
+  std::lock_guard<std::mutex> lock(mutex_);
+  CloseClientLocked();
+  ::close(listener_);
+}
+
+void ScriptedDevice::Serve() {
+  while (!stop_) {
+    int client = -1;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      client = options_.readsFrames ? client_ : -1;
+    }
+    pollfd fds[2] = {{listener_, POLLIN, 0}, {client, POLLIN, 0}};
+    if (::poll(fds, 2, kPollSliceMs) <= 0) continue;
+    if ((fds[0].revents & POLLIN) != 0) Accept();
+    if (fds[1].revents != 0) ReadFromHost();
+  }
+}
+
+void ScriptedDevice::Accept() {
+  const int fd = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+  if (fd < 0) return;
+  std::lock_guard<std::mutex> lock(mutex_);
+  CloseClientLocked();
+  client_ = fd;
+  ++connections_;
+  SendEverything(client_, options_.greeting.data(), options_.greeting.size());
+  if (options_.hangsUpAfterGreeting) CloseClientLocked();
+}
+
+void ScriptedDevice::ReadFromHost() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (client_ < 0) return;
+  uint8_t buffer[4096];
+  const ssize_t count = ::recv(client_, buffer, sizeof buffer, MSG_DONTWAIT);
+  if (count <= 0) {
+    if (count == 0) CloseClientLocked();
+    return;
+  }
+  pending_.insert(pending_.end(), buffer, buffer + count);
+  while (pending_.size() >= kFrameSize) {
+    if (pending_[0] == kWireWrite) {
+      Block block;
+      std::memcpy(block.data(), pending_.data() + 1, block.size());
+      writes_.push_back(block);
+    }
+    pending_.erase(pending_.begin(), pending_.begin() + kFrameSize);
+  }
+  wrote_.notify_all();
+}
+
+void ScriptedDevice::CloseClientLocked() {
+  if (client_ >= 0) ::close(client_);
+  client_ = -1;
+  pending_.clear();
+}
+
+bool ScriptedDevice::WaitForWrites(size_t count, milliseconds timeout) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  return wrote_.wait_for(lock, timeout, [&] { return writes_.size() >= count; });
+}
+
+std::vector<Block> ScriptedDevice::Writes() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return writes_;
+}
+
+int ScriptedDevice::Connections() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return connections_;
+}
+
+void ScriptedDevice::SendAck() { SendRaw({kWireAck}); }
+
+void ScriptedDevice::SendBlock(const Block& block) {
+  std::vector<uint8_t> frame{kWireRead};
+  frame.insert(frame.end(), block.begin(), block.end());
+  SendRaw(frame);
+}
+
+void ScriptedDevice::SendRaw(const std::vector<uint8_t>& bytes) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (client_ >= 0) SendEverything(client_, bytes.data(), bytes.size());
+}
+
+void ScriptedDevice::Hangup() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  CloseClientLocked();
+}
+
+}  // namespace ferrolt::test

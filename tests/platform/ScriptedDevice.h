@@ -1,0 +1,84 @@
+// A device on the emulator link that a test drives by hand: it greets each
+// connection with chosen bytes, records the host's W frames, and sends A and
+// R frames (or anything else) when told, or hangs up.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/TestSupport.h"
+
+namespace ferrolt::test {
+
+inline constexpr uint8_t kWireHello = 'H';
+inline constexpr uint8_t kWireWrite = 'W';
+inline constexpr uint8_t kWireAck = 'A';
+inline constexpr uint8_t kWireRead = 'R';
+
+std::vector<uint8_t> HelloBytes(uint16_t vendorId, uint16_t productId, uint8_t interfaceNumber, uint8_t speed,
+                                uint8_t state);
+
+struct ScriptOptions {
+  // Sent on every accepted connection.
+  std::vector<uint8_t> greeting = HelloBytes(0x1209, 0x0001, 4, 3, 0);
+  bool overTcp = false;
+  // True: the device hangs up right after its greeting.
+  bool hangsUpAfterGreeting = false;
+  // False: the device never reads what the host sends.
+  bool readsFrames = true;
+};
+
+class ScriptedDevice {
+ public:
+  explicit ScriptedDevice(ScriptOptions options = {});
+  ~ScriptedDevice();
+  ScriptedDevice(const ScriptedDevice&) = delete;
+  ScriptedDevice& operator=(const ScriptedDevice&) = delete;
+
+  // The value for the emulator backend's endpoint.
+  std::string Endpoint() const { return endpoint_; }
+
+  // Waits until the host has sent at least count W frames.
+  bool WaitForWrites(size_t count, milliseconds timeout);
+  std::vector<Block> Writes() const;
+  int Connections() const;
+
+  void SendAck();
+  void SendBlock(const Block& block);
+  void SendRaw(const std::vector<uint8_t>& bytes);
+  // Hangs up the current connection.
+  void Hangup();
+
+ private:
+  void Serve();
+  void Accept();
+  void ReadFromHost();
+  void CloseClientLocked();
+
+  ScriptOptions options_;
+  TempDir dir_;
+  std::string endpoint_;
+  int listener_ = -1;
+  std::atomic<bool> stop_{false};
+
+  mutable std::mutex mutex_;
+  std::condition_variable wrote_;
+  int client_ = -1;
+  int connections_ = 0;
+  std::vector<uint8_t> pending_;  // bytes of a W frame still coming
+  std::vector<Block> writes_;
+
+  std::thread server_;
+};
+
+// A block whose bytes all read value, with its first byte seq, to tell blocks apart.
+Block MarkedBlock(uint8_t seq, uint8_t value);
+
+}  // namespace ferrolt::test
