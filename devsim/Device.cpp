@@ -1,0 +1,228 @@
+#include "devsim/Device.h"
+
+#include <cstdio>
+#include <iostream>
+#include <iterator>
+#include <sstream>
+#include <system_error>
+
+#include "devsim/CommandServices.h"
+#include "devsim/FileServices.h"
+
+namespace ferrolt::devsim {
+namespace fs = std::filesystem;
+
+namespace {
+
+// What a fresh device's log folder holds, so a log download has real files.
+struct SampleLog {
+  const char* name;
+  const char* text;
+};
+constexpr SampleLog kSampleLogs[] = {
+    {"messages",
+     "Jan  1 00:00:01 device kernel: Linux version 5.10.0 (builder@ferrolt)\n"
+     "Jan  1 00:00:02 device kernel: usb 1-1: new high-speed USB device\n"
+     "Jan  1 00:00:05 device syslogd: started\n"},
+    {"boot.log",
+     "[  OK  ] Mounted root file system.\n"
+     "[  OK  ] Started USB gadget service.\n"
+     "[  OK  ] Reached target Multi-User System.\n"},
+    {"ort.log", "ort: idle\n"},
+};
+
+std::string Hex(const Block& block) {
+  std::string text;
+  char digits[3];
+  for (uint8_t byte : block) {
+    std::snprintf(digits, sizeof digits, "%02X", byte);
+    text += digits;
+  }
+  return text;
+}
+
+bool WriteTextFile(const fs::path& path, const std::string& text) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << text;
+  return static_cast<bool>(out.flush());
+}
+
+}  // namespace
+
+std::unique_ptr<Device> Device::Create(const DeviceSettings& settings, std::string& error) {
+  std::unique_ptr<Device> device(new Device(settings));
+  if (!device->PrepareRoot(error) || !device->OpenFiles(error)) return nullptr;
+  return device;
+}
+
+Device::Device(const DeviceSettings& settings) : settings_(settings), linkFaults_(settings_.faults) {
+  services_.push_back(CreateVersionService());
+  services_.push_back(CreateCliService(settings_.cliTimeout));
+  services_.push_back(CreateOrtService());
+  services_.push_back(CreateCaptouchService());
+  services_.push_back(CreateCancelService());
+  services_.push_back(CreateUpgradeService());
+  services_.push_back(CreateUploadService());
+  services_.push_back(CreateDownloadService());
+  services_.push_back(CreateLogsService());
+}
+
+bool Device::PrepareRoot(std::string& error) {
+  std::error_code failure;
+  const fs::path logFolder = settings_.root / "var" / "log";
+  const bool freshLogs = !fs::exists(logFolder, failure);
+  fs::create_directories(settings_.root / "tmp", failure);
+  if (!failure) fs::create_directories(logFolder, failure);
+  if (failure) {
+    error = "cannot create the root folder " + settings_.root.string() + ": " + failure.message();
+    return false;
+  }
+  if (freshLogs) {
+    for (const SampleLog& log : kSampleLogs) {
+      if (!WriteTextFile(logFolder / log.name, log.text)) {
+        error = "cannot write " + (logFolder / log.name).string();
+        return false;
+      }
+    }
+  }
+  if (!fs::exists(settings_.root / "version") && !WriteTextFile(settings_.root / "version", settings_.initialVersion)) {
+    error = "cannot write " + (settings_.root / "version").string();
+    return false;
+  }
+  return true;
+}
+
+bool Device::OpenFiles(std::string& error) {
+  if (!settings_.recordFile.empty()) {
+    record_.open(settings_.recordFile, std::ios::binary | std::ios::trunc);
+    if (!record_) {
+      error = "cannot open the record file " + settings_.recordFile.string();
+      return false;
+    }
+  }
+  if (!settings_.eventsFile.empty()) {
+    events_.open(settings_.eventsFile, std::ios::binary | std::ios::trunc);
+    if (!events_) {
+      error = "cannot open the events file " + settings_.eventsFile.string();
+      return false;
+    }
+  }
+  return true;
+}
+
+void Device::OnLinkOpened() {
+  linkFaults_.Reset();
+  completions_.clear();
+  inQueue_.clear();
+  completionsStalled_ = false;
+  dropRequested_ = false;
+  Note("link opened");
+}
+
+void Device::OnLinkClosed() {
+  for (auto& service : services_) service->LinkClosed(*this);
+  completions_.clear();
+  inQueue_.clear();
+  Note("link closed");
+}
+
+void Device::OnOutBlock(const Block& block) {
+  Record(block);
+  bool taken = false;
+  for (auto& service : services_) {
+    if (service->Accept(block, *this)) {
+      taken = true;
+      break;
+    }
+  }
+  if (!taken) Note("unhandled block " + Hex(block));
+  ScheduleCompletion();
+}
+
+void Device::Record(const Block& block) {
+  if (!record_.is_open()) return;
+  record_.write(reinterpret_cast<const char*>(block.data()), static_cast<std::streamsize>(block.size()));
+  record_.flush();
+}
+
+void Device::ScheduleCompletion() {
+  const WriteFate fate = linkFaults_.NextOutBlock();
+  switch (fate.kind) {
+    case WriteFate::Kind::DropLink:
+      dropRequested_ = true;
+      Note("fault: dropping the host link");
+      break;
+    case WriteFate::Kind::Withhold:
+      completionsStalled_ = true;
+      Note("fault: write completion withheld");
+      break;
+    case WriteFate::Kind::Complete:
+      // Completions are reported in order: none passes a withheld one.
+      if (!completionsStalled_) completions_.push_back(Clock::now() + fate.delay);
+      break;
+  }
+}
+
+void Device::Poll() {
+  for (auto& service : services_) service->Poll(*this);
+}
+
+bool Device::Busy() const {
+  for (const auto& service : services_) {
+    if (service->Busy()) return true;
+  }
+  return false;
+}
+
+size_t Device::TakeDueCompletions() {
+  const auto now = Clock::now();
+  size_t due = 0;
+  while (!completions_.empty() && completions_.front() <= now) {
+    completions_.pop_front();
+    ++due;
+  }
+  return due;
+}
+
+std::optional<Block> Device::PopInBlock() {
+  if (inQueue_.empty() || inQueue_.front().due > Clock::now()) return std::nullopt;
+  Block block = inQueue_.front().block;
+  inQueue_.pop_front();
+  return block;
+}
+
+std::optional<Device::Clock::time_point> Device::NextDue() const {
+  std::optional<Clock::time_point> next;
+  if (!completions_.empty()) next = completions_.front();
+  if (!inQueue_.empty() && (!next || inQueue_.front().due < *next)) next = inQueue_.front().due;
+  return next;
+}
+
+void Device::Send(const Block& block) { inQueue_.push_back({Clock::now() + linkFaults_.ReplyDelay(), block}); }
+
+fs::path Device::DevicePathToLocal(const std::string& devicePath) const {
+  const fs::path path(devicePath);
+  if (!path.is_absolute()) return {};
+  const fs::path inside = path.relative_path().lexically_normal();
+  if (!inside.empty() && *inside.begin() == "..") return {};
+  return settings_.root / inside;
+}
+
+std::string Device::Version() const {
+  std::ifstream in(settings_.root / "version", std::ios::binary);
+  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  // An edited file usually ends with a line break that is not part of the version.
+  while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+  return text;
+}
+
+void Device::SetVersion(const std::string& version) {
+  if (!WriteTextFile(settings_.root / "version", version)) Note("cannot write the version file");
+}
+
+void Device::Note(const std::string& line) {
+  if (events_.is_open()) events_ << line << '\n' << std::flush;
+  if (settings_.verbose) std::cerr << "ferrolt-devsim: " << line << '\n';
+}
+
+}  // namespace ferrolt::devsim

@@ -1,0 +1,95 @@
+// The emulated device: its services, its root folder, its event log and the
+// queue of IN blocks for the host. It has no transport of its own: a
+// transport hands it OUT blocks, lets time pass (Poll), sends the write
+// completions and IN blocks that fall due, and drops the link when told.
+// Not thread-safe: one transport thread drives it.
+#pragma once
+
+#include <chrono>
+#include <deque>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "devsim/LinkFaults.h"
+#include "devsim/Service.h"
+
+namespace ferrolt::devsim {
+
+struct DeviceSettings {
+  std::filesystem::path root;
+  std::filesystem::path recordFile;  // empty: OUT blocks are not recorded
+  std::filesystem::path eventsFile;  // empty: no event log file
+  std::string initialVersion = "1.0.0";
+  bool verbose = false;  // event lines also to stderr
+  std::chrono::seconds cliTimeout{10};
+  FaultPlan faults;
+};
+
+class Device final : public DeviceContext {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  // Prepares the root folder and opens the record and event files; null with
+  // error set when that fails.
+  static std::unique_ptr<Device> Create(const DeviceSettings& settings, std::string& error);
+
+  // A host link opened: per-link counts start again.
+  void OnLinkOpened();
+  // The host link is gone: services drop their exchanges, pending
+  // completions and queued IN blocks are discarded.
+  void OnLinkClosed();
+  // One OUT block from the host: recorded, offered to the services, and
+  // its completion scheduled (or withheld) as the link faults decide.
+  void OnOutBlock(const Block& block);
+  // Lets the services work as time passes.
+  void Poll();
+  // True while a service needs Poll soon.
+  bool Busy() const;
+  // Write completions due by now, in order; each is one completed OUT block.
+  size_t TakeDueCompletions();
+  // The oldest IN block, once it is due.
+  std::optional<Block> PopInBlock();
+  // The earliest time a completion or IN block falls due, if any is pending.
+  std::optional<Clock::time_point> NextDue() const;
+  // True once the device has decided to drop the current host link.
+  bool DropRequested() const { return dropRequested_; }
+
+  // DeviceContext
+  void Send(const Block& block) override;
+  size_t QueuedInBlocks() const override { return inQueue_.size(); }
+  const std::filesystem::path& Root() const override { return settings_.root; }
+  std::filesystem::path DevicePathToLocal(const std::string& devicePath) const override;
+  std::string Version() const override;
+  void SetVersion(const std::string& version) override;
+  const FaultPlan& Faults() const override { return settings_.faults; }
+  void Note(const std::string& line) override;
+
+ private:
+  struct Queued {
+    Clock::time_point due;
+    Block block;
+  };
+
+  explicit Device(const DeviceSettings& settings);
+  bool PrepareRoot(std::string& error);
+  bool OpenFiles(std::string& error);
+  void Record(const Block& block);
+  void ScheduleCompletion();
+
+  DeviceSettings settings_;
+  std::vector<std::unique_ptr<Service>> services_;
+  LinkFaults linkFaults_;
+  std::ofstream record_;
+  std::ofstream events_;
+  std::deque<Clock::time_point> completions_;
+  std::deque<Queued> inQueue_;
+  // Set once a write is withheld: later completions stay behind it.
+  bool completionsStalled_ = false;
+  bool dropRequested_ = false;
+};
+
+}  // namespace ferrolt::devsim

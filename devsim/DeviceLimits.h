@@ -1,0 +1,24 @@
+// The emulator's own waits, bounds and sizes in one place.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+
+namespace ferrolt::devsim::limits {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+// How often the server lets the device work while a service is busy (a
+// running command streaming output).
+inline constexpr milliseconds kBusyPollInterval{5};
+// IN blocks a streaming service lets pile up before it waits for the host.
+inline constexpr size_t kMaxQueuedStreamBlocks = 8;
+// A CLI command is killed after this long unless --cli-timeout says otherwise.
+inline constexpr seconds kDefaultCliTimeout{10};
+// Connections waiting while the device serves one host link.
+inline constexpr int kListenBacklog = 8;
+// Bytes taken from the host's socket per read.
+inline constexpr size_t kSocketReadChunk = 4096;
+
+}  // namespace ferrolt::devsim::limits

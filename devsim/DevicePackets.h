@@ -1,0 +1,31 @@
+// Packet helpers on the device's side, shared by every service. The device
+// speaks the same 64-byte formats as the tool; these mirror them without
+// depending on the tool's code, so the emulator checks the tool instead of
+// repeating it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "devsim/Service.h"
+
+namespace ferrolt::devsim {
+
+inline constexpr uint8_t kTypeUpgrade = 1, kTypeVersion = 2, kTypeLogs = 3, kTypeCli = 4, kTypeUpload = 5,
+                         kTypeDownload = 6, kTypeCancel = 7, kTypeOrt = 8, kTypeNack = 10;
+
+uint8_t Crc8(const uint8_t* data, size_t count);
+bool CrcMatches(const Block& block);
+uint8_t TypeOf(const Block& block);
+uint32_t NumberOf(const Block& block);
+uint8_t LengthOf(const Block& block);
+// The payload as text (57 bytes plus a zero).
+std::string PayloadText(const Block& block);
+// The block as text from byte 0 (a RawTextBlock), up to its zero or 64 bytes.
+std::string RawText(const Block& block);
+// A packet with the given fields and payload bytes (at most 57), CRC set.
+Block MakePacket(uint8_t type, uint32_t number, const uint8_t* payload, size_t length);
+// A text reply: number 0, length 57, the text zero-padded.
+Block MakeTextPacket(uint8_t type, const std::string& text);
+
+}  // namespace ferrolt::devsim

@@ -1,0 +1,39 @@
+// The device's decision, per OUT block, on when the host sees the transfer
+// complete and whether the link drops. Kept in the device rather than in a
+// transport so every transport fails the same way.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+
+#include "devsim/Service.h"
+
+namespace ferrolt::devsim {
+
+struct WriteFate {
+  enum class Kind { Complete, Withhold, DropLink };
+  Kind kind = Kind::Complete;
+  // For Complete: how long after the block arrived the completion is due.
+  std::chrono::milliseconds delay{0};
+};
+
+class LinkFaults {
+ public:
+  explicit LinkFaults(const FaultPlan& faults);
+  // A new host link: block counts start again.
+  void Reset() { outBlocks_ = 0; }
+  // The fate of the next OUT block on the current link.
+  WriteFate NextOutBlock();
+  // How long each IN block is held back before the host may take it.
+  std::chrono::milliseconds ReplyDelay() const { return replyDelay_; }
+
+ private:
+  bool stallAll_;
+  long long stallAfter_;  // negative: no limit
+  long long dropAfter_;   // negative: never
+  std::chrono::milliseconds writeDelay_;
+  std::chrono::milliseconds replyDelay_;
+  long long outBlocks_ = 0;
+};
+
+}  // namespace ferrolt::devsim

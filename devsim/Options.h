@@ -1,0 +1,25 @@
+// The command line of ferrolt-devsim.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "devsim/Device.h"
+#include "devsim/SocketServer.h"
+
+namespace ferrolt::devsim {
+
+struct Options {
+  DeviceSettings device;
+  ServerSettings server;
+};
+
+enum class ParseOutcome { Run, Help, Error };
+
+// args without the program name. On Error, error holds a one-line reason.
+ParseOutcome ParseOptions(const std::vector<std::string>& args, Options& options, std::string& error);
+
+// The --help text: every option and every fault the device knows.
+std::string UsageText();
+
+}  // namespace ferrolt::devsim

@@ -1,0 +1,63 @@
+// ferrolt-devsim: the device emulator program. Parses the command line,
+// prepares the device, listens, and serves host links until SIGTERM or SIGINT.
+#include <signal.h>
+
+#include <cstdio>
+#include <iostream>
+
+#include "devsim/Device.h"
+#include "devsim/Options.h"
+#include "devsim/SocketServer.h"
+
+namespace {
+
+constexpr int kExitBadOptions = 2;
+constexpr int kExitCannotStart = 1;
+
+ferrolt::devsim::SocketServer* g_server = nullptr;
+
+void OnStopSignal(int) {
+  if (g_server != nullptr) g_server->RequestStop();
+}
+
+// No SA_RESTART: a blocked send or poll returns, so the stop is seen at once.
+void InstallStopHandlers() {
+  struct sigaction action {};
+  action.sa_handler = OnStopSignal;
+  sigemptyset(&action.sa_mask);
+  sigaction(SIGTERM, &action, nullptr);
+  sigaction(SIGINT, &action, nullptr);
+}
+
+int Fail(const std::string& reason, int status) {
+  std::cerr << "ferrolt-devsim: " << reason << '\n';
+  return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  using namespace ferrolt::devsim;
+  Options options;
+  std::string error;
+  switch (ParseOptions(std::vector<std::string>(argv + 1, argv + argc), options, error)) {
+    case ParseOutcome::Help:
+      std::cout << UsageText();
+      return 0;
+    case ParseOutcome::Error:
+      return Fail(error + " (see --help)", kExitBadOptions);
+    case ParseOutcome::Run:
+      break;
+  }
+  const auto device = Device::Create(options.device, error);
+  if (device == nullptr) return Fail(error, kExitCannotStart);
+  SocketServer server(*device, options.server);
+  if (!server.Listen(error)) return Fail(error, kExitCannotStart);
+  g_server = &server;
+  InstallStopHandlers();
+  std::printf("ferrolt-devsim: listening on %s\n", server.Endpoint().c_str());
+  std::fflush(stdout);
+  server.Serve();
+  g_server = nullptr;
+  return 0;
+}
