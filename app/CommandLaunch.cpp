@@ -1,0 +1,120 @@
+#include "app/CommandLaunch.h"
+
+#include <cstdio>
+#include <string>
+
+#include "app/CliModeFile.h"
+#include "app/DefaultLogPath.h"
+#include "app/HelpText.h"
+#include "app/OrtString.h"
+
+namespace ferrolt {
+
+namespace {
+
+// A labelled path line, flushed at its newline.
+void PrintPathLine(const char* label, const std::string& path) {
+  std::fputs(label, stdout);
+  std::fputs(path.c_str(), stdout);
+  std::fputc('\n', stdout);
+  std::fflush(stdout);
+}
+
+void LaunchDefaultLogs(const std::string& logName, DeviceAdmin& admin, ConsoleReporters& reporters) {
+  char folder[kTempFolderBufferSize] = {};
+  const size_t length = TemporaryFolder(folder, sizeof folder);
+  if (length == 0) {
+    std::fputs("Please check and ensure user has a valid temporary folder.", stdout);
+    return;
+  }
+  if (length >= sizeof folder) {
+    reporters.log.LogMessageCallBack("Error: The temporary folder path is %d characters long; at most %d fit.",
+                                     static_cast<int>(length), static_cast<int>(sizeof folder - 1));
+    return;
+  }
+  const std::string zipPath = std::string(folder) + logName;
+  std::fputs("Since there was no log path argument was identified, your log files have been downloaded to:\n<", stdout);
+  std::fputs(zipPath.c_str(), stdout);
+  std::fputs(">\n", stdout);
+  std::fflush(stdout);
+  admin.DownloadLogsAsync(zipPath, &reporters.progress, &reporters.log, false);
+}
+
+}  // namespace
+
+void LaunchCommand(const Command& command, DeviceAdmin& admin, ConsoleReporters& reporters, char* ortString) {
+  auto* progress = &reporters.progress;
+  auto* log = &reporters.log;
+  switch (command.kind) {
+    case CommandKind::Version:
+      admin.RetrieveVersionAsync(&reporters.version, progress, log, command.verbose);
+      break;
+    case CommandKind::ProgramCaptouch:
+      std::fputs("Programming Captouch...\n", stdout);
+      admin.ProgramCaptouchAsync(progress, log);
+      break;
+    case CommandKind::StartOrt:
+      std::printf("ORTstring = %s", ortString);
+      admin.StartOrtAsync(progress, log, ortString);
+      break;
+    case CommandKind::EndOrt:
+      admin.EndOrtAsync(progress, log, false);
+      break;
+    case CommandKind::StartCli:
+      WriteCliMode(true);
+      admin.StartCliAsync(progress, log);
+      break;
+    case CommandKind::StopCli:
+      WriteCliMode(false);
+      admin.StopCliAsync(progress, log);
+      break;
+    case CommandKind::Upgrade:
+      admin.UpgradeBundleAsync(command.first, progress, log, command.verbose);
+      break;
+    case CommandKind::CliCommand:
+      admin.SendCliCommandAsync(command.first, progress, log);
+      break;
+    case CommandKind::Upload:
+      PrintPathLine("Local Path  : ", command.first);
+      admin.UploadFileAsync(command.first, progress, log);
+      break;
+    case CommandKind::Download:
+      PrintPathLine("Device Path: ", command.first);
+      PrintPathLine("Save Path  : ", command.second);
+      admin.DownloadFileAsync(command.first, command.second, progress, log);
+      break;
+    case CommandKind::Logs:
+      admin.DownloadLogsAsync(command.first, progress, log, command.verbose);
+      break;
+    case CommandKind::DefaultLogs:
+      LaunchDefaultLogs(command.first, admin, reporters);
+      break;
+    case CommandKind::Help:
+    case CommandKind::Unrecognised:
+    case CommandKind::WrongOrt:
+    case CommandKind::OrtTooLong:
+      PrintImmediateAnswer(command, reporters);
+      break;
+  }
+}
+
+void PrintImmediateAnswer(const Command& command, ConsoleReporters& reporters) {
+  switch (command.kind) {
+    case CommandKind::Help:
+      PrintHelp();
+      break;
+    case CommandKind::WrongOrt:
+      std::fputs("Wrong ORT command!\n", stdout);
+      break;
+    case CommandKind::OrtTooLong:
+      reporters.log.LogMessageCallBack("Error: The ORT string would be %d characters long; at most %d fit.",
+                                       static_cast<int>(command.first.size()), static_cast<int>(kMaxOrtStringLength));
+      break;
+    default:
+      std::fputs("\nNot a valid registered command!\n", stdout);
+      std::fputs("Type -h for a list of valid commands.\n", stdout);
+      break;
+  }
+}
+
+}  // namespace ferrolt

@@ -1,0 +1,19 @@
+// One launch of a dispatched command: the lines it prints first, then the
+// one DeviceAdmin entry point it calls.
+#pragma once
+
+#include "admin/DeviceAdmin.h"
+#include "app/CommandDispatch.h"
+#include "app/ConsoleReporters.h"
+
+namespace ferrolt {
+
+// ortString: the run's ORT string buffer, alive until the run ends (the
+// worker reads it in place). The entry point's result is not needed: a
+// refusal reports itself through the log reporter.
+void LaunchCommand(const Command& command, DeviceAdmin& admin, ConsoleReporters& reporters, char* ortString);
+
+// Launches with kinds that end the run at once print their line instead.
+void PrintImmediateAnswer(const Command& command, ConsoleReporters& reporters);
+
+}  // namespace ferrolt

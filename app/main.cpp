@@ -1,0 +1,3 @@
+#include "app/EntryRoutine.h"
+
+int main(int argc, char** argv) { return ferrolt::RunFerrolt(argc, argv); }

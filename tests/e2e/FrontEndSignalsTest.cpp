@@ -1,0 +1,79 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include "tests/e2e/FrontEndRuns.h"
+
+namespace ferrolt::test {
+namespace {
+
+// A bundle of 2000 packets; with each write completed 5 ms late the upgrade
+// runs for about ten seconds.
+constexpr size_t kBundleSize = 57 * 2000;
+constexpr const char* kSlowWrites = "delay-writes=5";
+
+// Given a run in progress, Ctrl+Break (SIGQUIT) cancels it and the other signals end it with status 1.
+class FrontEndSignalsTest : public testing::Test {
+ protected:
+  std::unique_ptr<Subprocess> StartUpgrade(DevsimServer& device) {
+    WriteFile(dir_ / "bundle.img", RandomBytes(kBundleSize, 7));
+    return StartFerrolt({"upgrade", (dir_ / "bundle.img").string()}, device.Endpoint(), dir_.Path());
+  }
+
+  static milliseconds Since(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - start);
+  }
+
+  TempDir dir_;
+};
+
+TEST_F(FrontEndSignalsTest, InterruptDuringAnOperationExitsWithStatusOne) {
+  DevsimServer device({"--fault", kSlowWrites});
+  ASSERT_TRUE(device.Running());
+  auto run = StartUpgrade(device);
+  ASSERT_TRUE(run->WaitForOutput("Progress: ", kRunLimit));
+  const auto signalled = std::chrono::steady_clock::now();
+  run->Signal(SIGINT);
+  const ProcessResult result = run->Wait(kRunLimit);
+  EXPECT_EQ(result.exitStatus, 1);
+  EXPECT_LT(Since(signalled), kPromptExit);
+  EXPECT_EQ(result.out.find("Cancel"), std::string::npos);
+}
+
+TEST_F(FrontEndSignalsTest, BreakWithoutOperationCancelsAndEndsTheWait) {
+  // Without a device the worker ends after its one flushed log line; the run
+  // is then in its end wait with no operation running.
+  auto run = StartFerrolt({"endort"}, kNoDevice, dir_.Path());
+  ASSERT_TRUE(run->WaitForOutput("LogMessageCallBack:", kRunLimit));
+  const auto signalled = std::chrono::steady_clock::now();
+  run->Signal(SIGQUIT);
+  const ProcessResult result = run->Wait(kRunLimit);
+  const size_t requested = result.out.find(kCancelRequested);
+  ASSERT_NE(requested, std::string::npos) << result.out;
+  EXPECT_NE(result.out.find(kCancelSucceeded, requested), std::string::npos);
+  EXPECT_EQ(result.out.substr(result.out.size() - std::string(kCanceledLine).size()), kCanceledLine);
+  EXPECT_EQ(result.exitStatus, 0);
+  EXPECT_LT(Since(signalled), kAtOnce);
+}
+
+TEST_F(FrontEndSignalsTest, BreakDuringUpgradeSendsTheCancelPacket) {
+  DevsimServer device({"--fault", kSlowWrites});
+  ASSERT_TRUE(device.Running());
+  auto run = StartUpgrade(device);
+  ASSERT_TRUE(run->WaitForOutput("Progress: ", kRunLimit));
+  const auto signalled = std::chrono::steady_clock::now();
+  run->Signal(SIGQUIT);
+  const ProcessResult result = run->Wait(kRunLimit);
+  EXPECT_LT(Since(signalled), kAtOnce);
+  EXPECT_EQ(result.exitStatus, 0);
+  const std::string tail = std::string(kCancelSucceeded) + kCanceledLine;
+  EXPECT_EQ(result.out.substr(result.out.size() - tail.size()), tail) << result.out;
+  EXPECT_NE(result.out.find(kCancelRequested), std::string::npos);
+
+  const std::vector<Block> received = device.Received();
+  ASSERT_FALSE(received.empty());
+  EXPECT_EQ(received.back()[0], 7);
+  EXPECT_EQ(PayloadTextOf(received.back()), "Cancel");
+}
+
+}  // namespace
+}  // namespace ferrolt::test

@@ -1,0 +1,179 @@
+// The short commands as a user runs them: the built ferrolt against
+// ferrolt-devsim, whole standard output compared byte for byte.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+
+#include "tests/support/TestSupport.h"
+
+namespace ferrolt::test {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr const char* kOpened = "Device speed: 3 (High speed).\n";
+constexpr const char* kNotFound = "Device not found.\nGeneral failure. GetLastError returned 80070103.\n";
+constexpr const char* kSpi = "SPI SUPPORT IS TURNED ON!\n";
+constexpr const char* kConnectFailure =
+    "LogMessageCallBack:\tError:Failed to connect to the bulk interface, device might be disconnected\n";
+
+std::string Progress(int percent) {
+  return "ProgressChangeCallBack:\t" + std::to_string(percent) + " percent completed\n";
+}
+std::string Log(const std::string& text) { return "LogMessageCallBack:\t" + text + "\n"; }
+
+// The version reply devsim sends for the version text: type 2, length 57,
+// the text zero-padded, CRC-8 over bytes 0-62.
+std::string VersionReplyHex(const std::string& text, unsigned char* crcOut) {
+  unsigned char block[64] = {2, 0, 0, 0, 0, 57};
+  for (size_t i = 0; i < text.size(); ++i) block[6 + i] = static_cast<unsigned char>(text[i]);
+  unsigned char crc = 0;
+  for (int i = 0; i < 63; ++i) {
+    crc ^= block[i];
+    for (int bit = 0; bit < 8; ++bit) crc = static_cast<unsigned char>(crc & 0x80 ? (crc << 1) ^ 0x07 : crc << 1);
+  }
+  block[63] = static_cast<unsigned char>(~crc);
+  *crcOut = block[63];
+  std::string hex;
+  char digits[3];
+  for (unsigned char byte : block) {
+    std::snprintf(digits, sizeof digits, "%02X", byte);
+    hex += digits;
+  }
+  return hex;
+}
+
+// A device root holding a known version, with CLI mode on.
+fs::path PrepareRoot(const TempDir& dir) {
+  const fs::path root = dir / "root";
+  fs::create_directories(root);
+  WriteFile(root / "version", "1.2.3");
+  WriteFile(root / "cli-mode", "on\n");
+  return root;
+}
+
+class OperationsE2eTest : public ::testing::Test {
+ protected:
+  explicit OperationsE2eTest(std::vector<std::string> faults = {}) : server(std::move(faults), PrepareRoot(dir)) {}
+  void SetUp() override {
+    ASSERT_TRUE(server.Running());
+    fs::create_directories(cwd);
+  }
+  ProcessResult Run(const std::vector<std::string>& args) { return RunFerrolt(args, server.Endpoint(), cwd); }
+
+  TempDir dir;
+  fs::path cwd = dir / "work";
+  DevsimServer server;
+};
+
+// Given a device that answers, each command prints exactly its lines.
+class PresentDeviceE2eTest : public OperationsE2eTest {};
+
+TEST_F(PresentDeviceE2eTest, VersionPrintsTheReplyAndProgress) {
+  unsigned char crc = 0;
+  const auto result = Run({"version"});
+  EXPECT_EQ(result.exitStatus, 0);
+  EXPECT_EQ(result.out, std::string(kOpened) + "NONVERBOSE MODE DETECTED!\n" + kSpi +
+                            "VersionInfoReadyCallBack:\tRead data :" + VersionReplyHex("1.2.3", &crc) + "\n" +
+                            "VersionInfoReadyCallBack:\tVersion - 1.2.3\n" + Progress(100));
+}
+
+TEST_F(PresentDeviceE2eTest, CliSessionRunsCommandsAndPrintsDeviceTextAsText) {
+  auto result = Run({"startcli"});
+  EXPECT_EQ(result.out, std::string(kOpened) + kSpi + Log("STARTING CLI MODE...\n"));
+  result = Run({"cmd", "echo hello"});
+  EXPECT_EQ(result.out, std::string(kOpened) + "\nhello\n");
+  result = Run({"cmd", "echo 100%n %s"});
+  EXPECT_EQ(result.out, std::string(kOpened) + "\n100%n %s\n");
+  result = Run({"stopcli"});
+  EXPECT_EQ(result.out, std::string(kOpened) + Log("Ending CLI Mode now."));
+  EXPECT_EQ(result.exitStatus, 0);
+}
+
+TEST_F(PresentDeviceE2eTest, OrtStartAndEnd) {
+  auto result = Run({"startort", "extmic", "reboot", "5", "duration", "20"});
+  EXPECT_EQ(result.out, "ORTstring = ort start extmic reboot 5 duration 20 " + std::string(kOpened) + Progress(5) +
+                            kSpi + Log("Sent ORT message to device successfully.") + Progress(100));
+  EXPECT_EQ(PayloadTextOf(server.Received().back()), "ort start extmic reboot 5 duration 20 ");
+  result = Run({"endort"});
+  EXPECT_EQ(result.out, "NONVERBOSE MODE DETECTED!\n" + std::string(kOpened) + Progress(5) + kSpi +
+                            Log("Sent 'ort end' to device successfully.") + Progress(100));
+  EXPECT_EQ(PayloadTextOf(server.Received().back()), "ort end");
+}
+
+TEST_F(PresentDeviceE2eTest, ProgCapSendsTheRebootRequest) {
+  const auto result = Run({"progCap"});
+  EXPECT_EQ(result.out, "Programming Captouch...\n" + std::string(kOpened) + Progress(5) + kSpi +
+                            Log("Sent reboot message to device successfully.") + Progress(100));
+  const auto sent = server.Received().back();
+  EXPECT_EQ(std::string(sent.begin(), sent.end()), "\rreboot\r" + std::string(55, ' ') + std::string(1, '\0'));
+}
+
+// Given no device behind the endpoint, each command reports the failed open.
+class AbsentDeviceE2eTest : public OperationsE2eTest {
+ protected:
+  ProcessResult RunAbsent(const std::vector<std::string>& args) {
+    return RunFerrolt(args, (dir / "missing.sock").string(), cwd);
+  }
+};
+
+TEST_F(AbsentDeviceE2eTest, EachCommandReportsTheMissingDevice) {
+  EXPECT_EQ(RunAbsent({"version"}).out, std::string(kNotFound) + "NONVERBOSE MODE DETECTED!\n" + kSpi +
+                                            Log("Failed in writing 'Version Retrieval' to device."));
+  EXPECT_EQ(RunAbsent({"progCap"}).out, "Programming Captouch...\n" + std::string(kNotFound) + kConnectFailure);
+  EXPECT_EQ(RunAbsent({"endort"}).out, "NONVERBOSE MODE DETECTED!\n" + std::string(kNotFound) + kConnectFailure);
+  EXPECT_EQ(RunAbsent({"startort"}).out, "ORTstring = ort start" + std::string(kNotFound) + kConnectFailure);
+  EXPECT_EQ(RunAbsent({"startcli"}).out, std::string(kNotFound) + kConnectFailure + "Failed to open device\n");
+  EXPECT_EQ(RunAbsent({"cmd", "ls"}).out, std::string(kNotFound) + kConnectFailure);
+  const auto result = RunAbsent({"stopcli"});
+  EXPECT_EQ(result.out, std::string(kNotFound) + kConnectFailure + "Failed to open device\n");
+  EXPECT_EQ(result.exitStatus, 0);
+}
+
+// Given a corrupted version reply, the CRC lines replace the version text.
+class CorruptReplyE2eTest : public OperationsE2eTest {
+ protected:
+  CorruptReplyE2eTest() : OperationsE2eTest({"--fault", "corrupt-version-crc"}) {}
+};
+
+TEST_F(CorruptReplyE2eTest, VersionPrintsTheCrcLines) {
+  unsigned char crc = 0;
+  std::string hex = VersionReplyHex("1.2.3", &crc);
+  char corruptCrc[3];
+  std::snprintf(corruptCrc, sizeof corruptCrc, "%02X", crc ^ 0xFF);
+  hex.replace(126, 2, corruptCrc);
+  char crcLines[96];
+  std::snprintf(crcLines, sizeof crcLines, "CRC failed.\nCRC you gave me - %x\nCRC I calculated - %x\n", crc ^ 0xFF,
+                crc);
+  EXPECT_EQ(Run({"version"}).out, std::string(kOpened) + "NONVERBOSE MODE DETECTED!\n" + kSpi +
+                                      "VersionInfoReadyCallBack:\tRead data :" + hex + "\n" + crcLines + Progress(100));
+}
+
+// Given a device that withholds write completions, commands end with their
+// failure lines.
+class StalledWritesE2eTest : public OperationsE2eTest {
+ protected:
+  StalledWritesE2eTest() : OperationsE2eTest({"--fault", "stall-writes"}) {}
+};
+
+TEST_F(StalledWritesE2eTest, VersionAndCliSessionCommandsEnd) {
+  EXPECT_EQ(Run({"version"}).out, std::string(kOpened) + "NONVERBOSE MODE DETECTED!\n" + kSpi +
+                                      Log("Failed in writing 'Version Retrieval' to device."));
+  EXPECT_EQ(Run({"startcli"}).out, std::string(kOpened) + kSpi + kOpened);
+  EXPECT_EQ(Run({"stopcli"}).out, std::string(kOpened) + kOpened);
+}
+
+TEST_F(StalledWritesE2eTest, ProgCapGivesUpAfterFiveAttempts) {
+  std::string expected = "Programming Captouch...\n" + std::string(kOpened) + Progress(5) + kSpi;
+  for (int attempt = 1; attempt < 5; ++attempt) expected += Log("Failed to send reboot message to device.") + kOpened;
+  expected += Log("Failed to send reboot message to device.") +
+              Log("Error: Giving up after 5 failed attempts to send the reboot message.");
+  const auto result = Run({"progCap"});
+  EXPECT_EQ(result.out, expected);
+  EXPECT_EQ(result.exitStatus, 0);
+  EXPECT_LT(result.elapsed, milliseconds(30000));
+}
+
+}  // namespace
+}  // namespace ferrolt::test
