@@ -1,0 +1,162 @@
+// The log download: the device's log archive as numbered packets, with a
+// sequence check whose failure asks for the whole archive again. The file is
+// emptied before each new attempt, so the archive on disk is the one attempt
+// that reached the end reply.
+#include <cstdio>
+#include <string>
+
+#include "admin/DeviceAdmin.h"
+#include "link/DevicePacket.h"
+#include "link/Limits.h"
+#include "transfer/DownloadReply.h"
+#include "transfer/OutputFile.h"
+#include "transfer/Reports.h"
+
+namespace ferrolt {
+
+namespace {
+
+constexpr int kProgressConnected = 5;
+constexpr int kProgressDone = 100;
+constexpr const char* kRequestText = "Download Logs";
+
+enum class AttemptEnd { Complete, SequenceError, DeviceSilent };
+
+// The receive state of one attempt.
+struct LogReceipt {
+  int32_t received = 0;
+  int32_t archiveSize = 0;
+  int32_t total = 0;
+  int lastPercent = -1;
+  int32_t written = 0;  // since the start reply, to tell a short archive
+};
+
+// Logs the percentage before this packet is counted; while no total is known
+// there is nothing to divide by, so nothing is logged.
+void LogPercent(ILogMessageCallBack* log, LogReceipt& receipt, bool always) {
+  if (receipt.total == 0) return;
+  const int percent = PercentOf(receipt.received, receipt.total);
+  if (!always && percent == receipt.lastPercent) return;
+  receipt.lastPercent = percent;
+  log->LogMessageCallBack("Download Log Progress: %d%%%%", percent);
+}
+
+void Accept(const Block& block, LogReceipt& receipt, OutputFile& output) {
+  ++receipt.received;
+  ++receipt.written;
+  output.Append(block.data() + kPayloadOffset, DataLength(block.data()));
+}
+
+}  // namespace
+
+void DeviceAdmin::DownloadLogs(std::string zipPath, IProgressChangeCallBack* progress, ILogMessageCallBack* log,
+                               bool /*verbose*/) {
+  if (!ConnectDefaultDevice(log)) {
+    EndOperation();
+    return;
+  }
+  ReportProgress(progress, kProgressConnected);
+  if (!OperationRunning.load()) {
+    Link.CloseDevice();
+    return;
+  }
+  OutputFile output;
+  if (!output.Create(zipPath)) {
+    LogText(log, "Error: Can not find specified log destination path - " + zipPath);
+    EndOperation();
+    return;
+  }
+  std::printf("SPI SUPPORT IS TURNED ON!\n");
+
+  const Block request = BuildTextPacket(PacketType::Logs, kRequestText);
+  // Counts request rounds that failed to be written and attempts that ended
+  // in a sequence error; each is bounded on its own.
+  int reconnects = 0;
+  int restarts = 0;
+  for (;;) {
+    if (Link.WritePacket(request.data(), kBlockSize, log) != TransferStatus::Done) {
+      if (reconnects++ == limits::kMaxReconnectRounds) {
+        LogText(log, "Error: The log request could not be sent after " +
+                         std::to_string(limits::kMaxReconnectRounds) + " reconnects; log download stopped.");
+        EndOperation();
+        return;
+      }
+      if (!Reconnect(log)) {
+        std::printf("Failed to open device\n");
+        EndOperation();
+        return;
+      }
+      // The device never saw the request: send it again.
+      continue;
+    }
+    reconnects = 0;
+    LogText(log, "Starting download logs now.");
+
+    LogReceipt receipt;
+    AttemptEnd end = AttemptEnd::DeviceSilent;
+    for (bool attempting = true; attempting;) {
+      Block block{};
+      if (!ReadBlockWithinSilenceLimit(block.data(), log)) break;
+      if (PacketTypeOf(block.data()) != static_cast<uint8_t>(PacketType::Logs)) continue;
+      const std::string hex = BytesToHex(block.data(), kBlockSize);
+      if (!PacketCrcMatches(block.data())) {
+        LogText(log, "ERROR: CRC FAILED - " + hex);
+        continue;
+      }
+      const int32_t number = static_cast<int32_t>(PacketNumber(block.data()));
+      switch (ClassifyReply(block.data(), kLogDownloadMarkers)) {
+        case ReplyKind::Start:
+          ReadStartNumbers(block.data(), kLogDownloadMarkers, receipt.archiveSize, receipt.total);
+          std::printf("%s\n", zipPath.c_str());
+          receipt.received = 0;
+          receipt.written = 0;
+          break;
+        case ReplyKind::End:
+          output.Close();
+          receipt.received = 0;
+          end = AttemptEnd::Complete;
+          attempting = false;
+          break;
+        case ReplyKind::Data:
+          if (number != 0 && number != receipt.received && number > receipt.total) {
+            LogText(log, "Incorrect sequence # detected! - " + hex);
+            log->LogMessageCallBack("Expected sequence %d, but got %d instead.", static_cast<int>(receipt.received),
+                                    static_cast<int>(number));
+            end = AttemptEnd::SequenceError;
+            attempting = false;
+            break;
+          }
+          LogPercent(log, receipt, number == 0);
+          Accept(block, receipt, output);
+          break;
+      }
+    }
+    if (end == AttemptEnd::DeviceSilent) {
+      EndOperation();
+      return;
+    }
+    std::printf("\n");
+    log->LogMessageCallBack("Total file size = %d , Total packets = %d\n", static_cast<int>(receipt.archiveSize),
+                            static_cast<int>(receipt.total));
+    if (end == AttemptEnd::Complete) {
+      if (receipt.total > 0 && receipt.written != receipt.total) {
+        std::fprintf(stderr, "ferrolt: %d of %d data packets arrived; %s is incomplete.\n",
+                     static_cast<int>(receipt.written), static_cast<int>(receipt.total), zipPath.c_str());
+      }
+      break;
+    }
+    if (++restarts > limits::kMaxLogDownloadRestarts) {
+      LogText(log, "Error: The log archive arrived out of sequence " + std::to_string(restarts) +
+                       " times; log download stopped.");
+      EndOperation();
+      return;
+    }
+    // The next attempt sends the archive from its beginning.
+    output.Restart();
+  }
+  ReportProgress(progress, kProgressDone);
+  std::fflush(stdout);
+  EndOperation();
+}
+
+}  // namespace ferrolt

@@ -1,0 +1,20 @@
+// Small reporting helpers the file transfers share: a progress report to a
+// callback that may be absent, and a log line whose text is passed as an
+// argument, so a path or device text holding a '%' is never read as a format.
+#pragma once
+
+#include <string>
+
+#include "admin/Callbacks.h"
+
+namespace ferrolt {
+
+inline void ReportProgress(IProgressChangeCallBack* progress, int percent) {
+  if (progress != nullptr) progress->ProgressChangeCallBack(percent);
+}
+
+inline void LogText(ILogMessageCallBack* log, const std::string& text) {
+  if (log != nullptr) log->LogMessageCallBack("%s", text.c_str());
+}
+
+}  // namespace ferrolt

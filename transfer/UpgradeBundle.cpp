@@ -1,0 +1,304 @@
+// The upgrade worker: streams a bundle file to the device as numbered data
+// packets without waiting between them, goes back to a packet the device
+// refuses (go-back-N on the NACKs the response reader stores), then sends the
+// end packet and waits for the device's end report.
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <fstream>
+#include <limits>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "admin/DeviceAdmin.h"
+#include "link/DevicePacket.h"
+#include "link/Limits.h"
+
+namespace ferrolt {
+namespace {
+
+// Progress reported once the bundle file is open.
+constexpr int kFileOpenedProgress = 10;
+constexpr int kFullPercent = 100;
+constexpr int kNoPercentYet = -1;
+// NackedPacketNumber's "none" as the sender compares it.
+constexpr int32_t kNoNackSigned = -1;
+// Size and packet count travel as signed 32-bit numbers: larger files cannot
+// be described to the device.
+constexpr int64_t kLargestBundleSize = std::numeric_limits<int32_t>::max();
+constexpr int64_t kPieceSize = static_cast<int64_t>(kPayloadSize);
+
+// A log message that carries no arguments. The console reporter formats a
+// message twice, so a '%' meant to show as it stands is written as four.
+void LogText(ILogMessageCallBack* log, const std::string& text) {
+  if (log != nullptr) log->LogMessageCallBack(text);
+}
+
+std::string ShownAsTyped(const std::string& text) {
+  std::string escaped;
+  escaped.reserve(text.size());
+  for (char c : text) escaped += (c == '%') ? std::string("%%%%") : std::string(1, c);
+  return escaped;
+}
+
+int32_t PacketCountFor(int32_t size) {
+  return static_cast<int32_t>((static_cast<int64_t>(size) + kPieceSize - 1) / kPieceSize);
+}
+
+int PercentOf(int32_t index, int32_t count) {
+  return static_cast<int>(static_cast<int64_t>(index) * kFullPercent / count);
+}
+
+// The bundle file, read in 57-byte pieces from its position; nothing of it is
+// kept in memory beyond the stream's own buffer.
+class BundleFile {
+ public:
+  enum class Piece { Read, End, Failed };
+
+  bool Open(const std::string& path) {
+    stream_.open(path, std::ios::in | std::ios::binary);
+    return stream_.is_open();
+  }
+
+  // Steps to the end and reports the position reached there; a failed seek
+  // leaves the position where it was.
+  int64_t SeekToEnd(ILogMessageCallBack* log) {
+    LogText(log, "Getting File Size...Seeking to end of file.");
+    SeekAndReport(0, std::ios::end, log);
+    return Position();
+  }
+
+  void SeekToStart(ILogMessageCallBack* log) {
+    LogText(log, "Seeking to beginning of file.");
+    SeekAndReport(0, std::ios::beg, log);
+  }
+
+  void SeekToPacket(int32_t index) {
+    stream_.clear();
+    stream_.seekg(static_cast<int64_t>(index) * kPieceSize, std::ios::beg);
+  }
+
+  // Up to 57 bytes into piece; count gets how many came.
+  Piece ReadPiece(uint8_t* piece, uint8_t& count) {
+    stream_.read(reinterpret_cast<char*>(piece), kPieceSize);
+    count = static_cast<uint8_t>(stream_.gcount());
+    if (stream_.bad()) return Piece::Failed;
+    return count == 0 ? Piece::End : Piece::Read;
+  }
+
+  void Close() { stream_.close(); }
+
+ private:
+  void SeekAndReport(int64_t offset, std::ios::seekdir from, ILogMessageCallBack* log) {
+    stream_.clear();
+    stream_.seekg(offset, from);
+    if (stream_.fail()) {
+      stream_.clear();
+      return;
+    }
+    LogText(log, "Success.");
+  }
+
+  int64_t Position() {
+    const std::streamoff position = stream_.tellg();
+    stream_.clear();
+    return position < 0 ? 0 : static_cast<int64_t>(position);
+  }
+
+  std::ifstream stream_;
+};
+
+// How the data phase ended.
+enum class StreamEnd {
+  Sent,         // all packets written, or the file ended early
+  Stopped,      // OperationRunning found clear
+  WriteFailed,  // one packet could not be written within the retry bound
+  ReadFailed,   // the bundle file could not be read
+};
+
+// The data phase: one step per packet, in order, going back on a NACK for an
+// earlier packet.
+class PacketStream {
+ public:
+  PacketStream(UsbLink& link, std::mutex& linkMutex, const std::atomic<bool>& running, ReaderState& reader,
+               ILogMessageCallBack* log)
+      : link_(link), linkMutex_(linkMutex), running_(running), reader_(reader), log_(log) {}
+
+  StreamEnd Send(BundleFile& file, int32_t packetCount) {
+    int lastPercent = kNoPercentYet;
+    for (index_ = 0; index_ < packetCount; ++index_) {
+      if (!running_.load()) return StreamEnd::Stopped;
+      std::unique_lock<std::mutex> step(linkMutex_);
+      const bool resend = TakeNack(file);
+      uint8_t piece[kPayloadSize];
+      uint8_t count = 0;
+      const BundleFile::Piece read = file.ReadPiece(piece, count);
+      if (read == BundleFile::Piece::End) return StreamEnd::Sent;
+      if (read == BundleFile::Piece::Failed) return StreamEnd::ReadFailed;
+      Block packet{};
+      BuildPacket(static_cast<uint8_t>(PacketType::Upgrade), static_cast<uint32_t>(index_), piece, count,
+                  packet.data());
+      if (resend) LogText(log_, "Write data :" + BytesToHex(packet.data(), static_cast<int>(kBlockSize)));
+      if (!WriteWithRetries(packet, step)) return StreamEnd::WriteFailed;
+      ReportProgress(PercentOf(index_, packetCount), lastPercent);
+    }
+    return StreamEnd::Sent;
+  }
+
+  int32_t Index() const { return index_; }
+
+ private:
+  // A NACK for a packet already sent moves the stream back to it. Numbers at
+  // or above the current index stay stored for a later step.
+  bool TakeNack(BundleFile& file) {
+    uint32_t stored = reader_.NackedPacketNumber.load();
+    const int32_t nacked = static_cast<int32_t>(stored);
+    if (nacked == kNoNackSigned || nacked < 0 || nacked >= index_) return false;
+    std::printf("Resending NACK packet, packet No : %d\n", nacked);
+    index_ = nacked;
+    file.SeekToPacket(nacked);
+    // Only clear the number we acted on: a NACK stored since then must survive.
+    reader_.NackedPacketNumber.compare_exchange_strong(stored, kNoNack);
+    return true;
+  }
+
+  // Writes until the packet is written, the run is stopped, or the retry
+  // bound is reached. The step's lock is released after the first attempt so
+  // a slow device never holds it across retries.
+  bool WriteWithRetries(const Block& packet, std::unique_lock<std::mutex>& step) {
+    int failures = 0;
+    while (running_.load()) {
+      const TransferStatus status = link_.WritePacket(packet.data(), kBlockSize, log_);
+      if (step.owns_lock()) step.unlock();
+      if (status == TransferStatus::Done) return true;
+      std::printf("A write retry was detected!\n");
+      if (++failures >= limits::kMaxWriteRetries) return false;
+    }
+    return true;
+  }
+
+  void ReportProgress(int percent, int& lastPercent) {
+    if (percent == lastPercent) return;
+    if (log_ != nullptr) log_->LogMessageCallBack("Progress: %d%%%%", percent);
+    lastPercent = percent;
+    std::fflush(stdout);
+  }
+
+  UsbLink& link_;
+  std::mutex& linkMutex_;
+  const std::atomic<bool>& running_;
+  ReaderState& reader_;
+  ILogMessageCallBack* log_;
+  int32_t index_ = 0;
+};
+
+// The wait for the reader's end report. Ends early on a cancel or after
+// limits::kUpgradeEndReportWait; true when the reader is done.
+bool WaitForEndReport(const ReaderState& reader, const std::atomic<bool>& running) {
+  const auto deadline = std::chrono::steady_clock::now() + limits::kUpgradeEndReportWait;
+  while (!reader.ReaderDone.load()) {
+    if (!running.load() || std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(limits::kUpgradeEndReportPoll);
+  }
+  return true;
+}
+
+void PrintSummary(int32_t size, int32_t packetCount) {
+  std::printf("\n-------------------------------------------\n");
+  std::printf("File Size = %d\n", size);
+  std::printf("Packet Count = %d\n", packetCount);
+}
+
+void ReportStreamFailure(StreamEnd streamEnd, int32_t index, ILogMessageCallBack* log) {
+  if (log == nullptr) return;
+  if (streamEnd == StreamEnd::WriteFailed) {
+    log->LogMessageCallBack("Error: Packet %d could not be written after %d attempts. Upgrading is stopped.", index,
+                            limits::kMaxWriteRetries);
+  } else {
+    log->LogMessageCallBack("Error: Reading the bundle file failed at packet %d. Upgrading is stopped.", index);
+  }
+}
+
+int SecondsOf(std::chrono::milliseconds wait) {
+  return static_cast<int>(std::chrono::duration_cast<std::chrono::seconds>(wait).count());
+}
+
+}  // namespace
+
+void DeviceAdmin::UpgradeBundle(std::string bundlePath, IProgressChangeCallBack* progress, ILogMessageCallBack* log,
+                                bool /*verbose: the upgrade reports the same either way*/) {
+  const std::string shownPath = ShownAsTyped(bundlePath);
+  BundleFile file;
+  if (!file.Open(bundlePath)) {
+    LogText(log, "Error: Can not find specified file - " + shownPath);
+    EndOperation();
+    return;
+  }
+  LogText(log, "I found specified file - " + shownPath);
+  std::printf("SPI SUPPORT IS TURNED ON!\n");
+  if (progress != nullptr) progress->ProgressChangeCallBack(kFileOpenedProgress);
+
+  const int64_t fileSize = file.SeekToEnd(log);
+  file.SeekToStart(log);
+  if (fileSize > kLargestBundleSize) {
+    LogText(log, "Error: The bundle file is 2 GiB or larger, more than the device can take - " + shownPath);
+    EndOperation();
+    return;
+  }
+  const int32_t size = static_cast<int32_t>(fileSize);
+  const int32_t packetCount = PacketCountFor(size);
+
+  const Block start = BuildRawTextBlock("Starting Upgrade " + std::to_string(size) + " " + std::to_string(packetCount));
+  if (Link.WritePacket(start.data(), kBlockSize, log) != TransferStatus::Done) {
+    LogText(log, "Failed in writing 'Starting Upgrade' to device.");
+    EndOperation();
+    return;
+  }
+  LogText(log, "Successful in writing 'Starting Upgrade' to device.");
+  LogText(log, "Downloading Upgrade Bundle now.");
+
+  PacketStream stream(Link, LinkMutex, OperationRunning, Reader, log);
+  const StreamEnd streamEnd = stream.Send(file, packetCount);
+  if (streamEnd == StreamEnd::WriteFailed || streamEnd == StreamEnd::ReadFailed) {
+    ReportStreamFailure(streamEnd, stream.Index(), log);
+    EndOperation();
+    return;
+  }
+  if (!OperationRunning.load()) {
+    std::printf("Upgrading is aborted.\n");
+    return;
+  }
+
+  LogText(log, "Progress: 100%%%%");
+  file.Close();
+  const Block end = BuildTextPacket(PacketType::Upgrade, "Ending Upgrade");
+  const TransferStatus endStatus = Link.WritePacket(end.data(), kBlockSize, log);
+  if (endStatus != TransferStatus::Done) {
+    std::printf("The error code is: %d\n", static_cast<int>(endStatus));
+  } else {
+    LogText(log, "Download of upgrade bundle to device has completed.");
+  }
+  PrintSummary(size, packetCount);
+
+  if (!WaitForEndReport(Reader, OperationRunning) && OperationRunning.load()) {
+    if (log != nullptr) {
+      log->LogMessageCallBack("Error: The device sent no end report within %d seconds.",
+                              SecondsOf(limits::kUpgradeEndReportWait));
+    }
+    EndOperation();
+    return;
+  }
+  if (Reader.ReaderDone.load()) std::printf("I am done with the reader thread.\n");
+  if (!OperationRunning.load()) {
+    std::printf("Upgrading is aborted.\n");
+    return;
+  }
+  Link.CloseDevice();
+  LogText(log, "Please wait until reboot of device is done.");
+  OperationRunning.store(false);
+}
+
+}  // namespace ferrolt

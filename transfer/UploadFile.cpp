@@ -1,0 +1,201 @@
+// The upload: a start command naming the file, the file in numbered 57-byte
+// packets sent stop-and-wait (a refused packet goes again at once), and an end
+// command. A failed write closes, reopens and writes again, a bounded number
+// of times.
+#include <atomic>
+#include <cstdio>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "admin/DeviceAdmin.h"
+#include "link/DevicePacket.h"
+#include "link/Limits.h"
+#include "transfer/Reports.h"
+
+namespace ferrolt {
+
+namespace {
+
+constexpr int kProgressStarted = 5;
+constexpr int kProgressFileOpen = 10;
+constexpr int kProgressStartWritten = 15;
+constexpr int kProgressDone = 100;
+// The start text must leave room for its terminating zero in the block.
+constexpr size_t kMaxStartTextLength = kBlockSize - 1;
+// Size and packet count travel as signed 32-bit numbers.
+constexpr long kMaxUploadSize = std::numeric_limits<int32_t>::max();
+// Byte 6 of a type-4 reply that refuses the last data packet.
+constexpr uint8_t kNackMark = 1;
+
+using FileHandle = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
+
+// The name the device stores the file under: what follows the last backslash.
+std::string FileNameOf(const std::string& localPath) {
+  const size_t slash = localPath.rfind('\\');
+  return slash == std::string::npos ? localPath : localPath.substr(slash + 1);
+}
+
+int32_t PacketCountFor(int32_t size) {
+  return size / static_cast<int32_t>(kPayloadSize) + (size % static_cast<int32_t>(kPayloadSize) != 0 ? 1 : 0);
+}
+
+// The file's size from its end position, the read position back at the start;
+// -1 when it cannot be measured.
+long MeasureFile(std::FILE* file) {
+  if (std::fseek(file, 0, SEEK_END) != 0) return -1;
+  const long size = std::ftell(file);
+  std::rewind(file);
+  return size;
+}
+
+bool IsNack(const Block& reply) {
+  return reply[kTypeOffset] == static_cast<uint8_t>(PacketType::Cli) && reply[kPayloadOffset] == kNackMark;
+}
+
+enum class WriteOutcome { Written, LinkLost, GaveUp, Cancelled };
+
+// Writes one block; after a failed write: reconnect, pause, write again, at
+// most limits::kMaxReconnectRounds times. The running flag is looked at
+// before every round so a cancel does not wait out the rounds.
+WriteOutcome WriteWithReconnect(UsbLink& link, const Block& block, ILogMessageCallBack* log,
+                                const char* failureLine, const std::function<bool()>& reconnect,
+                                const std::atomic<bool>& running) {
+  for (int round = 0;; ++round) {
+    if (link.WritePacket(block.data(), kBlockSize, log) == TransferStatus::Done) return WriteOutcome::Written;
+    if (failureLine != nullptr) LogText(log, failureLine);
+    if (!running.load()) return WriteOutcome::Cancelled;
+    if (round == limits::kMaxReconnectRounds) return WriteOutcome::GaveUp;
+    if (!reconnect()) return WriteOutcome::LinkLost;
+    std::this_thread::sleep_for(limits::kReconnectPause);
+  }
+}
+
+void PrintProgressIfChanged(int32_t index, int32_t count, int& lastPercent) {
+  const int percent = static_cast<int>(static_cast<int64_t>(index) * 100 / count);
+  if (percent == lastPercent) return;
+  std::printf("\rProgress: %d%%", percent);
+  std::fflush(stdout);
+  lastPercent = percent;
+}
+
+}  // namespace
+
+void DeviceAdmin::UploadFile(std::string localPath, IProgressChangeCallBack* progress, ILogMessageCallBack* log) {
+  ReportProgress(progress, kProgressStarted);
+  if (!OperationRunning.load()) {
+    Link.CloseDevice();
+    return;
+  }
+  const std::string name = FileNameOf(localPath);
+  std::printf("File to send: %s\n", name.c_str());
+
+  FileHandle file(std::fopen(localPath.c_str(), "rb"), &std::fclose);
+  if (file == nullptr) {
+    LogText(log, "Error: Can not find specified file - " + localPath);
+    EndOperation();
+    return;
+  }
+  std::printf("SPI SUPPORT IS TURNED ON!\n");
+  ReportProgress(progress, kProgressFileOpen);
+
+  const long measured = MeasureFile(file.get());
+  if (measured < 0 || measured > kMaxUploadSize) {
+    LogText(log, "Error: Files of 2 GiB or more can not be uploaded - " + localPath);
+    EndOperation();
+    return;
+  }
+  const int32_t size = static_cast<int32_t>(measured);
+  const int32_t count = PacketCountFor(size);
+  char startText[kBlockSize * 4];
+  const int startLength = std::snprintf(startText, sizeof startText, "Starting upload %d %d %s", static_cast<int>(size),
+                                        static_cast<int>(count), name.c_str());
+  if (startLength < 0 || static_cast<size_t>(startLength) > kMaxStartTextLength) {
+    LogText(log, "Error: The file name is too long for the device - " + name);
+    EndOperation();
+    return;
+  }
+
+  Link.FlushPipes();
+  const std::function<bool()> reconnect = [this, log] { return Reconnect(log); };
+  auto endAfter = [&](WriteOutcome outcome, int32_t index) {
+    if (outcome == WriteOutcome::LinkLost) {
+      std::printf("Failed to open device\n");
+    } else if (outcome == WriteOutcome::GaveUp) {
+      LogText(log, "Error: The device did not take the upload after " + std::to_string(limits::kMaxReconnectRounds) +
+                       " reconnects; upload stopped.");
+    } else if (outcome == WriteOutcome::Cancelled) {
+      // "Ending upload" is not sent: the device would keep the part that
+      // arrived as if it were the whole file.
+      LogText(log, "Upload canceled after " + std::to_string(index) + " of " + std::to_string(count) +
+                       " packets; the end command was not sent.");
+    }
+    EndOperation();
+  };
+
+  const Block startBlock = BuildRawTextBlock(startText);
+  const WriteOutcome started =
+      WriteWithReconnect(Link, startBlock, log, "Failed in writing 'File Upload' to device.", reconnect,
+                         OperationRunning);
+  if (started != WriteOutcome::Written) {
+    endAfter(started, 0);
+    return;
+  }
+  LogText(log, "Succeeded in writing 'File Upload' to device.");
+  std::this_thread::sleep_for(limits::kReconnectPause);
+  ReportProgress(progress, kProgressStartWritten);
+  std::printf("FILE UPLOADING TO DEVICE...\n");
+
+  int lastPercent = -1;
+  for (int32_t index = 0; index < count; ++index) {
+    uint8_t chunk[kPayloadSize];
+    const size_t got = std::fread(chunk, 1, kPayloadSize, file.get());
+    if (got == 0) {
+      if (std::ferror(file.get()) == 0) break;
+      LogText(log, "Error: Reading the local file failed at packet " + std::to_string(index) + "; upload stopped.");
+      EndOperation();
+      return;
+    }
+    Block packet{};
+    BuildPacket(static_cast<uint8_t>(PacketType::Upload), static_cast<uint32_t>(index), chunk,
+                static_cast<uint8_t>(got), packet.data());
+    for (;;) {
+      const WriteOutcome sent = WriteWithReconnect(Link, packet, log, nullptr, reconnect, OperationRunning);
+      if (sent == WriteOutcome::Written && !OperationRunning.load()) {
+        endAfter(WriteOutcome::Cancelled, index + 1);
+        return;
+      }
+      if (sent != WriteOutcome::Written) {
+        endAfter(sent, index);
+        return;
+      }
+      PrintProgressIfChanged(index, count, lastPercent);
+      Block reply{};
+      uint32_t received = 0;
+      if (Link.ReadPacket(reply.data(), kBlockSize, log, &received) != TransferStatus::Done) break;
+      LogText(log, "Write data:" + BytesToHex(packet.data(), kBlockSize));
+      if (!IsNack(reply)) break;
+      LogText(log, "A NACK has occurred!");
+      LogText(log, "Read data :" + BytesToHex(reply.data(), static_cast<int>(received)));
+    }
+  }
+  file.reset();
+
+  const Block endBlock = BuildRawTextBlock("Ending upload");
+  if (Link.WritePacket(endBlock.data(), kBlockSize, log) == TransferStatus::Done) {
+    LogText(log, "Succeeded in writing 'Ending upload' to device.");
+  } else {
+    LogText(log, "Failed in writing 'Ending upload' to device.");
+  }
+  std::printf("\n-------------------------------------------\n");
+  std::printf("File Size = %d\n", static_cast<int>(size));
+  std::printf("Packet Count = %d\n", static_cast<int>(count));
+  ReportProgress(progress, kProgressDone);
+  std::printf("Finished File Upload!\n");
+  std::fflush(stdout);
+  EndOperation();
+}
+
+}  // namespace ferrolt
