@@ -43,7 +43,7 @@ TEST_F(CliOutputTest, PrintsEachPacketsBytesUntilTheEndTextInAnyCase) {
                 corrupt[63] ^ 0x5A);
   EXPECT_EQ(OutputAfterCommand(out.Text()), "abc\n100%n\n" + std::string(crcLines) + std::string(57, 'x'));
   EXPECT_TRUE(log.Lines().empty());
-  EXPECT_TRUE(progress.Percents().empty());
+  EXPECT_TRUE(progress.Reports().empty());
 }
 
 TEST_F(CliOutputTest, CommandOfSixtyCharactersSendsItsFirstFiftySevenWithoutTerminator) {
@@ -85,7 +85,7 @@ TEST_F(VersionExchangeTest, ReadThatGetsNothingSendsTheRequestAgain) {
   EXPECT_EQ(device.Written().size(), 2u);
   ASSERT_EQ(version.Texts().size(), 2u);
   EXPECT_EQ(version.Texts()[1], "Version - 4.5.6");
-  EXPECT_EQ(progress.Percents(), std::vector<int>{100});
+  EXPECT_EQ(progress.Reports(), std::vector<int>{100});
 }
 
 TEST_F(VersionExchangeTest, ReplyOfAnotherTypeGivesOnlyTheHexLine) {
@@ -95,7 +95,7 @@ TEST_F(VersionExchangeTest, ReplyOfAnotherTypeGivesOnlyTheHexLine) {
   ASSERT_EQ(version.Texts().size(), 1u);
   EXPECT_EQ(version.Texts()[0].substr(0, 13), "Read data :04");
   EXPECT_EQ(version.Texts()[0].size(), 11u + 128u);
-  EXPECT_EQ(progress.Percents(), std::vector<int>{100});
+  EXPECT_EQ(progress.Reports(), std::vector<int>{100});
   EXPECT_EQ(out.Text(), "Device speed: 3 (High speed).\nVERBOSE MODE DETECTED!\nSPI SUPPORT IS TURNED ON!\n");
 }
 
@@ -110,7 +110,7 @@ TEST_F(StalledResendTest, CaptouchGivesUpAfterItsBoundWithOneLine) {
   expected.push_back("Error: Giving up after 5 failed attempts to send the reboot message.");
   EXPECT_EQ(log.Lines(), expected);
   EXPECT_EQ(device.Written().size(), 5u);
-  EXPECT_EQ(progress.Percents(), std::vector<int>{5});
+  EXPECT_EQ(progress.Reports(), std::vector<int>{5});
   EXPECT_EQ(device.Opens(), device.Closes());
 }
 
@@ -123,7 +123,7 @@ TEST_F(StalledResendTest, OrtStopsWhenTheLinkCannotBeReopened) {
                                 "Error:Failed to connect to the bulk interface, device might be disconnected"}));
   const std::string text = out.Text();
   EXPECT_EQ(text.substr(text.size() - 22), "Failed to open device\n");
-  EXPECT_EQ(progress.Percents(), std::vector<int>{5});
+  EXPECT_EQ(progress.Reports(), std::vector<int>{5});
 }
 
 }  // namespace

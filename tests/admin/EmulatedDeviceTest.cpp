@@ -69,7 +69,7 @@ TEST_F(PresentDeviceTest, VersionReportsTheHexReplyThenTheVersionText) {
   ASSERT_TRUE(OperationEnds(admin));
   const Block reply = BuildTextPacket(PacketType::Version, kDeviceVersion);
   EXPECT_EQ(version.Texts(), (Lines{"Read data :" + BytesToHex(reply.data(), 64), "Version - 1.2.3"}));
-  EXPECT_EQ(progress.Percents(), std::vector<int>{100});
+  EXPECT_EQ(progress.Reports(), std::vector<int>{100});
   EXPECT_TRUE(log.Lines().empty());
   EXPECT_EQ(out.Text(), std::string(kOpened) + "NONVERBOSE MODE DETECTED!\nSPI SUPPORT IS TURNED ON!\n");
 }
@@ -94,7 +94,7 @@ TEST_F(PresentDeviceTest, CliSessionSwitchesModeAndPrintsCommandOutput) {
   ASSERT_TRUE(OperationEnds(admin));
   EXPECT_EQ(PayloadTextOf(LastReceived()), "CLI Off");
   EXPECT_EQ(log.Lines(), (Lines{"STARTING CLI MODE...\n", "Ending CLI Mode now."}));
-  EXPECT_TRUE(progress.Percents().empty());
+  EXPECT_TRUE(progress.Reports().empty());
 }
 
 TEST_F(PresentDeviceTest, OrtStartAndEndSendTheirTexts) {
@@ -111,7 +111,7 @@ TEST_F(PresentDeviceTest, OrtStartAndEndSendTheirTexts) {
   ASSERT_TRUE(OperationEnds(admin));
   EXPECT_EQ(PayloadTextOf(LastReceived()), "ort end");
   EXPECT_EQ(log.Lines(), (Lines{"Sent ORT message to device successfully.", "Sent 'ort end' to device successfully."}));
-  EXPECT_EQ(progress.Percents(), (std::vector<int>{5, 100, 5, 100}));
+  EXPECT_EQ(progress.Reports(), (std::vector<int>{5, 100, 5, 100}));
   EXPECT_EQ(out.Text(), std::string(kOpened) + "SPI SUPPORT IS TURNED ON!\nNONVERBOSE MODE DETECTED!\n" + kOpened +
                             "SPI SUPPORT IS TURNED ON!\n");
 }
@@ -123,7 +123,7 @@ TEST_F(PresentDeviceTest, CaptouchSendsTheRawRebootBlock) {
   const std::string expected = "\rreboot\r" + std::string(55, ' ') + std::string(1, '\0');
   EXPECT_EQ(std::string(sent.begin(), sent.end()), expected);
   EXPECT_EQ(log.Lines(), Lines{"Sent reboot message to device successfully."});
-  EXPECT_EQ(progress.Percents(), (std::vector<int>{5, 100}));
+  EXPECT_EQ(progress.Reports(), (std::vector<int>{5, 100}));
 }
 
 TEST_F(PresentDeviceTest, CancelDuringAnUpgradeWaitsThenSendsOneCancelThenPrintsThenSignals) {
@@ -172,7 +172,7 @@ TEST_F(AbsentDeviceTest, VersionPrintsNotFoundAndLogsTheFailedWrite) {
   EXPECT_EQ(out.Text(), std::string(kNotFound) + "NONVERBOSE MODE DETECTED!\nSPI SUPPORT IS TURNED ON!\n");
   EXPECT_EQ(log.Lines(), Lines{"Failed in writing 'Version Retrieval' to device."});
   EXPECT_TRUE(version.Texts().empty());
-  EXPECT_TRUE(progress.Percents().empty());
+  EXPECT_TRUE(progress.Reports().empty());
 }
 
 TEST_F(AbsentDeviceTest, CliStartPrintsFailedToOpenAndCommandOnlyLogs) {
@@ -203,7 +203,7 @@ TEST_F(CorruptReplyTest, VersionPrintsTheThreeCrcLines) {
   EXPECT_EQ(out.Text(), std::string(kOpened) + "NONVERBOSE MODE DETECTED!\nSPI SUPPORT IS TURNED ON!\n" + crcLines);
   ASSERT_EQ(version.Texts().size(), 1u);
   EXPECT_EQ(version.Texts()[0].substr(0, 11), "Read data :");
-  EXPECT_EQ(progress.Percents(), std::vector<int>{100});
+  EXPECT_EQ(progress.Reports(), std::vector<int>{100});
 }
 
 // Given a device that withholds every write completion, each operation ends
@@ -217,7 +217,7 @@ TEST_F(StalledWritesTest, VersionLogsTheFailedWriteWithoutProgress) {
   ASSERT_EQ(admin.RetrieveVersionAsync(&version, &progress, &log, false), 0);
   ASSERT_TRUE(OperationEnds(admin));
   EXPECT_EQ(log.Lines(), Lines{"Failed in writing 'Version Retrieval' to device."});
-  EXPECT_TRUE(progress.Percents().empty());
+  EXPECT_TRUE(progress.Reports().empty());
 }
 
 TEST_F(StalledWritesTest, CliStartAndStopReconnectSilently) {
@@ -242,7 +242,7 @@ TEST_F(StalledWritesTest, OrtStartGivesUpAfterItsBound) {
   Lines expected(5, "Failed to send ORT message to device.");
   expected.push_back("Error: Giving up after 5 failed attempts to send the ORT message.");
   EXPECT_EQ(log.Lines(), expected);
-  EXPECT_EQ(progress.Percents(), std::vector<int>{5});
+  EXPECT_EQ(progress.Reports(), std::vector<int>{5});
 }
 
 }  // namespace

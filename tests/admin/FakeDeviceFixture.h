@@ -9,7 +9,8 @@
 
 #include "admin/DeviceAdmin.h"
 #include "tests/admin/FakeDevice.h"
-#include "tests/admin/RecordingCallbacks.h"
+#include "tests/admin/StdoutCapture.h"
+#include "tests/support/RecordingCallbacks.h"
 
 namespace ferrolt::test {
 

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
-#include "tests/admin/RecordingCallbacks.h"
+#include "tests/admin/StdoutCapture.h"
 #include "tests/support/TestSupport.h"
 
 namespace ferrolt::test {

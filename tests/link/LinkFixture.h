@@ -10,7 +10,7 @@
 #include "link/UsbLink.h"
 #include "platform/Event.h"
 #include "tests/link/FakeBackend.h"
-#include "tests/link/RecordingLog.h"
+#include "tests/support/RecordingCallbacks.h"
 
 namespace ferrolt::test {
 

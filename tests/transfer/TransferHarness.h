@@ -1,4 +1,4 @@
-// What the transfer tests share: recording callbacks, and a DeviceAdmin on
+// What the transfer tests share: a DeviceAdmin, with recording callbacks, on
 // the emulator link to a running ferrolt-devsim whose root the test fills.
 #pragma once
 
@@ -17,55 +17,10 @@
 
 #include "admin/DeviceAdmin.h"
 #include "platform/emulator/EmulatorBackend.h"
+#include "tests/support/RecordingCallbacks.h"
 #include "tests/support/TestSupport.h"
 
 namespace ferrolt::test {
-
-class RecordingLog final : public ILogMessageCallBack {
- public:
-  void LogMessageCallBack(std::string format, ...) override {
-    char text[4096];
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(text, sizeof text, format.c_str(), args);
-    va_end(args);
-    std::lock_guard<std::mutex> lock(mutex_);
-    lines_.push_back(text);
-  }
-  std::vector<std::string> Lines() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return lines_;
-  }
-  size_t CountStartingWith(const std::string& prefix) const {
-    const auto lines = Lines();
-    return static_cast<size_t>(
-        std::count_if(lines.begin(), lines.end(), [&](const std::string& line) { return line.rfind(prefix, 0) == 0; }));
-  }
-  bool Has(const std::string& line) const {
-    const auto lines = Lines();
-    return std::find(lines.begin(), lines.end(), line) != lines.end();
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::string> lines_;
-};
-
-class RecordingProgress final : public IProgressChangeCallBack {
- public:
-  void ProgressChangeCallBack(int percent) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    reports_.push_back(percent);
-  }
-  std::vector<int> Reports() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return reports_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<int> reports_;
-};
 
 // What opening the link prints for the emulated high-speed device.
 inline const std::string kSpeedLine = "Device speed: 3 (High speed).\n";

@@ -1,7 +1,10 @@
-// Callbacks that record what an operation reported, and a capture of the
-// process's standard output that can be read while it is being written.
+// Callbacks that keep what an operation reported: the log messages after
+// their first formatting pass (so "%%%%" in a format is kept as "%%"), the
+// progress values and the version texts, in order. Safe to call from the
+// worker and the response reader at once.
 #pragma once
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
@@ -12,44 +15,55 @@
 
 namespace ferrolt::test {
 
-class RecordingLog : public ILogMessageCallBack {
+class RecordingLog final : public ILogMessageCallBack {
  public:
   void LogMessageCallBack(std::string format, ...) override {
-    char text[1024] = {};
+    char text[kMessageCapacity] = {};
     va_list args;
     va_start(args, format);
     std::vsnprintf(text, sizeof text, format.c_str(), args);
     va_end(args);
     std::lock_guard<std::mutex> lock(mutex_);
-    lines_.push_back(text);
+    lines_.emplace_back(text);
   }
   std::vector<std::string> Lines() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return lines_;
   }
+  bool Has(const std::string& line) const {
+    const auto lines = Lines();
+    return std::find(lines.begin(), lines.end(), line) != lines.end();
+  }
+  size_t CountStartingWith(const std::string& prefix) const {
+    const auto lines = Lines();
+    return static_cast<size_t>(
+        std::count_if(lines.begin(), lines.end(), [&](const std::string& line) { return line.rfind(prefix, 0) == 0; }));
+  }
 
  private:
+  // As the console reporter's message buffer.
+  static constexpr size_t kMessageCapacity = 1024;
   mutable std::mutex mutex_;
   std::vector<std::string> lines_;
 };
 
-class RecordingProgress : public IProgressChangeCallBack {
+class RecordingProgress final : public IProgressChangeCallBack {
  public:
   void ProgressChangeCallBack(int percent) override {
     std::lock_guard<std::mutex> lock(mutex_);
-    percents_.push_back(percent);
+    reports_.push_back(percent);
   }
-  std::vector<int> Percents() const {
+  std::vector<int> Reports() const {
     std::lock_guard<std::mutex> lock(mutex_);
-    return percents_;
+    return reports_;
   }
 
  private:
   mutable std::mutex mutex_;
-  std::vector<int> percents_;
+  std::vector<int> reports_;
 };
 
-class RecordingVersion : public IVersionInfoReadyCallBack {
+class RecordingVersion final : public IVersionInfoReadyCallBack {
  public:
   void VersionInfoReadyCallBack(std::string version) override {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -63,21 +77,6 @@ class RecordingVersion : public IVersionInfoReadyCallBack {
  private:
   mutable std::mutex mutex_;
   std::vector<std::string> texts_;
-};
-
-// Redirects file descriptor 1 into a temporary file for its lifetime.
-class StdoutCapture {
- public:
-  StdoutCapture();
-  ~StdoutCapture();
-  StdoutCapture(const StdoutCapture&) = delete;
-  StdoutCapture& operator=(const StdoutCapture&) = delete;
-  // Everything written so far.
-  std::string Text() const;
-
- private:
-  int savedFd_ = -1;
-  std::string path_;
 };
 
 }  // namespace ferrolt::test
