@@ -3,92 +3,27 @@
 // same link (writes for the upload, reads of the device's stream for the
 // download), and the peak memory of a spawned ferrolt for a small and a large
 // file, which must not grow with the file.
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <random>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "admin/DeviceAdmin.h"
+#include "bench/support/BenchSupport.h"
 #include "link/DeviceIds.h"
 #include "link/DevicePacket.h"
 #include "link/Limits.h"
 #include "platform/emulator/EmulatorBackend.h"
 
-extern char** environ;
-
+namespace ferrolt::bench {
 namespace {
-
-namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
-using std::chrono::milliseconds;
 
 constexpr size_t kThroughputFile = size_t{2} << 20;
 constexpr size_t kSmallFile = size_t{1} << 20;
 constexpr size_t kLargeFile = size_t{16} << 20;
-constexpr milliseconds kDeviceStartLimit{10000};
-constexpr milliseconds kPollStep{2};
-constexpr milliseconds kRunLimit{300000};
-constexpr milliseconds kShutdownBound{2000};
-constexpr double kKiB = 1024.0;
 
-class NullLog final : public ferrolt::ILogMessageCallBack {
- public:
-  void LogMessageCallBack(std::string, ...) override {}
-};
-
-double Seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
-
-void WriteRandomFile(const fs::path& path, size_t size) {
-  std::mt19937 generator(static_cast<unsigned>(size));
-  std::string bytes(size, '\0');
-  for (char& byte : bytes) byte = static_cast<char>(generator());
-  std::ofstream(path, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-}
-
-// A child process with its output discarded.
-pid_t Spawn(const std::vector<std::string>& args, const std::vector<std::string>& extraEnv) {
-  std::vector<char*> argv;
-  for (const auto& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-  argv.push_back(nullptr);
-  std::vector<std::string> envStrings(extraEnv);
-  for (char** e = environ; *e != nullptr; ++e) envStrings.emplace_back(*e);
-  std::vector<char*> envp;
-  for (auto& e : envStrings) envp.push_back(e.data());
-  envp.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-  pid_t pid = -1;
-  if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()) != 0) pid = -1;
-  posix_spawn_file_actions_destroy(&actions);
-  return pid;
-}
-
-// Peak resident memory (KiB) of one ferrolt run, or -1.
-long PeakMemoryOf(const std::vector<std::string>& args, const std::string& endpoint) {
-  std::vector<std::string> argv{FERROLT_BIN};
-  argv.insert(argv.end(), args.begin(), args.end());
-  const pid_t pid = Spawn(argv, {std::string(ferrolt::platform::kEmulatorVariable) + "=" + endpoint});
-  if (pid < 0) return -1;
-  int status = 0;
-  rusage usage{};
-  if (wait4(pid, &status, 0, &usage) != pid) return -1;
-  return usage.ru_maxrss;
-}
-
-bool WaitUntilIdle(ferrolt::DeviceAdmin& admin) {
+bool WaitUntilIdle(DeviceAdmin& admin) {
   const auto deadline = Clock::now() + kRunLimit;
   while (admin.IsOperationRunning()) {
     if (Clock::now() >= deadline) return false;
@@ -100,19 +35,21 @@ bool WaitUntilIdle(ferrolt::DeviceAdmin& admin) {
 // Seconds of one upload's data phase (the fixed pause after the start
 // command taken out).
 double TimeUpload(const std::string& endpoint, const std::string& name) {
-  ferrolt::DeviceAdmin admin(ferrolt::platform::CreateEmulatorBackend(endpoint));
+  DeviceAdmin admin(platform::CreateEmulatorBackend(endpoint));
   NullLog log;
+  QuietStdout quiet;
   const auto start = Clock::now();
   admin.UploadFileAsync(name, nullptr, &log);
   const bool ended = WaitUntilIdle(admin);
-  const double taken = Seconds(Clock::now() - start) - Seconds(ferrolt::limits::kReconnectPause);
+  const double taken = Seconds(Clock::now() - start) - Seconds(limits::kReconnectPause);
   admin.Shutdown(kShutdownBound);
   return ended ? taken : -1;
 }
 
 double TimeDownload(const std::string& endpoint, const std::string& devicePath, const fs::path& savePath) {
-  ferrolt::DeviceAdmin admin(ferrolt::platform::CreateEmulatorBackend(endpoint));
+  DeviceAdmin admin(platform::CreateEmulatorBackend(endpoint));
   NullLog log;
+  QuietStdout quiet;
   const auto start = Clock::now();
   admin.DownloadFileAsync(devicePath, savePath.string(), nullptr, &log);
   const bool ended = WaitUntilIdle(admin);
@@ -129,75 +66,91 @@ struct RawPump {
 // count blocks written one by one, then count blocks of the device's stream
 // of devicePath read one by one, with nothing done to them.
 RawPump PumpRaw(const std::string& endpoint, int count, const std::string& devicePath) {
-  auto backend = ferrolt::platform::CreateEmulatorBackend(endpoint);
-  ferrolt::platform::Event cancel;
-  ferrolt::UsbLink link(*backend, cancel);
+  auto backend = platform::CreateEmulatorBackend(endpoint);
+  platform::Event cancel;
+  UsbLink link(*backend, cancel);
+  QuietStdout quiet;  // the link prints the device speed
   RawPump pump;
-  if (!link.ConnectDevice(ferrolt::kProductId, ferrolt::kVendorId, nullptr)) return pump;
-  ferrolt::Block block{};
+  if (!link.ConnectDevice(kProductId, kVendorId, nullptr)) return pump;
+  Block block{};
   auto start = Clock::now();
-  for (int i = 0; i < count; ++i) link.WritePacket(block.data(), ferrolt::kBlockSize, nullptr);
+  for (int i = 0; i < count; ++i) link.WritePacket(block.data(), kBlockSize, nullptr);
   pump.writeSeconds = Seconds(Clock::now() - start);
   link.CloseDevice();
-  if (!link.ConnectDevice(ferrolt::kProductId, ferrolt::kVendorId, nullptr)) return pump;
-  const ferrolt::Block request =
-      ferrolt::BuildTextPacket(ferrolt::PacketType::Download, "Starting download " + devicePath);
+  if (!link.ConnectDevice(kProductId, kVendorId, nullptr)) return pump;
+  const Block request = BuildTextPacket(PacketType::Download, "Starting download " + devicePath);
   start = Clock::now();
-  link.WritePacket(request.data(), ferrolt::kBlockSize, nullptr);
+  link.WritePacket(request.data(), kBlockSize, nullptr);
   for (int i = 0; i < count; ++i) {
-    if (link.ReadPacketBlocking(block.data(), ferrolt::kBlockSize, nullptr) != 0) return pump;
+    if (link.ReadPacketBlocking(block.data(), kBlockSize, nullptr) != 0) return pump;
   }
   pump.readSeconds = Seconds(Clock::now() - start);
   link.CloseDevice();
   return pump;
 }
 
-}  // namespace
+// The tool's throughput as a share of the raw pump's.
+double Ratio(double toolSeconds, double rawSeconds) {
+  return toolSeconds > 0 && rawSeconds > 0 ? rawSeconds / toolSeconds : 0;
+}
 
-int main() {
-  const fs::path work = fs::temp_directory_path() / ("ferrolt-bench-files-" + std::to_string(getpid()));
-  fs::create_directories(work / "root" / "tmp");
-  const std::string endpoint = (work / "device.sock").string();
-  const pid_t device = Spawn({DEVSIM_BIN, "--socket", endpoint, "--root", (work / "root").string()}, {});
-  const auto deadline = Clock::now() + kDeviceStartLimit;
-  while (!fs::exists(endpoint) && Clock::now() < deadline) std::this_thread::sleep_for(milliseconds(10));
+void PrintThroughput(const char* label, double seconds, double mib) {
+  std::printf("  %-34s %8.2f s %8.0f KiB/s%s\n", label, seconds, mib * kKiB / seconds, seconds > 0 ? "" : "  (FAILED)");
+}
+
+int Run(const fs::path& work) {
+  DevsimProcess device(work);
+  if (!device.Ready()) {
+    std::fprintf(stderr, "ferrolt-devsim did not start\n");
+    return 1;
+  }
+  const std::string endpoint = device.Endpoint();
+  const fs::path deviceTmp = device.Root() / "tmp";
   // The upload names the file by its path; run where it lies.
   fs::current_path(work);
-  WriteRandomFile(work / "up.bin", kThroughputFile);
-  WriteRandomFile(work / "root" / "tmp" / "down.bin", kThroughputFile);
-  WriteRandomFile(work / "small.bin", kSmallFile);
-  WriteRandomFile(work / "large.bin", kLargeFile);
-  WriteRandomFile(work / "root" / "tmp" / "small.bin", kSmallFile);
-  WriteRandomFile(work / "root" / "tmp" / "large.bin", kLargeFile);
+  WriteRandomFile(work / "up.bin", kThroughputFile, 1);
+  WriteRandomFile(deviceTmp / "down.bin", kThroughputFile, 2);
+  WriteRandomFile(work / "small.bin", kSmallFile, 3);
+  WriteRandomFile(work / "large.bin", kLargeFile, 4);
+  WriteRandomFile(deviceTmp / "small.bin", kSmallFile, 5);
+  WriteRandomFile(deviceTmp / "large.bin", kLargeFile, 6);
 
-  const int packets = static_cast<int>((kThroughputFile + ferrolt::kPayloadSize - 1) / ferrolt::kPayloadSize);
+  const int packets = static_cast<int>((kThroughputFile + kPayloadSize - 1) / kPayloadSize);
   const double mib = static_cast<double>(kThroughputFile) / (kKiB * kKiB);
   const double upload = TimeUpload(endpoint, "up.bin");
   const double download = TimeDownload(endpoint, "/tmp/down.bin", work / "down.out");
-  // The stream of a file one packet longer gives the start reply, the data
-  // and the end reply: as many blocks as the pump reads.
   const RawPump raw = PumpRaw(endpoint, packets, "/tmp/down.bin");
 
-  std::printf("file transfer throughput, %.0f MiB, %d packets\n", mib, packets);
-  std::printf("  upload   %7.3f s  %8.1f KiB/s\n", upload, mib * kKiB / upload);
-  std::printf("  raw write pump  %7.3f s  %8.1f KiB/s\n", raw.writeSeconds, mib * kKiB / raw.writeSeconds);
-  std::printf("  upload / raw write pump: %.2f\n", upload / raw.writeSeconds);
-  std::printf("  download %7.3f s  %8.1f KiB/s\n", download, mib * kKiB / download);
-  std::printf("  raw read pump   %7.3f s  %8.1f KiB/s\n", raw.readSeconds, mib * kKiB / raw.readSeconds);
-  std::printf("  download / raw read pump: %.2f\n", download / raw.readSeconds);
+  std::printf("file_transfer_throughput (%zu-byte file, %d packets)\n", kThroughputFile, packets);
+  PrintThroughput("upload", upload, mib);
+  PrintThroughput("raw write pump", raw.writeSeconds, mib);
+  std::printf("  %-34s %8.2f\n", "upload / raw", Ratio(upload, raw.writeSeconds));
+  PrintThroughput("download", download, mib);
+  PrintThroughput("raw read pump", raw.readSeconds, mib);
+  std::printf("  %-34s %8.2f\n", "download / raw", Ratio(download, raw.readSeconds));
 
-  const long uploadSmall = PeakMemoryOf({"upload", "small.bin"}, endpoint);
-  const long uploadLarge = PeakMemoryOf({"upload", "large.bin"}, endpoint);
-  const long downloadSmall = PeakMemoryOf({"download", "/tmp/small.bin", "small.out"}, endpoint);
-  const long downloadLarge = PeakMemoryOf({"download", "/tmp/large.bin", "large.out"}, endpoint);
-  std::printf("peak memory of ferrolt (max RSS, KiB): 1 MiB vs 16 MiB\n");
-  std::printf("  upload   %ld vs %ld\n", uploadSmall, uploadLarge);
-  std::printf("  download %ld vs %ld\n", downloadSmall, downloadLarge);
+  const std::vector<std::string> env{"FERROLT_EMULATOR=" + endpoint};
+  const long uploadSmall = PeakRssOf({FERROLT_BIN, "upload", "small.bin"}, env);
+  const long uploadLarge = PeakRssOf({FERROLT_BIN, "upload", "large.bin"}, env);
+  const long downloadSmall = PeakRssOf({FERROLT_BIN, "download", "/tmp/small.bin", "small.out"}, env);
+  const long downloadLarge = PeakRssOf({FERROLT_BIN, "download", "/tmp/large.bin", "large.out"}, env);
+  std::printf("  %-34s %8ld KiB\n", "ferrolt peak RSS, upload 1 MiB", uploadSmall);
+  std::printf("  %-34s %8ld KiB\n", "ferrolt peak RSS, upload 16 MiB", uploadLarge);
+  std::printf("  %-34s %8ld KiB\n", "ferrolt peak RSS, download 1 MiB", downloadSmall);
+  std::printf("  %-34s %8ld KiB\n", "ferrolt peak RSS, download 16 MiB", downloadLarge);
+  return upload > 0 && download > 0 && raw.writeSeconds > 0 && raw.readSeconds > 0 ? 0 : 1;
+}
 
-  kill(device, SIGTERM);
-  waitpid(device, nullptr, 0);
+}  // namespace
+}  // namespace ferrolt::bench
+
+int main() {
+  namespace fs = std::filesystem;
+  const fs::path work = fs::temp_directory_path() / ("ferrolt-bench-files-" + std::to_string(getpid()));
+  fs::create_directories(work);
+  const int status = ferrolt::bench::Run(work);
   std::error_code ignored;
   fs::current_path(fs::temp_directory_path(), ignored);
   fs::remove_all(work, ignored);
-  return 0;
+  return status;
 }
