@@ -157,15 +157,24 @@ void LIBUSB_CALL LibusbConnection::OnTransferDone(libusb_transfer* usb) {
 
 // Runs on the event thread.
 void LibusbConnection::Finish(InFlight* inFlight) {
-  libusb_transfer* usb = inFlight->usb;
+  std::unique_ptr<InFlight> record;
+  {
+    // Out of the table before its transfer is freed: a cancel (a flush, or
+    // closing) only touches the transfers the table holds.
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = inFlight_.find(inFlight);
+    record = std::move(found->second);
+    inFlight_.erase(found);
+  }
+  libusb_transfer* usb = record->usb;
+  // A stalled endpoint stays halted until the host clears it; cleared here,
+  // before the caller learns of the failure, the pipe is usable again for
+  // the retry every caller makes after a failed transfer.
+  if (usb->status == LIBUSB_TRANSFER_STALL) libusb_clear_halt(handle_, record->endpoint);
   const bool succeeded = usb->status == LIBUSB_TRANSFER_COMPLETED;
   const uint32_t count = usb->actual_length > 0 ? static_cast<uint32_t>(usb->actual_length) : 0;
-  inFlight->transfer->Complete(succeeded, IsInEndpoint(inFlight->endpoint) ? inFlight->buffer.data() : nullptr, count);
+  record->transfer->Complete(succeeded, IsInEndpoint(record->endpoint) ? record->buffer.data() : nullptr, count);
   libusb_free_transfer(usb);
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    inFlight_.erase(inFlight);
-  }
   drained_.notify_all();
 }
 
