@@ -19,6 +19,7 @@
 #include "link/UsbLink.h"
 #include "platform/DeviceBackend.h"
 #include "platform/Event.h"
+#include "platform/Mutex.h"
 
 namespace ferrolt {
 
@@ -106,7 +107,7 @@ class DeviceAdmin {
                     bool verbose);
 
   // Taken by the upgrade sender for each packet step.
-  std::mutex LinkMutex;
+  platform::Mutex LinkMutex;
   // Manual reset; reset at every launch, listed first by every waited transfer.
   platform::Event CancelEvent;
   std::unique_ptr<platform::DeviceBackend> Backend;

@@ -1,7 +1,8 @@
 // The console control handler: Ctrl+Break asks the device administration to
 // cancel the running operation; every other console event ends the process
-// with exit status 1. On POSIX, Ctrl+Break is SIGQUIT (Ctrl+\) and the other
-// events are SIGINT, SIGTERM and SIGHUP.
+// with exit status 1. On Windows it is installed with SetConsoleCtrlHandler;
+// on POSIX, Ctrl+Break is SIGQUIT (Ctrl+\) and the other events are SIGINT,
+// SIGTERM and SIGHUP.
 #pragma once
 
 namespace ferrolt {

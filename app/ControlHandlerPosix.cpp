@@ -1,5 +1,3 @@
-#ifndef _WIN32
-
 #include <pthread.h>
 #include <signal.h>
 
@@ -78,5 +76,3 @@ bool InstallControlHandler() {
 }
 
 }  // namespace ferrolt
-
-#endif  // _WIN32

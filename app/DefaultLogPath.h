@@ -18,8 +18,9 @@ inline constexpr const char* kLogNameFormat = "TavrelLogs(%Y-%m-%d.%I`%M`%S).zip
 std::string DefaultLogName(const std::tm& localTime);
 std::string DefaultLogName(std::time_t when);
 
-// The temporary folder ($TMPDIR, else /tmp/) with a trailing '/', written
-// into buffer. Returns its length; 0 when there is no such folder; the
+// The temporary folder with its trailing separator, written into buffer: on
+// Windows as GetTempPathA gives it, elsewhere $TMPDIR, else /tmp/, with a
+// trailing '/'. Returns its length; 0 when there is no such folder; the
 // length it would need when that is size or more (nothing is written then).
 size_t TemporaryFolder(char* buffer, size_t size);
 

@@ -40,6 +40,9 @@ TransferStatus UsbLink::WritePacket(const uint8_t* block, uint32_t length, ILogM
     case kTransferCompleted:
       status = transfer->Succeeded() ? TransferStatus::Done : TransferStatus::Failed;
       break;
+    case platform::kWaitFailed:
+      status = TransferStatus::Failed;
+      break;
     default:
       break;
   }

@@ -1,19 +1,26 @@
 // A manual-reset event and a wait on several of them, after the Win32 model
 // the link layer is written against: the first signalled event in the list
-// wins, so a cancel listed first beats a completion at the same moment.
+// wins, so a cancel listed first beats a completion at the same moment. On
+// Windows it is the Win32 event itself, so overlapped I/O can complete on it
+// and WaitAny is WaitForMultipleObjects; elsewhere a mutex and condition
+// variables play its part.
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <initializer_list>
+
+#ifndef _WIN32
+#include <condition_variable>
 #include <mutex>
 #include <vector>
+#endif
 
 namespace ferrolt::platform {
 
 class Event {
  public:
-  Event() = default;
+  Event();
+  ~Event();
   Event(const Event&) = delete;
   Event& operator=(const Event&) = delete;
 
@@ -26,6 +33,15 @@ class Event {
   // Waits without a limit. Only for waits that the design keeps unbounded.
   void Wait() const;
 
+#ifdef _WIN32
+  // The Win32 event handle (a HANDLE), for overlapped I/O that the system
+  // completes on it. Null when the system could not create the event: such an
+  // event is never set, and a wait on it fails.
+  void* NativeHandle() const { return handle_; }
+
+ private:
+  void* const handle_;
+#else
  private:
   friend class EventWaiter;
   struct Waiter;
@@ -36,15 +52,17 @@ class Event {
   mutable std::condition_variable changed_;
   mutable std::vector<Waiter*> waiters_;
   bool set_ = false;
+#endif
 };
 
-// Result of WaitAny: the index of the first set event in the list, or one of
-// these when none is set.
+// Results of WaitAny when no event is found set.
 inline constexpr int kWaitTimedOut = -1;
+// Only a Win32 wait can fail outright (an event the system could not create).
+inline constexpr int kWaitFailed = -2;
 
 // Waits until one of the events is set or the time-out passes. Returns the
-// index (in list order) of the first event found set, or kWaitTimedOut.
-// A null entry never becomes set.
+// index (in list order) of the first event found set, kWaitTimedOut, or
+// kWaitFailed. A null entry never becomes set.
 int WaitAny(std::initializer_list<const Event*> events, std::chrono::milliseconds timeout);
 
 }  // namespace ferrolt::platform

@@ -5,22 +5,33 @@
 
 namespace ferrolt::platform {
 
-bool Transfer::Succeeded() const {
+bool Transfer::Succeeded() {
+  CollectIfFinished();
   std::lock_guard<std::mutex> lock(mutex_);
   return done_ && succeeded_;
 }
 
-uint32_t Transfer::BytesTransferred() const {
+uint32_t Transfer::BytesTransferred() {
+  CollectIfFinished();
   std::lock_guard<std::mutex> lock(mutex_);
   return done_ && succeeded_ ? count_ : 0;
 }
 
-uint32_t Transfer::CopyData(uint8_t* out, uint32_t capacity) const {
+uint32_t Transfer::CopyData(uint8_t* out, uint32_t capacity) {
+  CollectIfFinished();
   std::lock_guard<std::mutex> lock(mutex_);
   if (!done_ || !succeeded_) return 0;
   const uint32_t count = std::min({count_, capacity, length_});
   std::memcpy(out, data_.data(), count);
   return count;
+}
+
+void Transfer::CollectIfFinished() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (done_) return;
+  }
+  if (completion_.IsSet()) Collect();
 }
 
 void Transfer::Complete(bool succeeded, const uint8_t* data, uint32_t count) {

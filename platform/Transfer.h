@@ -17,6 +17,7 @@ inline constexpr uint32_t kMaxTransferLength = 64;
 class Transfer {
  public:
   explicit Transfer(uint32_t length) : length_(length < kMaxTransferLength ? length : kMaxTransferLength) {}
+  virtual ~Transfer() = default;
   Transfer(const Transfer&) = delete;
   Transfer& operator=(const Transfer&) = delete;
 
@@ -27,16 +28,25 @@ class Transfer {
   bool IsComplete() const { return completion_.IsSet(); }
 
   // Valid once complete; before that they report a transfer with no bytes.
-  bool Succeeded() const;
-  uint32_t BytesTransferred() const;
+  bool Succeeded();
+  uint32_t BytesTransferred();
   // Copies the received bytes (at most RequestedLength()) into out; returns the count.
-  uint32_t CopyData(uint8_t* out, uint32_t capacity) const;
+  uint32_t CopyData(uint8_t* out, uint32_t capacity);
 
   // Backends: finish the transfer. Data is copied for reads; a write passes
   // null and the count it moved. Completing twice keeps the first result.
   void Complete(bool succeeded, const uint8_t* data, uint32_t count);
 
+ protected:
+  // For a transfer that the system finishes by setting Completion() itself
+  // (Windows overlapped I/O): called once the event is set and before a
+  // result is read, to fetch the result and pass it to Complete(). A backend
+  // that calls Complete() itself has nothing to fetch.
+  virtual void Collect() {}
+
  private:
+  void CollectIfFinished();
+
   const uint32_t length_;
   mutable std::mutex mutex_;
   bool done_ = false;

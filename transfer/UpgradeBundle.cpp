@@ -16,6 +16,7 @@
 #include "admin/DeviceAdmin.h"
 #include "link/DevicePacket.h"
 #include "link/Limits.h"
+#include "platform/Mutex.h"
 
 namespace ferrolt {
 namespace {
@@ -123,7 +124,7 @@ enum class StreamEnd {
 // earlier packet.
 class PacketStream {
  public:
-  PacketStream(UsbLink& link, std::mutex& linkMutex, const std::atomic<bool>& running, ReaderState& reader,
+  PacketStream(UsbLink& link, platform::Mutex& linkMutex, const std::atomic<bool>& running, ReaderState& reader,
                ILogMessageCallBack* log)
       : link_(link), linkMutex_(linkMutex), running_(running), reader_(reader), log_(log) {}
 
@@ -131,7 +132,7 @@ class PacketStream {
     int lastPercent = kNoPercentYet;
     for (index_ = 0; index_ < packetCount; ++index_) {
       if (!running_.load()) return StreamEnd::Stopped;
-      std::unique_lock<std::mutex> step(linkMutex_);
+      std::unique_lock<platform::Mutex> step(linkMutex_);
       const bool resend = TakeNack(file);
       uint8_t piece[kPayloadSize];
       uint8_t count = 0;
@@ -168,7 +169,7 @@ class PacketStream {
   // Writes until the packet is written, the run is stopped, or the retry
   // bound is reached. The step's lock is released after the first attempt so
   // a slow device never holds it across retries.
-  bool WriteWithRetries(const Block& packet, std::unique_lock<std::mutex>& step) {
+  bool WriteWithRetries(const Block& packet, std::unique_lock<platform::Mutex>& step) {
     int failures = 0;
     while (running_.load()) {
       const TransferStatus status = link_.WritePacket(packet.data(), kBlockSize, log_);
@@ -188,7 +189,7 @@ class PacketStream {
   }
 
   UsbLink& link_;
-  std::mutex& linkMutex_;
+  platform::Mutex& linkMutex_;
   const std::atomic<bool>& running_;
   ReaderState& reader_;
   ILogMessageCallBack* log_;

@@ -16,7 +16,7 @@ using emulator::Hello;
 
 // A device that answered a listing: its socket waits there for Open().
 struct ListedDevice {
-  UniqueFd socket;
+  UniqueSocket socket;
   Hello hello;
   std::string path;
 };
@@ -25,7 +25,7 @@ struct ListedDevice {
 // device answered as one.
 std::optional<ListedDevice> Discover(const std::string& endpoint) {
   const Deadline deadline = std::chrono::steady_clock::now() + emulator::kHelloWait;
-  UniqueFd socket = ConnectEndpoint(endpoint, deadline);
+  UniqueSocket socket = ConnectEndpoint(endpoint, deadline);
   if (!socket.Valid()) return std::nullopt;
   std::array<uint8_t, emulator::kHelloSize> bytes{};
   if (!ReceiveBefore(socket.Get(), bytes.data(), bytes.size(), deadline)) return std::nullopt;

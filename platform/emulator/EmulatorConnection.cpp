@@ -1,14 +1,12 @@
 #include "platform/emulator/EmulatorConnection.h"
 
-#include <sys/socket.h>
-
 #include <cstring>
 
 #include "platform/emulator/SocketIo.h"
 
 namespace ferrolt::platform::emulator {
 
-EmulatorConnection::EmulatorConnection(UniqueFd socket, const Hello& hello)
+EmulatorConnection::EmulatorConnection(UniqueSocket socket, const Hello& hello)
     : socket_(std::move(socket)), hello_(hello), reader_([this] { ReadFrames(); }) {}
 
 EmulatorConnection::~EmulatorConnection() {
@@ -17,8 +15,7 @@ EmulatorConnection::~EmulatorConnection() {
     closing_ = true;
   }
   queueSpace_.notify_all();
-  // Wakes the reader out of its blocking receive.
-  ::shutdown(socket_.Get(), SHUT_RDWR);
+  StopReading();
   reader_.join();
   EndLink();
 }
@@ -60,7 +57,7 @@ std::shared_ptr<Transfer> EmulatorConnection::StartWrite(uint8_t pipeId, const u
   }
   if (!SendAll(socket_.Get(), frame.data(), frame.size(), kFrameSendWait)) {
     // A torn or undelivered frame leaves the stream unusable: the link is over.
-    ::shutdown(socket_.Get(), SHUT_RDWR);
+    StopReading();
     EndLink();
     return nullptr;
   }
@@ -111,14 +108,14 @@ void EmulatorConnection::ReadFrames() {
 // an error, a torn frame or a frame kind the link does not know).
 bool EmulatorConnection::ReadFrame() {
   uint8_t kind = 0;
-  if (!ReceiveAll(socket_.Get(), &kind, 1)) return false;
+  if (!ReceiveAll(socket_.Get(), &kind, 1, stopReading_)) return false;
   if (kind == kAckFrame) {
     CompleteOldestWrite();
     return true;
   }
   if (kind != kReadFrame) return false;
   Block block{};
-  return ReceiveAll(socket_.Get(), block.data(), block.size()) && QueueBlock(block);
+  return ReceiveAll(socket_.Get(), block.data(), block.size(), stopReading_) && QueueBlock(block);
 }
 
 void EmulatorConnection::CompleteOldestWrite() {
@@ -144,6 +141,12 @@ bool EmulatorConnection::QueueBlock(const Block& block) {
   pendingReads_.pop_front();
   read->Complete(true, block.data(), kBlockSize);
   return true;
+}
+
+// Wakes the reader out of its blocking receive, for good.
+void EmulatorConnection::StopReading() {
+  stopReading_.Set();
+  ShutdownSocket(socket_.Get());
 }
 
 void EmulatorConnection::EndLink() {

@@ -9,15 +9,16 @@
 #include <thread>
 
 #include "platform/DeviceBackend.h"
+#include "platform/Event.h"
 #include "platform/emulator/EmulatorProtocol.h"
-#include "platform/emulator/UniqueFd.h"
+#include "platform/emulator/Socket.h"
 
 namespace ferrolt::platform::emulator {
 
 class EmulatorConnection final : public DeviceConnection {
  public:
   // Takes over a socket whose hello has been read.
-  EmulatorConnection(UniqueFd socket, const Hello& hello);
+  EmulatorConnection(UniqueSocket socket, const Hello& hello);
   ~EmulatorConnection() override;
   EmulatorConnection(const EmulatorConnection&) = delete;
   EmulatorConnection& operator=(const EmulatorConnection&) = delete;
@@ -35,12 +36,15 @@ class EmulatorConnection final : public DeviceConnection {
   bool ReadFrame();
   void CompleteOldestWrite();
   bool QueueBlock(const Block& block);
+  void StopReading();
   // The device has gone: every outstanding transfer fails, no new one starts.
   void EndLink();
   void FailOutstandingLocked();
 
-  UniqueFd socket_;
+  UniqueSocket socket_;
   const Hello hello_;
+  // Ends the reader's receive: set when the connection closes or breaks.
+  Event stopReading_;
 
   // Held across queueing a write and sending its frame, so frames leave whole
   // and in the order of the write queue that the device's A frames follow.

@@ -2,6 +2,7 @@
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
 
@@ -21,7 +22,11 @@ bool WouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK; }
 
 }  // namespace
 
-bool WaitReady(int fd, short events, Deadline deadline) {
+void CloseSocket(SocketHandle socket) { ::close(socket); }
+
+void ShutdownSocket(SocketHandle socket) { ::shutdown(socket, SHUT_RDWR); }
+
+bool WaitReady(SocketHandle fd, short events, Deadline deadline) {
   for (;;) {
     pollfd entry{fd, events, 0};
     const int ready = ::poll(&entry, 1, RemainingMilliseconds(deadline));
@@ -31,7 +36,7 @@ bool WaitReady(int fd, short events, Deadline deadline) {
   }
 }
 
-bool ReceiveBefore(int fd, uint8_t* data, size_t size, Deadline deadline) {
+bool ReceiveBefore(SocketHandle fd, uint8_t* data, size_t size, Deadline deadline) {
   size_t received = 0;
   while (received < size) {
     if (!WaitReady(fd, POLLIN, deadline)) return false;
@@ -45,9 +50,11 @@ bool ReceiveBefore(int fd, uint8_t* data, size_t size, Deadline deadline) {
   return true;
 }
 
-bool ReceiveAll(int fd, uint8_t* data, size_t size) {
+// The shutdown that goes with stop wakes a receive already blocked.
+bool ReceiveAll(SocketHandle fd, uint8_t* data, size_t size, const Event& stop) {
   size_t received = 0;
   while (received < size) {
+    if (stop.IsSet()) return false;
     const ssize_t count = ::recv(fd, data + received, size - received, 0);
     if (count > 0) {
       received += static_cast<size_t>(count);
@@ -58,7 +65,7 @@ bool ReceiveAll(int fd, uint8_t* data, size_t size) {
   return true;
 }
 
-bool SendAll(int fd, const uint8_t* data, size_t size, milliseconds wait) {
+bool SendAll(SocketHandle fd, const uint8_t* data, size_t size, milliseconds wait) {
   const Deadline deadline = std::chrono::steady_clock::now() + wait;
   size_t sent = 0;
   while (sent < size) {

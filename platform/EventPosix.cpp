@@ -18,6 +18,9 @@ struct Event::Waiter {
   }
 };
 
+Event::Event() = default;
+Event::~Event() = default;
+
 void Event::Set() {
   std::lock_guard<std::mutex> lock(mutex_);
   set_ = true;

@@ -1,0 +1,15 @@
+// The USB backend for Windows: SetupAPI finds the device interfaces, the
+// kernel opens them, WinUSB moves the blocks.
+#pragma once
+
+#include <memory>
+
+#include "platform/DeviceBackend.h"
+#include "platform/winusb/WinUsbApi.h"
+
+namespace ferrolt::platform {
+
+// api must outlive the backend and every connection it opens.
+std::unique_ptr<DeviceBackend> CreateWinUsbBackend(const WinUsbApi& api = RealWinUsbApi());
+
+}  // namespace ferrolt::platform
