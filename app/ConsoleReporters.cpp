@@ -2,15 +2,18 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <string>
 
 namespace ferrolt {
 
 namespace {
 
+constexpr const char* kLogPrefix = "LogMessageCallBack:\t";
+
 // The second pass: "%%" prints as one '%'; anything else prints unchanged.
-void PrintWithoutArguments(const char* text) {
+void AppendWithoutArguments(const char* text, std::string& line) {
   for (const char* at = text; *at != '\0'; ++at) {
-    std::fputc(*at, stdout);
+    line += *at;
     if (at[0] == '%' && at[1] == '%') ++at;
   }
 }
@@ -22,15 +25,18 @@ void CProgressCallback::ProgressChangeCallBack(int percent) {
 }
 
 void CLogMessageCallback::LogMessageCallBack(std::string format, ...) {
-  std::fputs("LogMessageCallBack:\t", stdout);
   char message[kLogMessageBufferSize] = {};
   va_list arguments;
   va_start(arguments, format);
   // vsnprintf cuts a longer message at kLogMessageBufferSize - 1 characters.
   std::vsnprintf(message, sizeof message, format.c_str(), arguments);
   va_end(arguments);
-  PrintWithoutArguments(message);
-  std::fputc('\n', stdout);
+  // One write for the whole line, so lines the worker and the reader print
+  // at the same moment never cut into each other.
+  std::string line(kLogPrefix);
+  AppendWithoutArguments(message, line);
+  line += '\n';
+  std::fwrite(line.data(), 1, line.size(), stdout);
   std::fflush(stdout);
 }
 
