@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs every test: the plain build,
 # then under AddressSanitizer with UndefinedBehaviorSanitizer, then under
-# ThreadSanitizer, then a short run of the fuzzers.
+# ThreadSanitizer, then a short run of the fuzzers, then the Windows build
+# under Wine.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -28,3 +29,5 @@ for fuzzer in build/fuzz/tests/fuzz/fuzz_*; do
   "$fuzzer" -max_total_time=15 -seed=1 >/dev/null 2>&1 || { echo "fuzzer $fuzzer failed"; "$fuzzer" -runs=0 ; exit 1; }
   echo "$(basename "$fuzzer"): 15 s without a finding"
 done
+
+bash scripts/test-windows.sh

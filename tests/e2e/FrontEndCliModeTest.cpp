@@ -9,9 +9,9 @@ namespace {
 class FrontEndCliModeTest : public testing::Test {
  protected:
   ProcessResult Run(const std::vector<std::string>& args, const TempDir& cwd) {
-    return RunFerrolt(args, device_.Endpoint(), cwd.Path(), kRunLimit);
+    return RunFerrolt(args, *device_, cwd.Path(), kRunLimit);
   }
-  DevsimServer device_;
+  std::unique_ptr<DeviceUnderTest> device_ = StartDevice();
   TempDir first_;
   TempDir second_;
 };
@@ -19,8 +19,8 @@ class FrontEndCliModeTest : public testing::Test {
 TEST_F(FrontEndCliModeTest, RefusalsStillWaitTheEndWait) {
   // Neither run launches, so they can share the time.
   WriteFile(second_ / "CLImode", "cli mode = 0\n");
-  auto noFile = StartFerrolt({"cmd", "ls"}, device_.Endpoint(), first_.Path());
-  auto lowerCase = StartFerrolt({"version"}, device_.Endpoint(), second_.Path());
+  auto noFile = StartFerrolt({"cmd", "ls"}, *device_, first_.Path());
+  auto lowerCase = StartFerrolt({"version"}, *device_, second_.Path());
   const ProcessResult refused = noFile->Wait(kRunLimit);
   const ProcessResult silent = lowerCase->Wait(kRunLimit);
 
@@ -30,15 +30,15 @@ TEST_F(FrontEndCliModeTest, RefusalsStillWaitTheEndWait) {
     EXPECT_EQ(result->exitStatus, 0);
     EXPECT_GE(result->elapsed, kEndWaitAtLeast);
   }
-  EXPECT_TRUE(device_.Received().empty());
+  EXPECT_TRUE(device_->Received().empty());
 }
 
 TEST_F(FrontEndCliModeTest, SessionIsRememberedPerWorkingFolder) {
-  ASSERT_TRUE(device_.Running());
+  ASSERT_TRUE(device_->Running());
   Run({"StartCli"}, first_);
   EXPECT_EQ(ReadFile(first_ / "CLImode"), "CLI Mode = 1\n");
 
-  auto refused = StartFerrolt({"upload", "/x"}, device_.Endpoint(), first_.Path());
+  auto refused = StartFerrolt({"upload", "/x"}, *device_, first_.Path());
   const ProcessResult elsewhere = Run({"version"}, second_);
   EXPECT_EQ(refused->Wait(kRunLimit).out, kRefusedInCli);
   EXPECT_TRUE(HasLine(elsewhere.out, "NONVERBOSE MODE DETECTED!\n")) << elsewhere.out;
@@ -49,15 +49,15 @@ TEST_F(FrontEndCliModeTest, SessionIsRememberedPerWorkingFolder) {
 }
 
 TEST_F(FrontEndCliModeTest, EveryMatchingLineLaunchesAndTheSecondMeetsTheBusyGuard) {
-  DevsimServer slowDevice({"--fault", "delay-replies=500"});
-  ASSERT_TRUE(slowDevice.Running());
+  const auto slowDevice = StartDevice({"--fault", "delay-replies=500"});
+  ASSERT_TRUE(slowDevice->Running());
   WriteFile(first_ / "CLImode", "CLI Mode = 0\nCLI Mode = 0");
-  const ProcessResult result = RunFerrolt({"version"}, slowDevice.Endpoint(), first_.Path(), kRunLimit);
+  const ProcessResult result = RunFerrolt({"version"}, *slowDevice, first_.Path(), kRunLimit);
   EXPECT_EQ(CountOf(result.out, kBusyLine), 1u) << result.out;
   EXPECT_EQ(CountOf(result.out, "VersionInfoReadyCallBack:\tVersion - "), 1u) << result.out;
   EXPECT_EQ(result.exitStatus, 0);
   size_t versionRequests = 0;
-  for (const Block& block : slowDevice.Received()) versionRequests += block[0] == 2;
+  for (const Block& block : slowDevice->Received()) versionRequests += block[0] == 2;
   EXPECT_EQ(versionRequests, 1u);
 }
 

@@ -10,9 +10,10 @@ namespace {
 class FrontEndImmediateTest : public testing::Test {
  protected:
   ProcessResult Run(const std::vector<std::string>& args) {
-    return RunFerrolt(args, kNoDevice, dir_.Path(), kRunLimit);
+    return RunFerrolt(args, *noDevice_, dir_.Path(), kRunLimit);
   }
   TempDir dir_;
+  std::unique_ptr<DeviceUnderTest> noDevice_ = StartNoDevice();
 };
 
 TEST_F(FrontEndImmediateTest, HelpInAnyCase) {
@@ -40,15 +41,13 @@ TEST_F(FrontEndImmediateTest, UnrecognisedWordsCountsAndWrongOrt) {
 // Given a device, it launches the command the word and count name, in any letter case.
 class FrontEndLaunchTest : public testing::Test {
  protected:
-  ProcessResult Run(const std::vector<std::string>& args) {
-    return RunFerrolt(args, device_.Endpoint(), dir_.Path(), kRunLimit);
-  }
-  DevsimServer device_;
+  ProcessResult Run(const std::vector<std::string>& args) { return RunFerrolt(args, *device_, dir_.Path(), kRunLimit); }
+  std::unique_ptr<DeviceUnderTest> device_ = StartDevice();
   TempDir dir_;
 };
 
 TEST_F(FrontEndLaunchTest, VersionVerboseSwitchIgnoresCase) {
-  ASSERT_TRUE(device_.Running());
+  ASSERT_TRUE(device_->Running());
   const ProcessResult verbose = Run({"VERSION", "-V"});
   EXPECT_TRUE(HasLine(verbose.out, "VERBOSE MODE DETECTED!\n")) << verbose.out;
   EXPECT_NE(verbose.out.find("VersionInfoReadyCallBack:\tVersion - "), std::string::npos);
@@ -60,31 +59,31 @@ TEST_F(FrontEndLaunchTest, VersionVerboseSwitchIgnoresCase) {
 }
 
 TEST_F(FrontEndLaunchTest, StartOrtSendsTheBuiltString) {
-  ASSERT_TRUE(device_.Running());
+  ASSERT_TRUE(device_->Running());
   const ProcessResult result = Run({"startort", "EXTMIC", "reboot", "5", "duration", "20"});
   EXPECT_EQ(result.out.rfind("ORTstring = ort start EXTMIC reboot 5 duration 20 ", 0), 0u) << result.out;
-  const std::vector<Block> received = device_.Received();
+  const std::vector<Block> received = device_->Received();
   ASSERT_FALSE(received.empty());
   EXPECT_EQ(received.back()[0], 8);
   EXPECT_EQ(PayloadTextOf(received.back()), "ort start EXTMIC reboot 5 duration 20 ");
 }
 
 TEST_F(FrontEndLaunchTest, DefaultLogPathInTheTemporaryFolder) {
-  ASSERT_TRUE(device_.Running());
+  ASSERT_TRUE(device_->Running());
   ProcessOptions options;
   options.args = {"DownloadLogs"};
-  options.env = {{"FERROLT_EMULATOR", device_.Endpoint()}, {"TMPDIR", dir_.Path().string()}};
+  options.env = {{"TMPDIR", dir_.Path().string()}};
   options.cwd = dir_.Path();
   options.timeout = kRunLimit;
-  const ProcessResult result = RunProcess(FERROLT_BIN, options);
+  const ProcessResult result = RunFerrolt(options, *device_);
   const std::string head =
       "Since there was no log path argument was identified, your log files have been downloaded to:\n<" +
       dir_.Path().string() + "/TavrelLogs(";
   EXPECT_EQ(result.out.rfind(head, 0), 0u) << result.out;
   EXPECT_NE(result.out.find(").zip>\n"), std::string::npos);
 
-  options.env[1].second = (dir_ / "absent").string();
-  const ProcessResult noFolder = RunProcess(FERROLT_BIN, options);
+  options.env[0].second = (dir_ / "absent").string();
+  const ProcessResult noFolder = RunFerrolt(options, *device_);
   EXPECT_EQ(noFolder.out, "Please check and ensure user has a valid temporary folder.");
   EXPECT_GE(noFolder.elapsed, kEndWaitAtLeast);
 }

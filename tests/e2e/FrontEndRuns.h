@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/TestSupport.h"
+#include "tests/support/EndToEnd.h"
 
 namespace ferrolt::test {
 
@@ -29,18 +29,6 @@ inline constexpr milliseconds kAtOnce = kEndWaitAtLeast;
 // Ctrl+C ends the run after a teardown of at most 1 s, and a margin.
 inline constexpr milliseconds kPromptExit{4000};
 inline constexpr milliseconds kRunLimit{20000};
-
-// An endpoint where no device listens.
-inline constexpr const char* kNoDevice = "/nonexistent/ferrolt-device.sock";
-
-inline std::unique_ptr<Subprocess> StartFerrolt(const std::vector<std::string>& args, const std::string& endpoint,
-                                                const fs::path& cwd) {
-  ProcessOptions options;
-  options.args = args;
-  options.env = {{"FERROLT_EMULATOR", endpoint}};
-  options.cwd = cwd;
-  return std::make_unique<Subprocess>(FERROLT_BIN, options);
-}
 
 inline size_t CountOf(const std::string& text, const std::string& part) {
   size_t count = 0;

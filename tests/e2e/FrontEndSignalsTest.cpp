@@ -14,9 +14,9 @@ constexpr const char* kSlowWrites = "delay-writes=5";
 // Given a run in progress, Ctrl+Break (SIGQUIT) cancels it and the other signals end it with status 1.
 class FrontEndSignalsTest : public testing::Test {
  protected:
-  std::unique_ptr<Subprocess> StartUpgrade(DevsimServer& device) {
+  std::unique_ptr<Subprocess> StartUpgrade(const DeviceUnderTest& device) {
     WriteFile(dir_ / "bundle.img", RandomBytes(kBundleSize, 7));
-    return StartFerrolt({"upgrade", (dir_ / "bundle.img").string()}, device.Endpoint(), dir_.Path());
+    return StartFerrolt({"upgrade", (dir_ / "bundle.img").string()}, device, dir_.Path());
   }
 
   static milliseconds Since(std::chrono::steady_clock::time_point start) {
@@ -27,9 +27,9 @@ class FrontEndSignalsTest : public testing::Test {
 };
 
 TEST_F(FrontEndSignalsTest, InterruptDuringAnOperationExitsWithStatusOne) {
-  DevsimServer device({"--fault", kSlowWrites});
-  ASSERT_TRUE(device.Running());
-  auto run = StartUpgrade(device);
+  const auto device = StartDevice({"--fault", kSlowWrites});
+  ASSERT_TRUE(device->Running());
+  auto run = StartUpgrade(*device);
   ASSERT_TRUE(run->WaitForOutput("Progress: ", kRunLimit));
   const auto signalled = std::chrono::steady_clock::now();
   run->Signal(SIGINT);
@@ -42,7 +42,8 @@ TEST_F(FrontEndSignalsTest, InterruptDuringAnOperationExitsWithStatusOne) {
 TEST_F(FrontEndSignalsTest, BreakWithoutOperationCancelsAndEndsTheWait) {
   // Without a device the worker ends after its one flushed log line; the run
   // is then in its end wait with no operation running.
-  auto run = StartFerrolt({"endort"}, kNoDevice, dir_.Path());
+  const auto noDevice = StartNoDevice();
+  auto run = StartFerrolt({"endort"}, *noDevice, dir_.Path());
   ASSERT_TRUE(run->WaitForOutput("LogMessageCallBack:", kRunLimit));
   const auto signalled = std::chrono::steady_clock::now();
   run->Signal(SIGQUIT);
@@ -56,9 +57,9 @@ TEST_F(FrontEndSignalsTest, BreakWithoutOperationCancelsAndEndsTheWait) {
 }
 
 TEST_F(FrontEndSignalsTest, BreakDuringUpgradeSendsTheCancelPacket) {
-  DevsimServer device({"--fault", kSlowWrites});
-  ASSERT_TRUE(device.Running());
-  auto run = StartUpgrade(device);
+  const auto device = StartDevice({"--fault", kSlowWrites});
+  ASSERT_TRUE(device->Running());
+  auto run = StartUpgrade(*device);
   ASSERT_TRUE(run->WaitForOutput("Progress: ", kRunLimit));
   const auto signalled = std::chrono::steady_clock::now();
   run->Signal(SIGQUIT);
@@ -69,7 +70,7 @@ TEST_F(FrontEndSignalsTest, BreakDuringUpgradeSendsTheCancelPacket) {
   EXPECT_EQ(result.out.substr(result.out.size() - tail.size()), tail) << result.out;
   EXPECT_NE(result.out.find(kCancelRequested), std::string::npos);
 
-  const std::vector<Block> received = device.Received();
+  const std::vector<Block> received = device->Received();
   ASSERT_FALSE(received.empty());
   EXPECT_EQ(received.back()[0], 7);
   EXPECT_EQ(PayloadTextOf(received.back()), "Cancel");

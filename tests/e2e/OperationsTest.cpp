@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <string>
 
-#include "tests/support/TestSupport.h"
+#include "tests/support/EndToEnd.h"
 
 namespace ferrolt::test {
 namespace {
@@ -55,16 +55,17 @@ fs::path PrepareRoot(const TempDir& dir) {
 
 class OperationsE2eTest : public ::testing::Test {
  protected:
-  explicit OperationsE2eTest(std::vector<std::string> faults = {}) : server(std::move(faults), PrepareRoot(dir)) {}
+  explicit OperationsE2eTest(std::vector<std::string> faults = {})
+      : server(StartDevice(std::move(faults), PrepareRoot(dir))) {}
   void SetUp() override {
-    ASSERT_TRUE(server.Running());
+    ASSERT_TRUE(server->Running());
     fs::create_directories(cwd);
   }
-  ProcessResult Run(const std::vector<std::string>& args) { return RunFerrolt(args, server.Endpoint(), cwd); }
+  ProcessResult Run(const std::vector<std::string>& args) { return RunFerrolt(args, *server, cwd); }
 
   TempDir dir;
   fs::path cwd = dir / "work";
-  DevsimServer server;
+  std::unique_ptr<DeviceUnderTest> server;
 };
 
 // Given a device that answers, each command prints exactly its lines.
@@ -95,27 +96,26 @@ TEST_F(PresentDeviceE2eTest, OrtStartAndEnd) {
   auto result = Run({"startort", "extmic", "reboot", "5", "duration", "20"});
   EXPECT_EQ(result.out, "ORTstring = ort start extmic reboot 5 duration 20 " + std::string(kOpened) + Progress(5) +
                             kSpi + Log("Sent ORT message to device successfully.") + Progress(100));
-  EXPECT_EQ(PayloadTextOf(server.Received().back()), "ort start extmic reboot 5 duration 20 ");
+  EXPECT_EQ(PayloadTextOf(server->Received().back()), "ort start extmic reboot 5 duration 20 ");
   result = Run({"endort"});
   EXPECT_EQ(result.out, "NONVERBOSE MODE DETECTED!\n" + std::string(kOpened) + Progress(5) + kSpi +
                             Log("Sent 'ort end' to device successfully.") + Progress(100));
-  EXPECT_EQ(PayloadTextOf(server.Received().back()), "ort end");
+  EXPECT_EQ(PayloadTextOf(server->Received().back()), "ort end");
 }
 
 TEST_F(PresentDeviceE2eTest, ProgCapSendsTheRebootRequest) {
   const auto result = Run({"progCap"});
   EXPECT_EQ(result.out, "Programming Captouch...\n" + std::string(kOpened) + Progress(5) + kSpi +
                             Log("Sent reboot message to device successfully.") + Progress(100));
-  const auto sent = server.Received().back();
+  const auto sent = server->Received().back();
   EXPECT_EQ(std::string(sent.begin(), sent.end()), "\rreboot\r" + std::string(55, ' ') + std::string(1, '\0'));
 }
 
 // Given no device behind the endpoint, each command reports the failed open.
 class AbsentDeviceE2eTest : public OperationsE2eTest {
  protected:
-  ProcessResult RunAbsent(const std::vector<std::string>& args) {
-    return RunFerrolt(args, (dir / "missing.sock").string(), cwd);
-  }
+  ProcessResult RunAbsent(const std::vector<std::string>& args) { return RunFerrolt(args, *noDevice, cwd); }
+  std::unique_ptr<DeviceUnderTest> noDevice = StartNoDevice();
 };
 
 TEST_F(AbsentDeviceE2eTest, EachCommandReportsTheMissingDevice) {

@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "tests/support/TestSupport.h"
+#include "tests/support/EndToEnd.h"
 
 namespace ferrolt::test {
 namespace {
@@ -18,12 +18,13 @@ constexpr const char* kReaderLine = "LogMessageCallBack:\tUpgrade complete, endi
 constexpr uint8_t kUpgradeType = 1;
 constexpr uint8_t kCancelType = 7;
 
-fs::path BundleImage(const DevsimServer& server) { return server.Root() / "upgrade" / "bundle.img"; }
+fs::path BundleImage(const DeviceUnderTest& server) { return server.Root() / "upgrade" / "bundle.img"; }
 
 bool IsEndPacket(const Block& block) { return block[0] == kUpgradeType && PayloadTextOf(block) == "Ending Upgrade"; }
 
 std::string RawTextOf(const Block& block) {
-  return std::string(reinterpret_cast<const char*>(block.data()), strnlen(reinterpret_cast<const char*>(block.data()), 64));
+  return std::string(reinterpret_cast<const char*>(block.data()),
+                     strnlen(reinterpret_cast<const char*>(block.data()), 64));
 }
 
 // Given a running device and a bundle file, `ferrolt upgrade FILE` ...
@@ -35,7 +36,7 @@ class UpgradeRun : public ::testing::Test {
       args.push_back("--fault");
       args.push_back(fault);
     }
-    server_ = std::make_unique<DevsimServer>(args);
+    server_ = test::StartDevice(args);
     ASSERT_TRUE(server_->Running());
   }
   fs::path Bundle(const std::string& bytes) {
@@ -44,11 +45,11 @@ class UpgradeRun : public ::testing::Test {
     return path;
   }
   ProcessResult Upgrade(const fs::path& path) {
-    return RunFerrolt({"upgrade", path.string()}, server_->Endpoint(), dir_.Path(), kUpgradeRunLimit);
+    return RunFerrolt({"upgrade", path.string()}, *server_, dir_.Path(), kUpgradeRunLimit);
   }
 
   TempDir dir_;
-  std::unique_ptr<DevsimServer> server_;
+  std::unique_ptr<DeviceUnderTest> server_;
 };
 
 TEST_F(UpgradeRun, PrintsTheWholeExchangeAndStoresTheBundle) {
@@ -102,7 +103,7 @@ TEST_F(UpgradeRun, ReportsTheBundleVersionAfterwards) {
   StartDevice();
   const std::string bytes = "FERROLT-BUNDLE version=5.6.7\n" + RandomBytes(4000, 22);
   Upgrade(Bundle(bytes));
-  const ProcessResult version = RunFerrolt({"version"}, server_->Endpoint(), dir_.Path(), kUpgradeRunLimit);
+  const ProcessResult version = RunFerrolt({"version"}, *server_, dir_.Path(), kUpgradeRunLimit);
   EXPECT_NE(version.out.find("VersionInfoReadyCallBack:\tVersion - 5.6.7\n"), std::string::npos) << version.out;
 }
 
@@ -133,8 +134,7 @@ TEST_F(UpgradeRun, StopsWhenTheStartCommandIsNotTaken) {
   StartDevice({"stall-writes"});
   const ProcessResult run = Upgrade(Bundle(RandomBytes(500, 23)));
   EXPECT_EQ(run.exitStatus, 0);
-  EXPECT_NE(run.out.find("LogMessageCallBack:\tFailed in writing 'Starting Upgrade' to device.\n"),
-            std::string::npos);
+  EXPECT_NE(run.out.find("LogMessageCallBack:\tFailed in writing 'Starting Upgrade' to device.\n"), std::string::npos);
   EXPECT_EQ(run.out.find("Downloading Upgrade Bundle now."), std::string::npos);
   EXPECT_EQ(server_->Received().size(), 1u);
 }
@@ -152,11 +152,7 @@ TEST_F(UpgradeRun, GivesUpOnADeviceThatDisappearsMidStream) {
 
 TEST_F(UpgradeRun, AbortsOnCtrlBreakAndSendsTheCancelInsteadOfTheEnd) {
   StartDevice({"delay-writes=1"});
-  auto ferrolt = std::make_unique<Subprocess>(FERROLT_BIN, ProcessOptions{{"upgrade", Bundle(RandomBytes(57 * 4000, 25)).string()},
-                                                                           {{"FERROLT_EMULATOR", server_->Endpoint()}},
-                                                                           {},
-                                                                           dir_.Path(),
-                                                                           kUpgradeRunLimit});
+  auto ferrolt = StartFerrolt({"upgrade", Bundle(RandomBytes(57 * 4000, 25)).string()}, *server_, dir_.Path());
   ASSERT_TRUE(ferrolt->WaitForOutput("Progress: 5%", kSignalWait)) << ferrolt->OutSoFar();
   const auto signalled = std::chrono::steady_clock::now();
   ferrolt->Signal(SIGQUIT);

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -36,6 +37,14 @@ std::string ReadFile(const fs::path& path) {
   return text.str();
 }
 
+std::vector<Block> ReadBlocks(const fs::path& path) {
+  const std::string bytes = ReadFile(path);
+  std::vector<Block> blocks(bytes.size() / sizeof(Block));
+  for (size_t i = 0; i < blocks.size(); ++i)
+    std::memcpy(blocks[i].data(), bytes.data() + i * sizeof(Block), sizeof(Block));
+  return blocks;
+}
+
 void WriteFile(const fs::path& path, const std::string& bytes) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
@@ -54,35 +63,71 @@ void SetNonBlocking(int fd) { fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK
 
 }  // namespace
 
+namespace {
+
+// The environment the child gets: this process's, less the variables removed,
+// with the variables set.
+std::vector<std::string> ChildEnvironment(const ProcessOptions& options) {
+  std::vector<std::string> entries;
+  for (char** entry = environ; *entry != nullptr; ++entry) entries.emplace_back(*entry);
+  auto drop = [&entries](const std::string& name) {
+    std::erase_if(entries, [&name](const std::string& entry) { return entry.rfind(name + "=", 0) == 0; });
+  };
+  for (const auto& name : options.unsetEnv) drop(name);
+  for (const auto& [name, value] : options.env) {
+    drop(name);
+    entries.push_back(name + "=" + value);
+  }
+  return entries;
+}
+
+std::vector<char*> Pointers(std::vector<std::string>& strings) {
+  std::vector<char*> pointers;
+  for (auto& text : strings) pointers.push_back(text.data());
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+}  // namespace
+
+// Started with posix_spawn rather than fork and exec: in a test process with
+// threads, and with the umockdev preload library wrapping open, close and
+// chdir, code run between fork and exec can block forever on a lock another
+// thread held at the fork. posix_spawn's child runs none of it.
 Subprocess::Subprocess(const std::string& program, const ProcessOptions& options) {
   int outPipe[2];
   int errPipe[2];
-  if (pipe(outPipe) != 0 || pipe(errPipe) != 0) throw std::runtime_error("pipe failed");
+  if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_adddup2(&actions, outPipe[1], STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, errPipe[1], STDERR_FILENO);
+  if (!options.cwd.empty()) posix_spawn_file_actions_addchdir_np(&actions, options.cwd.c_str());
+  // The child starts with an empty signal mask (handlers reset on exec).
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  sigset_t none;
+  sigemptyset(&none);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+
+  std::vector<std::string> args = {program};
+  args.insert(args.end(), options.args.begin(), options.args.end());
+  std::vector<std::string> environment = ChildEnvironment(options);
   start_ = std::chrono::steady_clock::now();
-  pid_ = fork();
-  if (pid_ == 0) {
-    dup2(outPipe[1], STDOUT_FILENO);
-    dup2(errPipe[1], STDERR_FILENO);
-    int devNull = open("/dev/null", O_RDONLY);
-    dup2(devNull, STDIN_FILENO);
-    close(outPipe[0]);
-    close(errPipe[0]);
-    // The child starts with default signal handling and an empty mask.
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    for (const auto& name : options.unsetEnv) unsetenv(name.c_str());
-    for (const auto& [name, value] : options.env) setenv(name.c_str(), value.c_str(), 1);
-    if (!options.cwd.empty() && chdir(options.cwd.c_str()) != 0) _exit(126);
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(program.c_str()));
-    for (const auto& arg : options.args) argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
-    execv(program.c_str(), argv.data());
-    _exit(127);
-  }
+  // A program named without a folder is looked up in PATH (a launcher such as wine).
+  const int failure =
+      posix_spawnp(&pid_, program.c_str(), &actions, &attributes, Pointers(args).data(), Pointers(environment).data());
+  posix_spawn_file_actions_destroy(&actions);
+  posix_spawnattr_destroy(&attributes);
   close(outPipe[1]);
   close(errPipe[1]);
+  if (failure != 0) {
+    close(outPipe[0]);
+    close(errPipe[0]);
+    throw std::runtime_error("cannot start " + program + ": " + std::strerror(failure));
+  }
   outFd_ = outPipe[0];
   errFd_ = errPipe[0];
   SetNonBlocking(outFd_);
@@ -171,17 +216,34 @@ ProcessResult RunProcess(const std::string& program, const ProcessOptions& optio
   return process.Wait(options.timeout);
 }
 
-DevsimServer::DevsimServer(std::vector<std::string> extraArgs, const fs::path& root)
-    : socket_(dir_ / "device.sock"),
-      root_(root.empty() ? dir_ / "root" : root),
-      record_(dir_ / "received.bin"),
-      events_(dir_ / "events.log") {
+namespace {
+
+constexpr milliseconds kDevsimStartLimit{10000};
+constexpr const char* kListeningOn = "ferrolt-devsim: listening on ";
+
+}  // namespace
+
+DevsimServer::DevsimServer(std::vector<std::string> extraArgs, const fs::path& root, DevsimEndpoint endpoint)
+    : root_(root.empty() ? dir_ / "root" : root), record_(dir_ / "received.bin"), events_(dir_ / "events.log") {
   ProcessOptions options;
-  options.args = {"--socket", socket_.string(), "--root", root_.string(), "--record", record_.string(),
-                  "--events", events_.string()};
+  if (endpoint == DevsimEndpoint::UnixSocket) {
+    options.args = {"--socket", (dir_ / "device.sock").string()};
+  } else {
+    options.args = {"--tcp", "127.0.0.1:0"};
+  }
+  options.args.insert(options.args.end(),
+                      {"--root", root_.string(), "--record", record_.string(), "--events", events_.string()});
   options.args.insert(options.args.end(), extraArgs.begin(), extraArgs.end());
   process_ = std::make_unique<Subprocess>(DEVSIM_BIN, options);
-  if (!process_->WaitForOutput("listening", milliseconds(10000))) process_.reset();
+  // The line names the endpoint it listens on, the TCP port it picked included.
+  const std::string& out = process_->OutSoFar();
+  const size_t at = process_->WaitForOutput("\n", kDevsimStartLimit) ? out.find(kListeningOn) : std::string::npos;
+  if (at == std::string::npos) {
+    process_.reset();
+    return;
+  }
+  const size_t from = at + std::string(kListeningOn).size();
+  endpoint_ = out.substr(from, out.find('\n', from) - from);
 }
 
 DevsimServer::~DevsimServer() { Stop(); }
@@ -193,24 +255,11 @@ void DevsimServer::Stop() {
   process_.reset();
 }
 
-std::vector<Block> DevsimServer::Received() const {
-  const std::string bytes = ReadFile(record_);
-  std::vector<Block> blocks(bytes.size() / 64);
-  for (size_t i = 0; i < blocks.size(); ++i) std::memcpy(blocks[i].data(), bytes.data() + i * 64, 64);
-  return blocks;
-}
+std::vector<Block> DevsimServer::Received() const { return ReadBlocks(record_); }
 
 std::string DevsimServer::Events() const { return ReadFile(events_); }
 
-ProcessResult RunFerrolt(const std::vector<std::string>& args, const std::string& endpoint, const fs::path& cwd,
-                         milliseconds timeout) {
-  ProcessOptions options;
-  options.args = args;
-  options.env = {{"FERROLT_EMULATOR", endpoint}};
-  options.cwd = cwd;
-  options.timeout = timeout;
-  return RunProcess(FERROLT_BIN, options);
-}
+ToolEnvironment DevsimServer::Environment() const { return {{{"FERROLT_EMULATOR", endpoint_}}, {}}; }
 
 std::string PayloadTextOf(const Block& block) {
   char text[58] = {};

@@ -8,14 +8,15 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
-#include <string>
 #include <memory>
+#include <string>
 #include <utility>
 #include <vector>
 
+#include "tests/support/DeviceUnderTest.h"
+
 namespace ferrolt::test {
 
-namespace fs = std::filesystem;
 using std::chrono::milliseconds;
 
 // A fresh folder under $TMPDIR (or /tmp), removed with its contents.
@@ -33,6 +34,8 @@ class TempDir {
 };
 
 std::string ReadFile(const fs::path& path);
+// A file of 64-byte blocks (what a device recorded), in order.
+std::vector<Block> ReadBlocks(const fs::path& path);
 void WriteFile(const fs::path& path, const std::string& bytes);
 // Deterministic pseudo-random bytes.
 std::string RandomBytes(size_t count, unsigned seed);
@@ -85,40 +88,37 @@ class Subprocess {
 
 ProcessResult RunProcess(const std::string& program, const ProcessOptions& options);
 
-using Block = std::array<uint8_t, 64>;
+// How ferrolt-devsim is reached: a Unix socket in its temporary folder, or a
+// TCP port on the loopback interface that it picks itself.
+enum class DevsimEndpoint { UnixSocket, Tcp };
 
-// ferrolt-devsim serving a Unix socket in a temporary folder, its root folder
-// beside it, every OUT block recorded.
-class DevsimServer {
+// ferrolt-devsim in a temporary folder, its root folder beside it, every OUT
+// block recorded.
+class DevsimServer final : public DeviceUnderTest {
  public:
-  explicit DevsimServer(std::vector<std::string> extraArgs = {}, const fs::path& root = {});
-  ~DevsimServer();
+  explicit DevsimServer(std::vector<std::string> extraArgs = {}, const fs::path& root = {},
+                        DevsimEndpoint endpoint = DevsimEndpoint::UnixSocket);
+  ~DevsimServer() override;
   DevsimServer(const DevsimServer&) = delete;
   DevsimServer& operator=(const DevsimServer&) = delete;
 
-  bool Running() const { return process_ != nullptr; }
-  // The value for FERROLT_EMULATOR.
-  std::string Endpoint() const { return socket_.string(); }
-  const fs::path& Root() const { return root_; }
-  // Every OUT block the device received, in order.
-  std::vector<Block> Received() const;
-  // The device's event log so far.
-  std::string Events() const;
-  void Stop();
+  bool Running() const override { return process_ != nullptr; }
+  // The value for FERROLT_EMULATOR: the socket path or "tcp:127.0.0.1:PORT".
+  std::string Endpoint() const { return endpoint_; }
+  ToolEnvironment Environment() const override;
+  const fs::path& Root() const override { return root_; }
+  std::vector<Block> Received() const override;
+  std::string Events() const override;
+  void Stop() override;
 
  private:
   TempDir dir_;
-  fs::path socket_;
+  std::string endpoint_;
   fs::path root_;
   fs::path record_;
   fs::path events_;
   std::unique_ptr<Subprocess> process_;
 };
-
-// Runs the built ferrolt with FERROLT_EMULATOR pointing at the server (or at
-// endpoint when given), in cwd.
-ProcessResult RunFerrolt(const std::vector<std::string>& args, const std::string& endpoint, const fs::path& cwd,
-                         milliseconds timeout = milliseconds(60000));
 
 // The text of a packet's payload (57 bytes plus a zero).
 std::string PayloadTextOf(const Block& block);

@@ -1,0 +1,125 @@
+// What only a USB bus does to a transfer: an endpoint that answers with a
+// STALL, and a cable pulled in the middle of an upload, with and without the
+// device coming back. The tool runs on its libusb backend, the device behind
+// an emulated bus; unplug and replug reach the tool as hotplug events.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include "devsim/DevicePackets.h"
+#include "tests/support/EndToEnd.h"
+#include "tests/usb/EmulatedUsbDevice.h"
+
+namespace ferrolt::test::usb {
+namespace {
+
+constexpr milliseconds kRunLimit{30000};
+// The unplug comes as the device takes this OUT transfer: the upload's start
+// text is the first, so this is data packet 38 of the file.
+constexpr long long kUnplugAtOut = 40;
+constexpr int32_t kFilePackets = 120;
+// The tool retries a failed write after closing the link and pausing 1 s; the
+// device is back well before that.
+constexpr milliseconds kReplugAfter{200};
+constexpr const char* kSpeedLine = "Device speed: 3 (High speed).\n";
+constexpr const char* kWriteFailed = "LogMessageCallBack:\tFailed to write to the bulk interface\n";
+
+size_t CountOf(const std::string& text, const std::string& part) {
+  size_t count = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) ++count;
+  return count;
+}
+
+// Given an OUT endpoint that stalls once, the write fails, the halt is
+// cleared, and the tool's retry delivers the block: the device gets it once.
+TEST(UsbFaultsTest, AStalledOutEndpointFailsOneWriteAndTheRetryGetsThrough) {
+  TempDir dir;
+  UsbDeviceOptions options;
+  options.faults.stallOutAt = 1;
+  EmulatedUsbDevice device(options);
+  ASSERT_TRUE(device.Running()) << device.Error();
+  const ProcessResult run = RunFerrolt({"progCap"}, device, dir.Path(), kRunLimit);
+  EXPECT_EQ(run.out, std::string("Programming Captouch...\n") + kSpeedLine +
+                         "ProgressChangeCallBack:\t5 percent completed\nSPI SUPPORT IS TURNED ON!\n" + kWriteFailed +
+                         "LogMessageCallBack:\tFailed to send reboot message to device.\n" + kSpeedLine +
+                         "LogMessageCallBack:\tSent reboot message to device successfully.\n"
+                         "ProgressChangeCallBack:\t100 percent completed\n");
+  const auto received = device.Received();
+  ASSERT_EQ(received.size(), 1u);
+  EXPECT_EQ(devsim::RawText(received[0]).rfind("\rreboot\r", 0), 0u);
+  EXPECT_EQ(device.Usb().ClearedHalts(), 1);
+}
+
+// Given an upload under way, the cable is pulled while a data packet is in
+// flight ...
+class UsbUnplugTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    UsbDeviceOptions options;
+    options.faults.unplugAtOut = kUnplugAtOut;
+    device_ = std::make_unique<EmulatedUsbDevice>(options);
+    ASSERT_TRUE(device_->Running()) << device_->Error();
+    bytes_ = RandomBytes(kFilePackets * 57 - 20, 40);
+    WriteFile(dir_ / "file.bin", bytes_);
+  }
+
+  // Runs the upload; once the tool reports the write the unplug broke, takes
+  // the device off the bus and, if replug, puts it back a moment later.
+  ProcessResult UploadAcrossUnplug(bool replug) {
+    auto run = StartFerrolt({"upload", "file.bin"}, *device_, dir_.Path());
+    const bool unplugged = run->WaitForOutput(kWriteFailed, kRunLimit);
+    EXPECT_TRUE(unplugged) << run->OutSoFar();
+    device_->Unplug();
+    if (unplugged && replug) {
+      std::this_thread::sleep_for(kReplugAfter);
+      EXPECT_TRUE(device_->Replug()) << device_->Error();
+    }
+    return run->Wait(kRunLimit);
+  }
+
+  TempDir dir_;
+  std::string bytes_;
+  std::unique_ptr<EmulatedUsbDevice> device_;
+};
+
+// ... and plugged in again: the tool finds it at its new address, resends the
+// packet, and the device receives every block once, in order, and the file.
+TEST_F(UsbUnplugTest, AReplugLetsTheUploadFinishWithEveryBlockOnce) {
+  const ProcessResult run = UploadAcrossUnplug(true);
+  EXPECT_EQ(run.exitStatus, 0);
+  EXPECT_EQ(CountOf(run.out, kSpeedLine), 2u) << run.out;
+  const size_t failed = run.out.find(kWriteFailed);
+  ASSERT_NE(failed, std::string::npos) << run.out;
+  EXPECT_NE(run.out.find(kSpeedLine, failed), std::string::npos);
+  EXPECT_EQ(run.out.substr(run.out.size() - 22), "Finished File Upload!\n");
+  EXPECT_TRUE(ReadFile(device_->Root() / "tmp" / "file.bin") == bytes_) << "the device's file differs";
+
+  const auto received = device_->Received();
+  ASSERT_EQ(received.size(), static_cast<size_t>(kFilePackets) + 2);
+  EXPECT_EQ(devsim::RawText(received.front()).rfind("Starting upload ", 0), 0u);
+  for (int32_t index = 0; index < kFilePackets; ++index) {
+    EXPECT_EQ(received[index + 1][0], devsim::kTypeUpload);
+    EXPECT_EQ(devsim::NumberOf(received[index + 1]), static_cast<uint32_t>(index));
+  }
+  EXPECT_EQ(devsim::RawText(received.back()), "Ending upload");
+}
+
+// ... and not plugged in again: the reopen finds no device, the upload ends
+// with the lines of a missing device, and the device keeps no finished file.
+TEST_F(UsbUnplugTest, WithoutAReplugTheUploadEndsAsForAMissingDevice) {
+  const ProcessResult run = UploadAcrossUnplug(false);
+  EXPECT_EQ(run.exitStatus, 0);
+  const std::string tail = std::string(kWriteFailed) +
+                           "Device not found.\nGeneral failure. GetLastError returned 80070103.\n"
+                           "LogMessageCallBack:\tError:Failed to connect to the bulk interface, device might be "
+                           "disconnected\nFailed to open device\n";
+  ASSERT_GE(run.out.size(), tail.size());
+  EXPECT_EQ(run.out.substr(run.out.size() - tail.size()), tail) << run.out;
+  EXPECT_FALSE(fs::exists(device_->Root() / "tmp" / "file.bin"));
+  EXPECT_EQ(device_->Received().size(), static_cast<size_t>(kUnplugAtOut) - 1);
+}
+
+}  // namespace
+}  // namespace ferrolt::test::usb

@@ -1,0 +1,116 @@
+// The device's end of an emulated USB device node: a umockdev ioctl handler
+// that answers the usbdevfs ioctls libusb sends and moves bulk URBs in and out
+// of a devsim::Device. OUT URBs hand their block to the device and complete
+// when the device reports the write completed; IN URBs complete, in order,
+// with the device's IN blocks. Claiming the vendor interface opens the
+// device's host link, releasing it closes the link.
+//
+// umockdev calls the handler on its own worker thread; a thread of ours lets
+// the device's time pass (replies that stream, delayed completions). Both
+// work under one lock, and neither blocks: a URB the device has not finished
+// with stays queued and the client reaps it later.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+#include "devsim/Device.h"
+
+typedef struct _UMockdevIoctlBase UMockdevIoctlBase;
+typedef struct _UMockdevIoctlClient UMockdevIoctlClient;
+typedef struct _UMockdevIoctlData UMockdevIoctlData;
+
+namespace ferrolt::test::usb {
+
+// Faults of the USB bus itself, beside those the device logic injects.
+struct UsbFaults {
+  // False: the vendor interface cannot be claimed (another driver holds it).
+  bool claimable = true;
+  // The OUT URB with this number (1-based, counted over the device's life)
+  // is answered with a STALL handshake: the endpoint halts until the host
+  // clears the halt, and every OUT URB until then is stalled too. 0: never.
+  long long stallOutAt = 0;
+  // The device is unplugged when the OUT URB with this number arrives,
+  // before it takes the block. 0: never.
+  long long unplugAtOut = 0;
+};
+
+class UsbdevfsDevice {
+ public:
+  UsbdevfsDevice(devsim::Device& device, uint8_t vendorInterface, const UsbFaults& faults);
+  ~UsbdevfsDevice();
+  UsbdevfsDevice(const UsbdevfsDevice&) = delete;
+  UsbdevfsDevice& operator=(const UsbdevfsDevice&) = delete;
+
+  UMockdevIoctlBase* Handler() const { return handler_; }
+
+  // The cable is pulled: as the kernel does on a disconnect, URBs in flight
+  // end with -ESHUTDOWN and every later ioctl on a handle opened so far fails
+  // with ENODEV. Handles opened later fail as well until Plug.
+  void Unplug();
+  // The device is back: handles opened from now on reach it.
+  void Plug();
+  // Halt conditions the host has cleared on the OUT endpoint.
+  int ClearedHalts() const;
+
+ private:
+  struct Urb;
+  using UrbQueue = std::deque<Urb>;
+
+  static int OnIoctl(UMockdevIoctlBase* handler, UMockdevIoctlClient* client, void* self);
+  void HandleIoctl(UMockdevIoctlClient* client);
+  void Capabilities(UMockdevIoctlClient* client, UMockdevIoctlData* arg);
+  void Claim(UMockdevIoctlClient* client, UMockdevIoctlData* arg, size_t size);
+  void Release(UMockdevIoctlClient* client, UMockdevIoctlData* arg);
+  void Submit(UMockdevIoctlClient* client, UMockdevIoctlData* arg);
+  void SubmitOut(Urb urb);
+  void Reap(UMockdevIoctlClient* client, UMockdevIoctlData* arg);
+  void Discard(UMockdevIoctlClient* client, UMockdevIoctlData* arg);
+  void ClearHalt(UMockdevIoctlClient* client, UMockdevIoctlData* arg);
+
+  // The lock is held by the callers of everything below.
+  bool CutOff(UMockdevIoctlClient* client);
+  void CloseLink();
+  void CutOffEveryHandle();
+  void Finish(Urb urb, int status, int length);
+  void Settle();
+  void LetTimePass();
+  std::chrono::steady_clock::duration NextWait() const;
+
+  devsim::Device& device_;
+  const uint8_t vendorInterface_;
+  const UsbFaults faults_;
+  UMockdevIoctlBase* handler_ = nullptr;
+  // Stored last by the constructor, loaded first by every ioctl. GLib hands
+  // the handler to its worker thread with futexes ThreadSanitizer cannot see;
+  // this makes the order in which the two threads meet the object visible.
+  std::atomic<bool> published_{false};
+
+  mutable std::mutex mutex_;  // guards everything below and the device
+  std::condition_variable changed_;
+  bool stopping_ = false;
+  bool plugged_ = true;
+  // Handles opened before the last unplug carry an older number and meet ENODEV.
+  unsigned plugNumber_ = 1;
+  UMockdevIoctlClient* linkOwner_ = nullptr;
+  // OUT URBs the device took, awaiting its completion in order. An entry whose
+  // URB the host discarded stays as an empty slot, so a late completion
+  // still belongs to the write it was meant for.
+  std::deque<std::optional<Urb>> awaitingCompletion_;
+  UrbQueue awaitingData_;
+  std::map<UMockdevIoctlClient*, UrbQueue> reapable_;
+  long long outUrbs_ = 0;
+  bool outHalted_ = false;
+  int clearedHalts_ = 0;
+
+  std::thread clock_;  // last: it starts once everything it uses exists
+};
+
+}  // namespace ferrolt::test::usb
