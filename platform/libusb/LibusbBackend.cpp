@@ -6,6 +6,7 @@
 #include "platform/libusb/ConfigDescriptor.h"
 #include "platform/libusb/LibusbConnection.h"
 #include "platform/libusb/LibusbContext.h"
+#include "platform/libusb/SetupHints.h"
 
 namespace ferrolt::platform {
 namespace {
@@ -74,7 +75,11 @@ class LibusbBackend final : public DeviceBackend {
     for (libusb_device* device : devices) {
       if (InstanceOf(device) != parsed->instance) continue;
       libusb_device_handle* handle = nullptr;
-      if (libusb_open(device, &handle) != LIBUSB_SUCCESS) return nullptr;
+      const int opened = libusb_open(device, &handle);
+      if (opened != LIBUSB_SUCCESS) {
+        HintOpenFailure(device, parsed->id.vendorId, parsed->id.productId, opened);
+        return nullptr;
+      }
       return std::make_unique<LibusbConnection>(context, handle, parsed->id.interfaceNumber);
     }
     return nullptr;

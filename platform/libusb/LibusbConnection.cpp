@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "platform/libusb/ConfigDescriptor.h"
+#include "platform/libusb/SetupHints.h"
 
 namespace ferrolt::platform {
 namespace {
@@ -55,7 +56,11 @@ bool LibusbConnection::Initialize() {
   // and gives it back on release. Systems without kernel drivers refuse the
   // option, which is harmless.
   libusb_set_auto_detach_kernel_driver(handle_, 1);
-  if (libusb_claim_interface(handle_, interfaceNumber_) != LIBUSB_SUCCESS) return false;
+  const int claimed = libusb_claim_interface(handle_, interfaceNumber_);
+  if (claimed != LIBUSB_SUCCESS) {
+    HintClaimFailure(libusb_get_device(handle_), interfaceNumber_, claimed);
+    return false;
+  }
   claimed_ = true;
   return true;
 }

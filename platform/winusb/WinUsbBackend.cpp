@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include "platform/winusb/SetupApiListing.h"
+#include "platform/winusb/SetupHints.h"
 #include "platform/winusb/WinUsbConnection.h"
 
 namespace ferrolt::platform {
@@ -20,7 +21,10 @@ class WinUsbBackend final : public DeviceBackend {
 
   std::unique_ptr<DeviceConnection> Open(const std::string& path) override {
     const HANDLE file = CreateFileA(path.c_str(), kAccess, kSharing, nullptr, OPEN_EXISTING, kAttributes, nullptr);
-    if (file == INVALID_HANDLE_VALUE) return nullptr;
+    if (file == INVALID_HANDLE_VALUE) {
+      HintOpenFailure(GetLastError());
+      return nullptr;
+    }
     return std::make_unique<WinUsbConnection>(api_, file);
   }
 

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <set>
 
+#include "platform/winusb/SetupHints.h"
+
 namespace ferrolt::platform {
 namespace {
 
@@ -46,7 +48,10 @@ WinUsbConnection::~WinUsbConnection() {
 
 bool WinUsbConnection::Initialize() {
   WINUSB_INTERFACE_HANDLE winUsb = nullptr;
-  if (!api_.Initialize(deviceFile_, &winUsb)) return false;
+  if (!api_.Initialize(deviceFile_, &winUsb)) {
+    HintDriverFailure(GetLastError());
+    return false;
+  }
   winUsb_ = winUsb;
   return true;
 }

@@ -3,6 +3,7 @@
 // ids and interfaces are, and in whether their vendor interface can be had.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -73,12 +74,16 @@ TEST(UsbOpeningTest, FindsOnlyTheRightIdsOnInterfaceFour) {
 }
 
 // Given a vendor interface that another driver holds, the open fails at
-// driver initialisation (status 3) with its own message, and nothing is sent.
+// driver initialisation (status 3) with its own message, nothing is sent, and
+// standard error says once what holds the interface.
 TEST(UsbOpeningTest, AnInterfaceThatCannotBeClaimedFailsDriverInitialisation) {
   TempDir dir;
   const auto held = Device({"--state", "3"});
   const auto results = ProgCapOnEach({held.get()}, dir);
   EXPECT_EQ(results[0].out, std::string(kProgCapStart) + kDriverFailure);
+  EXPECT_EQ(results[0].err.rfind("ferrolt: interface 4 of /dev/bus/usb/"), 0u) << results[0].err;
+  EXPECT_NE(results[0].err.find("is held by another program or driver"), std::string::npos) << results[0].err;
+  EXPECT_EQ(std::count(results[0].err.begin(), results[0].err.end(), '\n'), 1) << results[0].err;
   EXPECT_EQ(results[0].exitStatus, 0);
   EXPECT_TRUE(held->Received().empty());
   EXPECT_EQ(held->Events().find("link opened"), std::string::npos);

@@ -1,0 +1,19 @@
+// Hints on standard error for the two set-up faults a Linux user can fix
+// alone: no permission on the device node, and an interface someone else
+// holds. The console lines of a failed open stay as they are; each hint is
+// printed at most once a run, however often the link retries.
+#pragma once
+
+#include <libusb.h>
+
+#include <cstdint>
+
+namespace ferrolt::platform {
+
+// libusb_open failed with error on device, whose ids are vendorId:productId.
+void HintOpenFailure(libusb_device* device, uint16_t vendorId, uint16_t productId, int error);
+
+// libusb_claim_interface failed with error.
+void HintClaimFailure(libusb_device* device, uint8_t interfaceNumber, int error);
+
+}  // namespace ferrolt::platform

@@ -1,0 +1,17 @@
+// Hints on standard error for the two set-up faults a Windows user can fix
+// alone: the device held by another program, and an interface without the
+// WinUSB driver. The console lines of a failed open stay as they are; each
+// hint is printed at most once a run, however often the link retries.
+#pragma once
+
+#include <windows.h>
+
+namespace ferrolt::platform {
+
+// CreateFile on the interface path failed with error.
+void HintOpenFailure(DWORD error);
+
+// WinUsb_Initialize failed with error.
+void HintDriverFailure(DWORD error);
+
+}  // namespace ferrolt::platform
