@@ -20,6 +20,19 @@ void PrintPathLine(const char* label, const std::string& path) {
   std::fflush(stdout);
 }
 
+// The device names an uploaded file by what follows the last backslash; a
+// forward slash does not separate. A user who gave a POSIX path is told why
+// the device sees the whole of it.
+void HintWholePathAsName(const std::string& localPath) {
+  const size_t backslash = localPath.rfind('\\');
+  const size_t nameStart = backslash == std::string::npos ? 0 : backslash + 1;
+  if (localPath.find('/', nameStart) == std::string::npos) return;
+  std::fprintf(stderr,
+               "ferrolt: the device gets \"%s\" as the file name (only a backslash separates folders); run "
+               "ferrolt in the file's folder to send its bare name.\n",
+               localPath.c_str() + nameStart);
+}
+
 void LaunchDefaultLogs(const std::string& logName, DeviceAdmin& admin, ConsoleReporters& reporters) {
   char folder[kTempFolderBufferSize] = {};
   const size_t length = TemporaryFolder(folder, sizeof folder);
@@ -76,6 +89,7 @@ void LaunchCommand(const Command& command, DeviceAdmin& admin, ConsoleReporters&
       break;
     case CommandKind::Upload:
       PrintPathLine("Local Path  : ", command.first);
+      HintWholePathAsName(command.first);
       admin.UploadFileAsync(command.first, progress, log);
       break;
     case CommandKind::Download:

@@ -94,6 +94,20 @@ TEST_F(FileTransferTest, EmptyFilesTravelBothWays) {
   EXPECT_EQ(ReadFile(dir / "stale"), "");
 }
 
+// Given a path with forward slashes, the device is sent the whole path as the
+// file name, and standard error says why.
+TEST_F(FileTransferTest, AForwardSlashPathIsSentWholeAsTheName) {
+  Start();
+  fs::create_directories(dir / "sub");
+  WriteFile(dir / "sub" / "f.bin", "abc");
+  const ProcessResult run = Ferrolt({"upload", "sub/f.bin"});
+  EXPECT_NE(run.out.find("File to send: sub/f.bin\n"), std::string::npos) << run.out;
+  const std::vector<Block> received = server->Received();
+  ASSERT_FALSE(received.empty());
+  EXPECT_EQ(devsim::RawText(received.front()), "Starting upload 3 1 sub/f.bin");
+  EXPECT_NE(run.err.find("ferrolt: the device gets \"sub/f.bin\" as the file name"), std::string::npos) << run.err;
+}
+
 // Given paths that do not exist on the PC, the tool says so and sends the
 // device nothing.
 TEST_F(FileTransferTest, MissingLocalPathsAreReportedAndNothingIsSent) {
