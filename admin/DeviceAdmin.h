@@ -105,6 +105,12 @@ class DeviceAdmin {
                     ILogMessageCallBack* log);
   void DownloadLogs(std::string zipPath, IProgressChangeCallBack* progress, ILogMessageCallBack* log,
                     bool verbose);
+  // The request block that opens a download, written; after each failed
+  // write a reconnect and the request again (a device that never saw it
+  // would send nothing), at most limits::kMaxReconnectRounds times. False,
+  // after its own line, when the download must stop; subject names the
+  // download in the give-up line.
+  bool SendDownloadRequest(const uint8_t* request, const char* subject, ILogMessageCallBack* log);
 
   // Taken by the upgrade sender for each packet step.
   platform::Mutex LinkMutex;

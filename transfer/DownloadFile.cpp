@@ -6,7 +6,6 @@
 
 #include "admin/DeviceAdmin.h"
 #include "link/DevicePacket.h"
-#include "link/Limits.h"
 #include "transfer/DownloadReply.h"
 #include "transfer/OutputFile.h"
 #include "transfer/Reports.h"
@@ -46,21 +45,9 @@ void DeviceAdmin::DownloadFile(std::string devicePath, std::string savePath, IPr
   std::printf("SPI SUPPORT IS TURNED ON!\n");
 
   const Block request = BuildTextPacket(PacketType::Download, std::string(kRequestPrefix) + devicePath);
-  // A device that never saw the request would send nothing, so after a
-  // reconnect the request goes out again.
-  for (int round = 0;; ++round) {
-    if (Link.WritePacket(request.data(), kBlockSize, log) == TransferStatus::Done) break;
-    if (round == limits::kMaxReconnectRounds) {
-      LogText(log, "Error: The download request could not be sent after " +
-                       std::to_string(limits::kMaxReconnectRounds) + " reconnects; download stopped.");
-      EndOperation();
-      return;
-    }
-    if (!Reconnect(log)) {
-      std::printf("Failed to open device\n");
-      EndOperation();
-      return;
-    }
+  if (!SendDownloadRequest(request.data(), "download", log)) {
+    EndOperation();
+    return;
   }
   LogText(log, "Starting file download now.");
 

@@ -69,27 +69,13 @@ void DeviceAdmin::DownloadLogs(std::string zipPath, IProgressChangeCallBack* pro
   std::printf("SPI SUPPORT IS TURNED ON!\n");
 
   const Block request = BuildTextPacket(PacketType::Logs, kRequestText);
-  // Counts request rounds that failed to be written and attempts that ended
-  // in a sequence error; each is bounded on its own.
-  int reconnects = 0;
+  // Attempts that ended in a sequence error are bounded.
   int restarts = 0;
   for (;;) {
-    if (Link.WritePacket(request.data(), kBlockSize, log) != TransferStatus::Done) {
-      if (reconnects++ == limits::kMaxReconnectRounds) {
-        LogText(log, "Error: The log request could not be sent after " +
-                         std::to_string(limits::kMaxReconnectRounds) + " reconnects; log download stopped.");
-        EndOperation();
-        return;
-      }
-      if (!Reconnect(log)) {
-        std::printf("Failed to open device\n");
-        EndOperation();
-        return;
-      }
-      // The device never saw the request: send it again.
-      continue;
+    if (!SendDownloadRequest(request.data(), "log download", log)) {
+      EndOperation();
+      return;
     }
-    reconnects = 0;
     LogText(log, "Starting download logs now.");
 
     LogReceipt receipt;
