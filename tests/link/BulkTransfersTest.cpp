@@ -38,29 +38,30 @@ class Writes : public LinkFixture {
   const Block packet = BuildTextPacket(PacketType::Version, "Version Retrieval");
 };
 
-TEST_F(Writes, AcceptedBlockIsDoneAndRecorded) {
+TEST_F(Writes, TakenBlockIsDoneSilentlyAndAFailedOneIsLogged) {
   TransferStatus status{};
   EXPECT_LT(Timed([&] { status = Write(packet); }), kFast);
   EXPECT_EQ(status, TransferStatus::Done);
-  ASSERT_EQ(backend.Written().size(), 1u);
-  EXPECT_EQ(backend.Written()[0], packet);
+  EXPECT_EQ(backend.Written(), std::vector<FakeBlock>{packet});
   EXPECT_EQ(backend.WritePipes(), std::vector<uint8_t>{kFakeOutPipe});
   EXPECT_TRUE(log.Lines().empty());
+
+  backend.SetWriteOutcome(WriteOutcome::Fail);
+  EXPECT_EQ(Write(packet), TransferStatus::Failed);
+  EXPECT_EQ(log.Lines(), std::vector<std::string>{"Failed to write to the bulk interface"});
+  EXPECT_EQ(link.WritePacket(packet.data(), 64, nullptr), TransferStatus::Failed);
+  EXPECT_EQ(log.Lines().size(), 1u);
 }
 
-TEST_F(Writes, StalledPipeTimesOutAfterTheWriteWaitSilently) {
+// Given a stalled pipe, a write times out silently after the write wait, and
+// its late completion never completes a later write.
+TEST_F(Writes, StalledWriteTimesOutAndItsLateCompletionIsItsOwn) {
   backend.SetWriteOutcome(WriteOutcome::Withhold);
   TransferStatus status{};
   const milliseconds took = Timed([&] { status = Write(packet); });
   EXPECT_EQ(status, TransferStatus::TimedOut);
   EXPECT_GE(took, kWriteWaitFloor);
   EXPECT_LT(took, kWriteWaitFloor + kSlack);
-  EXPECT_TRUE(log.Lines().empty());
-}
-
-TEST_F(Writes, LateCompletionDoesNotCompleteTheNextWrite) {
-  backend.SetWriteOutcome(WriteOutcome::Withhold);
-  EXPECT_EQ(Write(packet), TransferStatus::TimedOut);
   ASSERT_TRUE(backend.CompleteOldestWrite());  // the first write's late acknowledgement
   EXPECT_EQ(Write(packet), TransferStatus::TimedOut);
 
@@ -71,36 +72,29 @@ TEST_F(Writes, LateCompletionDoesNotCompleteTheNextWrite) {
   ASSERT_EQ(third.wait_for(kTestTimeout), std::future_status::ready);
   EXPECT_EQ(third.get(), TransferStatus::Done);
   EXPECT_EQ(backend.Written().size(), 3u);
+  EXPECT_TRUE(log.Lines().empty());
 }
 
-TEST_F(Writes, CancelWinsEvenWhenTheDeviceAcceptedTheBlock) {
+// Given a signalled cancel, a write reports it even when the device took the
+// block; a cancel during a stalled write cuts its wait short.
+TEST_F(Writes, CancelWinsAndCutsAStalledWriteShort) {
   cancel.Set();
   TransferStatus status{};
   EXPECT_LT(Timed([&] { status = Write(packet); }), kFast);
   EXPECT_EQ(status, TransferStatus::Cancelled);
   EXPECT_EQ(backend.Written().size(), 1u);
   EXPECT_EQ(log.Lines(), std::vector<std::string>{"Operation has been Canceled"});
-}
 
-TEST_F(Writes, CancelCutsAStalledWriteShort) {
+  cancel.Reset();
   backend.SetWriteOutcome(WriteOutcome::Withhold);
   std::thread canceller([&] {
     std::this_thread::sleep_for(milliseconds(30));
     cancel.Set();
   });
-  TransferStatus status{};
   const milliseconds took = Timed([&] { status = Write(packet); });
   canceller.join();
   EXPECT_EQ(status, TransferStatus::Cancelled);
   EXPECT_LT(took, kWriteWaitFloor);
-}
-
-TEST_F(Writes, FailedTransferIsReportedAsFailed) {
-  backend.SetWriteOutcome(WriteOutcome::Fail);
-  EXPECT_EQ(Write(packet), TransferStatus::Failed);
-  EXPECT_EQ(log.Lines(), std::vector<std::string>{"Failed to write to the bulk interface"});
-  EXPECT_EQ(link.WritePacket(packet.data(), 64, nullptr), TransferStatus::Failed);
-  EXPECT_EQ(log.Lines().size(), 1u);
 }
 
 TEST_F(Writes, RemovedDeviceAndClosedLinkWaitOutTheWriteWait) {
@@ -129,26 +123,11 @@ TEST_F(Writes, RemovedDeviceAndClosedLinkWaitOutTheWriteWait) {
 class Reads : public LinkFixture {
  protected:
   void SetUp() override { OpenLink(); }
-  TransferStatus Read(uint32_t* bytes) {
-    *bytes = 0;
-    return link.ReadPacket(buffer.data(), 64, &log, bytes);
-  }
+  TransferStatus Read(uint32_t* bytes) { return link.ReadPacket(buffer.data(), 64, &log, bytes); }
   Block buffer{};
 };
 
-TEST_F(Reads, QueuedBlocksArriveInOrder) {
-  backend.QueueInBlock(NumberedBlock(1));
-  backend.QueueInBlock(NumberedBlock(100));
-  uint32_t bytes = 0;
-  EXPECT_EQ(Read(&bytes), TransferStatus::Done);
-  EXPECT_EQ(bytes, 64u);
-  EXPECT_EQ(buffer, NumberedBlock(1));
-  EXPECT_EQ(Read(&bytes), TransferStatus::Done);
-  EXPECT_EQ(buffer, NumberedBlock(100));
-  EXPECT_TRUE(log.Lines().empty());
-}
-
-TEST_F(Reads, EmptyPipeTimesOutAfterTheReadWait) {
+TEST_F(Reads, EmptyPipeTimesOutAndLaterBlocksGoToTheNextReadsInOrder) {
   uint32_t bytes = 7;
   TransferStatus status{};
   const milliseconds took = Timed([&] { status = Read(&bytes); });
@@ -156,18 +135,18 @@ TEST_F(Reads, EmptyPipeTimesOutAfterTheReadWait) {
   EXPECT_EQ(bytes, 0u);
   EXPECT_GE(took, kReadWaitFloor);
   EXPECT_LT(took, kFast);
-  EXPECT_TRUE(log.Lines().empty());
-}
+  EXPECT_EQ(Read(&bytes), TransferStatus::TimedOut);
 
-TEST_F(Reads, BlockArrivingAfterATimeOutGoesToTheNextRead) {
-  uint32_t bytes = 0;
-  EXPECT_EQ(Read(&bytes), TransferStatus::TimedOut);
-  EXPECT_EQ(Read(&bytes), TransferStatus::TimedOut);
   backend.QueueInBlock(NumberedBlock(9));
+  backend.QueueInBlock(NumberedBlock(100));
   EXPECT_EQ(Read(&bytes), TransferStatus::Done);
+  EXPECT_EQ(bytes, 64u);
   EXPECT_EQ(buffer, NumberedBlock(9));
-  EXPECT_EQ(backend.ReadsStarted(), 1);
+  EXPECT_EQ(backend.ReadsStarted(), 1);  // the read that timed out took it
+  EXPECT_EQ(Read(&bytes), TransferStatus::Done);
+  EXPECT_EQ(buffer, NumberedBlock(100));
   EXPECT_EQ(Read(&bytes), TransferStatus::TimedOut);
+  EXPECT_TRUE(log.Lines().empty());
 }
 
 TEST_F(Reads, CancelledReadKeepsItsBlockForLater) {
@@ -206,22 +185,26 @@ TEST_F(Reads, CloseDropsThePendingReadAndReopenStartsAfresh) {
   EXPECT_EQ(backend.ReadsStarted(), 2);
 }
 
-TEST_F(Reads, FlushDiscardsWaitingBlocksInThenOut) {
-  backend.QueueInBlock(NumberedBlock(1));
+// Given waiting blocks and a pending read, a flush (IN, then OUT) discards
+// them all; the next read is a fresh one that takes the next block.
+TEST_F(Reads, FlushDiscardsWaitingBlocksAndThePendingRead) {
+  uint32_t bytes = 0;
+  EXPECT_EQ(Read(&bytes), TransferStatus::TimedOut);
+  backend.QueueInBlock(NumberedBlock(1));  // taken by the pending read
   backend.QueueInBlock(NumberedBlock(2));
   link.FlushPipes();
   EXPECT_EQ(backend.FlushedPipes(), (std::vector<uint8_t>{kFakeInPipe, kFakeOutPipe}));
-  uint32_t bytes = 0;
   EXPECT_EQ(Read(&bytes), TransferStatus::TimedOut);
+  link.FlushPipes();
+  backend.QueueInBlock(NumberedBlock(3));
+  EXPECT_EQ(Read(&bytes), TransferStatus::Done);
+  EXPECT_EQ(buffer, NumberedBlock(3));
+  EXPECT_TRUE(log.Lines().empty());
 }
 
 // Given an open link, the blocking read waits for a block up to its bound
 // and ignores the cancel event.
-class BlockingReads : public LinkFixture {
- protected:
-  void SetUp() override { OpenLink(); }
-  Block buffer{};
-};
+class BlockingReads : public Reads {};
 
 TEST_F(BlockingReads, BlockArrivingLaterIsReturned) {
   cancel.Set();
@@ -237,23 +220,22 @@ TEST_F(BlockingReads, BlockArrivingLaterIsReturned) {
   EXPECT_LT(took, kBlockingWaitFloor);
 }
 
-TEST_F(BlockingReads, SilentDeviceEndsTheReadAtItsBound) {
+// Given a silent device, the read ends at its bound and the next one waits on
+// the same transfer; on a closed link it fails at once.
+TEST_F(BlockingReads, SilentDeviceEndsTheReadAtItsBoundAndAClosedLinkAtOnce) {
   int result = -1;
-  const milliseconds took = Timed([&] { result = link.ReadPacketBlocking(buffer.data(), 64, &log); });
+  milliseconds took = Timed([&] { result = link.ReadPacketBlocking(buffer.data(), 64, &log); });
   EXPECT_EQ(result, 1);
   EXPECT_GE(took, kBlockingWaitFloor);
   EXPECT_LT(took, kBlockingWaitFloor + kSlack);
-  // The unfinished read is the one the next read waits on.
   backend.QueueInBlock(NumberedBlock(8));
   EXPECT_EQ(link.ReadPacketBlocking(buffer.data(), 64, &log), 0);
   EXPECT_EQ(buffer, NumberedBlock(8));
   EXPECT_EQ(backend.ReadsStarted(), 1);
-}
 
-TEST_F(BlockingReads, ClosedLinkFailsAtOnce) {
   link.CloseDevice();
-  int result = -1;
-  EXPECT_LT(Timed([&] { result = link.ReadPacketBlocking(buffer.data(), 64, &log); }), kFast);
+  took = Timed([&] { result = link.ReadPacketBlocking(buffer.data(), 64, &log); });
+  EXPECT_LT(took, kFast);
   EXPECT_EQ(result, 1);
   EXPECT_TRUE(log.Lines().empty());
 }

@@ -1,7 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <thread>
+#include <string>
+#include <vector>
 
 #include "platform/emulator/EmulatorBackend.h"
 #include "tests/platform/ScriptedDevice.h"
@@ -58,48 +59,22 @@ class EmulatorTransferTest : public ::testing::Test {
     ASSERT_TRUE(marker->Completion().WaitFor(kArrival));
   }
 
+  // An open read stays open until the device sends a block, then holds it.
+  void ExpectOpenUntilTheNextBlock(Transfer& read, const Block& block) {
+    EXPECT_FALSE(read.Completion().WaitFor(kQuiet));
+    device.SendBlock(block);
+    ASSERT_TRUE(read.Completion().WaitFor(kArrival));
+    EXPECT_EQ(ReadBlock(read), block);
+  }
+
   ScriptedDevice device;
   std::unique_ptr<DeviceBackend> backend;
   std::unique_ptr<DeviceConnection> connection;
 };
 
-TEST_F(EmulatorTransferTest, WriteSendsOneFrameWithItsBlock) {
-  Write(MarkedBlock(1, 0x11));
-  Write(MarkedBlock(2, 0x22));
-  ASSERT_TRUE(device.WaitForWrites(2, kArrival));
-  const auto writes = device.Writes();
-  EXPECT_EQ(writes[0], MarkedBlock(1, 0x11));
-  EXPECT_EQ(writes[1], MarkedBlock(2, 0x22));
-}
-
-TEST_F(EmulatorTransferTest, ShortWriteIsPaddedToABlock) {
-  const uint8_t text[] = {'h', 'i'};
-  ASSERT_NE(connection->StartWrite(kOut, text, sizeof text), nullptr);
-  ASSERT_TRUE(device.WaitForWrites(1, kArrival));
-  Block expected{};
-  expected[0] = 'h';
-  expected[1] = 'i';
-  EXPECT_EQ(device.Writes()[0], expected);
-}
-
-TEST_F(EmulatorTransferTest, AcksCompleteWritesInOrder) {
-  auto first = Write(MarkedBlock(1, 1));
-  auto second = Write(MarkedBlock(2, 2));
-  ASSERT_TRUE(device.WaitForWrites(2, kArrival));
-  EXPECT_FALSE(first->Completion().WaitFor(kQuiet));
-
-  device.SendAck();
-  ASSERT_TRUE(first->Completion().WaitFor(kArrival));
-  EXPECT_TRUE(first->Succeeded());
-  EXPECT_EQ(first->BytesTransferred(), 64u);
-  EXPECT_FALSE(second->Completion().WaitFor(kQuiet));
-
-  device.SendAck();
-  ASSERT_TRUE(second->Completion().WaitFor(kArrival));
-  EXPECT_TRUE(second->Succeeded());
-}
-
-TEST_F(EmulatorTransferTest, LateAckCompletesItsOwnWriteNotALaterOne) {
+// Given open writes, each A completes the oldest, so a late A completes the
+// write whose wait ran out and not the retry sent after it.
+TEST_F(EmulatorTransferTest, AcksCompleteWritesInOrderSoALateAckCompletesItsOwnWrite) {
   auto stalled = Write(MarkedBlock(1, 1));
   // The caller's wait on the first write has run out; it sends again.
   EXPECT_FALSE(stalled->Completion().WaitFor(kQuiet));
@@ -108,7 +83,13 @@ TEST_F(EmulatorTransferTest, LateAckCompletesItsOwnWriteNotALaterOne) {
 
   device.SendAck();
   ASSERT_TRUE(stalled->Completion().WaitFor(kArrival));
+  EXPECT_TRUE(stalled->Succeeded());
+  EXPECT_EQ(stalled->BytesTransferred(), 64u);
   EXPECT_FALSE(retry->Completion().WaitFor(kQuiet));
+
+  device.SendAck();
+  ASSERT_TRUE(retry->Completion().WaitFor(kArrival));
+  EXPECT_TRUE(retry->Succeeded());
 }
 
 TEST_F(EmulatorTransferTest, FlushOfOutFailsOpenWritesButTheirAcksStillCount) {
@@ -124,9 +105,12 @@ TEST_F(EmulatorTransferTest, FlushOfOutFailsOpenWritesButTheirAcksStillCount) {
   device.SendAck();
   ASSERT_TRUE(next->Completion().WaitFor(kArrival));
   EXPECT_TRUE(next->Succeeded());
+  EXPECT_FALSE(flushed->Succeeded());
 }
 
-TEST_F(EmulatorTransferTest, BlocksWaitForReadsAndComeOutInOrder) {
+// Given blocks that come before any read, they wait and come out in order;
+// given a read that comes first, the next block completes it.
+TEST_F(EmulatorTransferTest, BlocksWaitForReadsInOrderAndAnOpenReadTakesTheNext) {
   device.SendBlock(MarkedBlock(1, 0xA1));
   device.SendBlock(MarkedBlock(2, 0xA2));
   Sync();
@@ -138,38 +122,23 @@ TEST_F(EmulatorTransferTest, BlocksWaitForReadsAndComeOutInOrder) {
     EXPECT_EQ(read->BytesTransferred(), 64u);
     EXPECT_EQ(ReadBlock(*read), MarkedBlock(seq, static_cast<uint8_t>(0xA0 + seq)));
   }
+
+  ExpectOpenUntilTheNextBlock(*connection->StartRead(kIn, 64), MarkedBlock(3, 0xB3));
 }
 
-TEST_F(EmulatorTransferTest, OpenReadsTakeLaterBlocksOldestFirst) {
-  auto first = connection->StartRead(kIn, 64);
-  auto second = connection->StartRead(kIn, 64);
-  EXPECT_FALSE(first->Completion().WaitFor(kQuiet));
-  device.SendBlock(MarkedBlock(1, 0xB1));
-  ASSERT_TRUE(first->Completion().WaitFor(kArrival));
-  EXPECT_EQ(ReadBlock(*first), MarkedBlock(1, 0xB1));
-  EXPECT_FALSE(second->Completion().WaitFor(kQuiet));
-  device.SendBlock(MarkedBlock(2, 0xB2));
-  ASSERT_TRUE(second->Completion().WaitFor(kArrival));
-  EXPECT_EQ(ReadBlock(*second), MarkedBlock(2, 0xB2));
-}
+// Given a flush of IN, open reads fail and queued blocks are gone; the next
+// read takes the next block the device sends.
+TEST_F(EmulatorTransferTest, FlushOfInFailsOpenReadsAndDiscardsQueuedBlocks) {
+  auto open = connection->StartRead(kIn, 64);
+  ASSERT_TRUE(connection->FlushPipe(kIn));
+  ASSERT_TRUE(open->Completion().WaitFor(kArrival));
+  EXPECT_FALSE(open->Succeeded());
 
-TEST_F(EmulatorTransferTest, FlushOfInDiscardsQueuedBlocks) {
   device.SendBlock(MarkedBlock(1, 0xC1));
   device.SendBlock(MarkedBlock(2, 0xC2));
   Sync();
   ASSERT_TRUE(connection->FlushPipe(kIn));
-  auto read = connection->StartRead(kIn, 64);
-  EXPECT_FALSE(read->Completion().WaitFor(kQuiet));
-  device.SendBlock(MarkedBlock(3, 0xC3));
-  ASSERT_TRUE(read->Completion().WaitFor(kArrival));
-  EXPECT_EQ(ReadBlock(*read), MarkedBlock(3, 0xC3));
-}
-
-TEST_F(EmulatorTransferTest, FlushOfInFailsOpenReads) {
-  auto read = connection->StartRead(kIn, 64);
-  ASSERT_TRUE(connection->FlushPipe(kIn));
-  ASSERT_TRUE(read->Completion().WaitFor(kArrival));
-  EXPECT_FALSE(read->Succeeded());
+  ExpectOpenUntilTheNextBlock(*connection->StartRead(kIn, 64), MarkedBlock(3, 0xC3));
 }
 
 TEST_F(EmulatorTransferTest, WrongPipesStartNothing) {
@@ -189,44 +158,35 @@ TEST_F(EmulatorTransferTest, ClosingTheConnectionFailsWhatIsOpen) {
   EXPECT_FALSE(read->Succeeded());
 }
 
-// Given a device that goes away, open transfers fail and new ones do not start.
-class EmulatorRemovedDeviceTest : public EmulatorTransferTest {
- protected:
-  void ExpectRemoved(std::shared_ptr<Transfer> write, std::shared_ptr<Transfer> read) {
-    ASSERT_TRUE(read->Completion().WaitFor(kArrival));
-    EXPECT_FALSE(read->Succeeded());
-    ASSERT_TRUE(write->Completion().WaitFor(kArrival));
-    EXPECT_FALSE(write->Succeeded());
-    const Block block{};
-    EXPECT_EQ(connection->StartWrite(kOut, block.data(), 64), nullptr);
-    EXPECT_EQ(connection->StartRead(kIn, 64), nullptr);
-  }
+// How the device goes: the bytes it sends last, and whether it hangs up.
+struct Removal {
+  const char* name;
+  std::vector<uint8_t> lastBytes;
+  bool hangsUp;
 };
 
-TEST_F(EmulatorRemovedDeviceTest, Hangup) {
+// Given a device that goes away, open transfers fail and new ones do not start.
+class EmulatorRemovedDeviceTest : public EmulatorTransferTest, public ::testing::WithParamInterface<Removal> {};
+
+TEST_P(EmulatorRemovedDeviceTest, OpenTransfersFailAndNewOnesDoNotStart) {
   auto write = Write(MarkedBlock(1, 1));
   auto read = connection->StartRead(kIn, 64);
   ASSERT_TRUE(device.WaitForWrites(1, kArrival));
-  device.Hangup();
-  ExpectRemoved(write, read);
+  if (!GetParam().lastBytes.empty()) device.SendRaw(GetParam().lastBytes);
+  if (GetParam().hangsUp) device.Hangup();
+  ASSERT_TRUE(read->Completion().WaitFor(kArrival));
+  EXPECT_FALSE(read->Succeeded());
+  ASSERT_TRUE(write->Completion().WaitFor(kArrival));
+  EXPECT_FALSE(write->Succeeded());
+  const Block block{};
+  EXPECT_EQ(connection->StartWrite(kOut, block.data(), 64), nullptr);
+  EXPECT_EQ(connection->StartRead(kIn, 64), nullptr);
 }
 
-TEST_F(EmulatorRemovedDeviceTest, TornFrame) {
-  auto write = Write(MarkedBlock(1, 1));
-  auto read = connection->StartRead(kIn, 64);
-  ASSERT_TRUE(device.WaitForWrites(1, kArrival));
-  device.SendRaw({'R', 1, 2, 3});
-  device.Hangup();
-  ExpectRemoved(write, read);
-}
-
-TEST_F(EmulatorRemovedDeviceTest, UnknownFrame) {
-  auto write = Write(MarkedBlock(1, 1));
-  auto read = connection->StartRead(kIn, 64);
-  ASSERT_TRUE(device.WaitForWrites(1, kArrival));
-  device.SendRaw({'Z'});
-  ExpectRemoved(write, read);
-}
+INSTANTIATE_TEST_SUITE_P(Removals, EmulatorRemovedDeviceTest,
+                         ::testing::Values(Removal{"Hangup", {}, true}, Removal{"TornFrame", {'R', 1, 2, 3}, true},
+                                           Removal{"UnknownFrame", {'Z'}, false}),
+                         [](const ::testing::TestParamInfo<Removal>& info) { return std::string(info.param.name); });
 
 // Given a device that stops reading, a write gives up within its bound
 // instead of holding its caller.
