@@ -1,9 +1,9 @@
-// The short operations against the in-process fake device: the cases whose
-// timing or device answers the emulator cannot script.
+// The short operations against the in-process fake device: the blocks they
+// send, and the cases whose timing or device answers the emulator cannot script.
+#include <functional>
 #include <string>
 
-#include "link/DevicePacket.h"
-#include "tests/admin/FakeDeviceFixture.h"
+#include "tests/admin/FakeDevice.h"
 
 namespace ferrolt::test {
 namespace {
@@ -14,10 +14,39 @@ using Lines = std::vector<std::string>;
 constexpr uint8_t kCli = 4;
 constexpr uint8_t kVersion = 2;
 
+const Block kEndOfOutput = MakeDevicePacket(kCli, 57, "ending testdata");
+
 std::string OutputAfterCommand(const std::string& out) {
   const std::string opened = "Device speed: 3 (High speed).\n\n";
   const size_t at = out.find(opened);
   return at == std::string::npos ? "<no output start>" : out.substr(at + opened.size());
+}
+
+// Given commands in a row, each goes out as one text packet; a command of 60
+// characters sends its first 57 without a terminator.
+class CommandBlockTest : public FakeDeviceFixture {};
+
+TEST_F(CommandBlockTest, CliSwitchesOrtTextsAndACliCommandAreOnePacketEach) {
+  char ortString[] = "ort start extmic reboot 5 duration 20 ";
+  const std::string command = "echo 0123456789012345678901234567890123456789012345678901234";
+  const std::vector<std::pair<std::function<int()>, Block>> cases = {
+      {[&] { return admin.StartCliAsync(&progress, &log); }, BuildTextPacket(PacketType::Cli, "CLI On")},
+      {[&] { return admin.StopCliAsync(&progress, &log); }, BuildTextPacket(PacketType::Cli, "CLI Off")},
+      {[&] { return admin.StartOrtAsync(&progress, &log, ortString); }, BuildTextPacket(PacketType::Ort, ortString)},
+      {[&] { return admin.EndOrtAsync(&progress, &log, false); }, BuildTextPacket(PacketType::Ort, "ort end")},
+      {[&] {
+         device->Send(kEndOfOutput);
+         return admin.SendCliCommandAsync(command, &progress, &log);
+       },
+       BuildTextPacket(PacketType::Cli, command)},
+  };
+  std::vector<Block> expected;
+  for (const auto& [launch, block] : cases) {
+    ASSERT_EQ(launch(), 0);
+    ASSERT_TRUE(OperationEnds(admin));
+    expected.push_back(block);
+  }
+  EXPECT_EQ(device->Written(), expected);
 }
 
 // Given a CLI command, its output is printed as the device streams it, up to
@@ -26,16 +55,16 @@ class CliOutputTest : public FakeDeviceFixture {};
 
 TEST_F(CliOutputTest, PrintsEachPacketsBytesUntilTheEndTextInAnyCase) {
   ASSERT_EQ(admin.SendCliCommandAsync("ls", &progress, &log), 0);
-  device.Send(MakeDevicePacket(kCli, 4, "abc\nIGNORED"));       // only length bytes count
-  device.Send(MakeDevicePacket(kVersion, 57, "not output\n"));  // another type: ignored
-  device.Send(MakeDevicePacket(kCli, 0, "nothing"));            // length 0 prints nothing
-  device.Send(MakeDevicePacket(kCli, 6, "100%n\n"));            // device text, not a format
-  DeviceBlock corrupt = MakeDevicePacket(kCli, 5, "lost\n");
+  device->Send(MakeDevicePacket(kCli, 4, "abc\nIGNORED"));       // only length bytes count
+  device->Send(MakeDevicePacket(kVersion, 57, "not output\n"));  // another type: ignored
+  device->Send(MakeDevicePacket(kCli, 0, "nothing"));            // length 0 prints nothing
+  device->Send(MakeDevicePacket(kCli, 6, "100%n\n"));            // device text, not a format
+  Block corrupt = MakeDevicePacket(kCli, 5, "lost\n");
   corrupt[63] ^= 0x5A;
-  device.Send(corrupt);
-  device.Send(MakeDevicePacket(kCli, 200, std::string(57, 'x')));  // length clamped to the payload
-  device.Send(MakeDevicePacket(kCli, 57, "ENDING TESTDATA"));
-  device.Send(MakeDevicePacket(kCli, 5, "late\n"));
+  device->Send(corrupt);
+  device->Send(MakeDevicePacket(kCli, 200, std::string(57, 'x')));  // length clamped to the payload
+  device->Send(MakeDevicePacket(kCli, 57, "ENDING TESTDATA"));
+  device->Send(MakeDevicePacket(kCli, 5, "late\n"));
   ASSERT_TRUE(OperationEnds(admin));
 
   char crcLines[128];
@@ -46,29 +75,15 @@ TEST_F(CliOutputTest, PrintsEachPacketsBytesUntilTheEndTextInAnyCase) {
   EXPECT_TRUE(progress.Reports().empty());
 }
 
-TEST_F(CliOutputTest, CommandOfSixtyCharactersSendsItsFirstFiftySevenWithoutTerminator) {
-  const std::string command = "echo 0123456789012345678901234567890123456789012345678901234";
-  ASSERT_EQ(command.size(), 60u);
-  ASSERT_EQ(admin.SendCliCommandAsync(command, &progress, &log), 0);
-  device.Send(MakeDevicePacket(kCli, 57, "ending testdata"));
-  ASSERT_TRUE(OperationEnds(admin));
-  const auto written = device.Written();
-  ASSERT_EQ(written.size(), 1u);
-  EXPECT_EQ(written[0][0], kCli);
-  EXPECT_EQ(written[0][5], 57);
-  EXPECT_EQ(std::string(written[0].begin() + 6, written[0].begin() + 63), command.substr(0, 57));
-  EXPECT_TRUE(PacketCrcMatches(written[0].data()));
-}
-
 TEST_F(CliOutputTest, StalledCommandWriteIsLoggedAndTheOutputStillRead) {
-  device.SetStallWrites(true);
+  device->SetStallWrites(true);
   ASSERT_EQ(admin.SendCliCommandAsync("uptime", &progress, &log), 0);
-  device.Send(MakeDevicePacket(kCli, 3, "up\n"));
-  device.Send(MakeDevicePacket(kCli, 57, "ending testdata"));
+  device->Send(MakeDevicePacket(kCli, 3, "up\n"));
+  device->Send(kEndOfOutput);
   ASSERT_TRUE(OperationEnds(admin));
   EXPECT_EQ(log.Lines(), Lines{"Failed in writing CLI command to device."});
-  EXPECT_EQ(device.Written().size(), 1u);  // not resent
-  EXPECT_EQ(device.Opens(), 2);            // reopened once
+  EXPECT_EQ(device->Written().size(), 1u);  // not resent
+  EXPECT_EQ(device->Opens(), 2);            // reopened once
   EXPECT_EQ(OutputAfterCommand(out.Text()), "up\n");
 }
 
@@ -77,19 +92,23 @@ class VersionExchangeTest : public FakeDeviceFixture {};
 
 TEST_F(VersionExchangeTest, ReadThatGetsNothingSendsTheRequestAgain) {
   int requests = 0;
-  device.OnWrite([&](const DeviceBlock&) {
-    if (++requests == 2) device.Send(MakeDevicePacket(kVersion, 57, "4.5.6"));
+  device->OnWrite([&](const Block&) {
+    if (++requests == 2) device->Send(MakeDevicePacket(kVersion, 57, "4.5.6"));
+    return true;
   });
   ASSERT_EQ(admin.RetrieveVersionAsync(&version, &progress, &log, false), 0);
   ASSERT_TRUE(OperationEnds(admin));
-  EXPECT_EQ(device.Written().size(), 2u);
+  EXPECT_EQ(device->Written().size(), 2u);
   ASSERT_EQ(version.Texts().size(), 2u);
   EXPECT_EQ(version.Texts()[1], "Version - 4.5.6");
   EXPECT_EQ(progress.Reports(), std::vector<int>{100});
 }
 
 TEST_F(VersionExchangeTest, ReplyOfAnotherTypeGivesOnlyTheHexLine) {
-  device.OnWrite([&](const DeviceBlock&) { device.Send(MakeDevicePacket(kCli, 57, "hello")); });
+  device->OnWrite([&](const Block&) {
+    device->Send(MakeDevicePacket(kCli, 57, "hello"));
+    return true;
+  });
   ASSERT_EQ(admin.RetrieveVersionAsync(&version, &progress, &log, true), 0);
   ASSERT_TRUE(OperationEnds(admin));
   ASSERT_EQ(version.Texts().size(), 1u);
@@ -102,21 +121,25 @@ TEST_F(VersionExchangeTest, ReplyOfAnotherTypeGivesOnlyTheHexLine) {
 // Given a device that never completes a write, the resend rounds stop.
 class StalledResendTest : public FakeDeviceFixture {};
 
-TEST_F(StalledResendTest, CaptouchGivesUpAfterItsBoundWithOneLine) {
-  device.SetStallWrites(true);
-  ASSERT_EQ(admin.ProgramCaptouchAsync(&progress, &log), 0);
+TEST_F(StalledResendTest, OrtStartGivesUpAfterItsBoundAndClosesEveryLink) {
+  device->SetStallWrites(true);
+  char ortString[] = "ort start";
+  ASSERT_EQ(admin.StartOrtAsync(&progress, &log, ortString), 0);
   ASSERT_TRUE(OperationEnds(admin, milliseconds(20000)));
-  Lines expected(5, "Failed to send reboot message to device.");
-  expected.push_back("Error: Giving up after 5 failed attempts to send the reboot message.");
+  Lines expected(5, "Failed to send ORT message to device.");
+  expected.push_back("Error: Giving up after 5 failed attempts to send the ORT message.");
   EXPECT_EQ(log.Lines(), expected);
-  EXPECT_EQ(device.Written().size(), 5u);
+  EXPECT_EQ(device->Written().size(), 5u);
   EXPECT_EQ(progress.Reports(), std::vector<int>{5});
-  EXPECT_EQ(device.Opens(), device.Closes());
+  EXPECT_EQ(device->Opens(), device->Closes());
 }
 
-TEST_F(StalledResendTest, OrtStopsWhenTheLinkCannotBeReopened) {
-  device.SetStallWrites(true);
-  device.OnWrite([&](const DeviceBlock&) { device.SetPresent(false); });
+TEST_F(StalledResendTest, OrtEndStopsWhenTheLinkCannotBeReopened) {
+  device->SetStallWrites(true);
+  device->OnWrite([&](const Block&) {
+    device->SetPresent(false);
+    return true;
+  });
   ASSERT_EQ(admin.EndOrtAsync(&progress, &log, false), 0);
   ASSERT_TRUE(OperationEnds(admin));
   EXPECT_EQ(log.Lines(), (Lines{"Failed in writing 'ort end' to device.",

@@ -1,8 +1,9 @@
+// The runner around every operation: the busy guard, the cancel and its
+// event, and the bounded shutdown.
 #include <atomic>
 #include <thread>
 
-#include "link/DevicePacket.h"
-#include "tests/admin/FakeDeviceFixture.h"
+#include "tests/admin/FakeDevice.h"
 
 namespace ferrolt::test {
 namespace {
@@ -13,10 +14,8 @@ constexpr const char* kBusy =
     "Error: Another operation is already running now. Please wait the current operation or cancel to start new "
     "operation.";
 
-DeviceBlock EndOfOutput() { return MakeDevicePacket(4, 57, "ending testdata"); }
-
 // Given a CLI command waiting for its output, a second launch is refused and
-// the first operation is left as it was.
+// the first operation is left as it was; once it has ended, a launch is taken.
 class BusyGuardTest : public FakeDeviceFixture {};
 
 TEST_F(BusyGuardTest, SecondLaunchIsRefusedWithTheBusyLineAndSendsNothing) {
@@ -27,38 +26,31 @@ TEST_F(BusyGuardTest, SecondLaunchIsRefusedWithTheBusyLineAndSendsNothing) {
   EXPECT_EQ(log.Lines(), std::vector<std::string>{kBusy});
   EXPECT_TRUE(admin.IsOperationRunning());
 
-  device.Send(EndOfOutput());
+  device->Send(MakeDevicePacket(4, 57, "ending testdata"));
   admin.WaitForOperation();
   EXPECT_FALSE(admin.IsOperationRunning());
-  EXPECT_EQ(device.Written().size(), 1u);  // only the command
-  EXPECT_EQ(device.Opens(), 1);            // the refused version launch did not open the link
-}
+  EXPECT_EQ(device->Written().size(), 1u);  // only the command
+  EXPECT_EQ(device->Opens(), 1);            // the refused version launch did not open the link
 
-TEST_F(BusyGuardTest, LaunchAfterTheEndIsAccepted) {
-  ASSERT_EQ(admin.SendCliCommandAsync("true", &progress, &log), 0);
-  device.Send(EndOfOutput());
-  admin.WaitForOperation();
   EXPECT_EQ(admin.EndOrtAsync(&progress, &log, false), 0);
   ASSERT_TRUE(OperationEnds(admin));
   EXPECT_EQ(log.Lines().back(), "Sent 'ort end' to device successfully.");
 }
 
-// Given no operation, the waits and the cancel do not block.
+// Given no operation, the wait returns at once and the cancel does not block.
 class IdleRunnerTest : public FakeDeviceFixture {};
 
-TEST_F(IdleRunnerTest, WaitForOperationReturnsAtOnce) {
+TEST_F(IdleRunnerTest, WaitReturnsAtOnceAndCancelPrintsSignalsAndSendsNothing) {
   const auto start = std::chrono::steady_clock::now();
   admin.WaitForOperation();
   EXPECT_LT(std::chrono::steady_clock::now() - start, milliseconds(100));
   EXPECT_FALSE(admin.WaitForCancelEvent(milliseconds(0)));
-}
 
-TEST_F(IdleRunnerTest, CancelOnAClosedLinkPrintsItsLineSignalsAndSendsNothing) {
   admin.CancelOperation(&log);
   EXPECT_TRUE(admin.WaitForCancelEvent(milliseconds(0)));
   EXPECT_EQ(out.Text(), "Cancel Operation has succeeded.\n");
-  EXPECT_TRUE(device.Written().empty());  // the cancel does not reopen the link
-  EXPECT_TRUE(log.Lines().empty());       // a write time-out has no message
+  EXPECT_TRUE(device->Written().empty());  // the cancel does not reopen the link
+  EXPECT_TRUE(log.Lines().empty());        // a write time-out has no message
 
   // The next launch starts with the event reset.
   ASSERT_EQ(admin.EndOrtAsync(&progress, &log, true), 0);
@@ -104,8 +96,8 @@ TEST_F(CancelOrderTest, CancelWaitsForTheWorkerThenPrintsThenSignals) {
   EXPECT_TRUE(hold.released.load());  // the cancel returned after the worker
   watcher.join();
 
-  EXPECT_TRUE(device.Written().empty());  // the held worker gave up its exchange
-  EXPECT_EQ(device.Opens(), device.Closes());
+  EXPECT_TRUE(device->Written().empty());  // the held worker gave up its exchange
+  EXPECT_EQ(device->Opens(), device->Closes());
   EXPECT_NE(seenAtSignal.find("Cancel Operation has succeeded.\n"), std::string::npos);
   EXPECT_EQ(out.Text().find("SPI SUPPORT"), std::string::npos);
 }
