@@ -26,8 +26,6 @@ TEST(CommandDispatchTest, WordsAndAliasesIgnoreCaseOnlyAtTheirCount) {
 }
 
 TEST(CommandDispatchTest, VerboseOnlyAsTheLastReadArgument) {
-  EXPECT_TRUE(DispatchCommand({"version", "-V"}).verbose);
-  EXPECT_FALSE(DispatchCommand({"version", "-v", "more"}).verbose);
   EXPECT_TRUE(DispatchCommand({"upgrade", "/b.img", "-v"}).verbose);
   EXPECT_FALSE(DispatchCommand({"upgrade", "/b.img", "-v", "x"}).verbose);
   const Command upgrade = DispatchCommand({"upgrade", "-v"});

@@ -11,12 +11,7 @@ using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
 
 // Given a report of each kind, it prints exactly its prefixed line.
-class ConsoleReportersTest : public testing::Test {
- protected:
-  CLogMessageCallback log_;
-};
-
-TEST_F(ConsoleReportersTest, ProgressAndVersionLines) {
+TEST(ConsoleReportersTest, ProgressAndVersionLines) {
   CProgressCallback progress;
   CVersionInfoReadyCallBack version;
   CaptureStdout();
@@ -27,23 +22,20 @@ TEST_F(ConsoleReportersTest, ProgressAndVersionLines) {
             "VersionInfoReadyCallBack:\tVersion - 86.1 %s\n");
 }
 
-TEST_F(ConsoleReportersTest, PercentSignsAfterTheSecondPass) {
+TEST(ConsoleReportersTest, LogLinesResolvePercentSignsTwiceAndAreCutAt1023Characters) {
+  CLogMessageCallback log;
   CaptureStdout();
-  log_.LogMessageCallBack("Progress: %d%%%%", 42);
-  log_.LogMessageCallBack("done %% of it");
+  log.LogMessageCallBack("Progress: %d%%%%", 42);
+  log.LogMessageCallBack("done %% of it");
   // Device text is never a format: its conversions print as they stand.
-  log_.LogMessageCallBack("Device says: %s", "%n %s %d 100%");
+  log.LogMessageCallBack("Device says: %s", "%n %s %d 100%");
+  log.LogMessageCallBack("%s", std::string(2000, 'x').c_str());
   EXPECT_EQ(GetCapturedStdout(),
             "LogMessageCallBack:\tProgress: 42%\n"
             "LogMessageCallBack:\tdone % of it\n"
-            "LogMessageCallBack:\tDevice says: %n %s %d 100%\n");
-}
-
-TEST_F(ConsoleReportersTest, LongMessageIsCutAt1023Characters) {
-  const std::string longText(2000, 'x');
-  CaptureStdout();
-  log_.LogMessageCallBack("%s", longText.c_str());
-  EXPECT_EQ(GetCapturedStdout(), "LogMessageCallBack:\t" + std::string(1023, 'x') + "\n");
+            "LogMessageCallBack:\tDevice says: %n %s %d 100%\n"
+            "LogMessageCallBack:\t" +
+                std::string(1023, 'x') + "\n");
 }
 
 }  // namespace

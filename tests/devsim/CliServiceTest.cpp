@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 #include "devsim/DeviceLimits.h"
 #include "tests/devsim/DeviceHarness.h"
 
@@ -10,27 +8,39 @@ namespace {
 
 namespace fs = std::filesystem;
 constexpr auto kCommandWait = 5000ms;
+constexpr const char* kModeOff = "CLI mode is off: send CLI On first\n";
+
+// What `seq 1 count` prints.
+std::string Seq(int count) {
+  std::string lines;
+  for (int i = 1; i <= count; ++i) lines += std::to_string(i) + "\n";
+  return lines;
+}
+
+std::vector<Block> RunCommand(DeviceHarness& harness, const std::string& command,
+                              std::chrono::milliseconds wait = kCommandWait) {
+  harness.Text(kTypeCli, command);
+  return harness.CollectCommand(wait);
+}
 
 // Given CLI mode on, a command's output streams back in checked type-4
 // packets of at most 57 bytes, closed by the end text.
 class CliCommand : public ::testing::Test {
  protected:
-  explicit CliCommand(HarnessOptions options = {}) : harness_(options) { harness_.Text(kTypeCli, "CLI On"); }
-
-  std::vector<Block> Run(const std::string& command, std::chrono::milliseconds wait = kCommandWait) {
-    harness_.Text(kTypeCli, command);
-    return harness_.CollectCommand(wait);
+  DeviceHarness& Start(const HarnessOptions& options = {}) {
+    harness_ = std::make_unique<DeviceHarness>(options);
+    harness_->Text(kTypeCli, "CLI On");
+    return *harness_;
   }
 
-  DeviceHarness harness_;
+  std::unique_ptr<DeviceHarness> harness_;
 };
 
-TEST_F(CliCommand, OutputArrivesWholeInSmallCheckedPacketsThenTheEndText) {
-  const auto blocks = Run("seq 1 200");
+TEST_F(CliCommand, OutputAndStderrFromTheRootFolderArriveInSmallCheckedPacketsThenTheEndText) {
+  DeviceHarness& device = Start();
+  const auto blocks = RunCommand(device, "seq 1 200; echo err >&2; pwd");
   ASSERT_FALSE(blocks.empty());
-  std::string expected;
-  for (int i = 1; i <= 200; ++i) expected += std::to_string(i) + "\n";
-  EXPECT_EQ(OutputOf(blocks), expected);
+  EXPECT_EQ(OutputOf(blocks), Seq(200) + "err\n" + fs::canonical(device.Dev().Root()).string() + "\n");
   for (const Block& block : blocks) {
     EXPECT_EQ(TypeOf(block), kTypeCli);
     EXPECT_EQ(NumberOf(block), 0u);
@@ -39,56 +49,48 @@ TEST_F(CliCommand, OutputArrivesWholeInSmallCheckedPacketsThenTheEndText) {
   }
   EXPECT_EQ(PayloadText(blocks.back()), "ending testdata");
   EXPECT_EQ(LengthOf(blocks.back()), 57);
-  EXPECT_FALSE(harness_.Dev().Busy());
-}
-
-TEST_F(CliCommand, MergesStderrAndRunsInTheRootFolder) {
-  const auto blocks = Run("echo out; echo err >&2; pwd");
-  const std::string root = fs::canonical(harness_.Dev().Root()).string();
-  EXPECT_EQ(OutputOf(blocks), "out\nerr\n" + root + "\n");
+  EXPECT_FALSE(device.Dev().Busy());
 }
 
 TEST_F(CliCommand, A57ByteCommandNeedsNoTerminator) {
   const std::string command = "echo " + std::string(52, 'z');
   ASSERT_EQ(command.size(), 57u);
-  EXPECT_EQ(OutputOf(Run(command)), std::string(52, 'z') + "\n");
+  EXPECT_EQ(OutputOf(RunCommand(Start(), command)), std::string(52, 'z') + "\n");
 }
 
 TEST_F(CliCommand, KeepsTheInQueueShortWhileTheHostDoesNotRead) {
-  harness_.Text(kTypeCli, "seq 1 20000");
+  DeviceHarness& device = Start();
+  device.Text(kTypeCli, "seq 1 20000");
   const auto deadline = std::chrono::steady_clock::now() + 300ms;
   while (std::chrono::steady_clock::now() < deadline) {
-    harness_.Dev().Poll();
-    ASSERT_LE(harness_.Dev().QueuedInBlocks(), limits::kMaxQueuedStreamBlocks);
+    device.Dev().Poll();
+    ASSERT_LE(device.Dev().QueuedInBlocks(), limits::kMaxQueuedStreamBlocks);
     std::this_thread::sleep_for(2ms);
   }
   std::vector<Block> blocks;
-  while (auto block = harness_.Dev().PopInBlock()) blocks.push_back(*block);
-  for (const Block& block : harness_.CollectCommand(kCommandWait)) blocks.push_back(block);
-  std::string expected;
-  for (int i = 1; i <= 20000; ++i) expected += std::to_string(i) + "\n";
-  EXPECT_EQ(OutputOf(blocks), expected);
+  while (auto block = device.Dev().PopInBlock()) blocks.push_back(*block);
+  for (const Block& block : device.CollectCommand(kCommandWait)) blocks.push_back(block);
+  EXPECT_EQ(OutputOf(blocks), Seq(20000));
 }
 
 TEST_F(CliCommand, AClosedLinkKillsTheRunningCommand) {
-  harness_.Text(kTypeCli, "sleep 30");
-  harness_.Dev().Poll();
-  EXPECT_TRUE(harness_.Dev().Busy());
-  harness_.Dev().OnLinkClosed();
-  EXPECT_FALSE(harness_.Dev().Busy());
-  EXPECT_NE(harness_.Events().find("cli: link closed, command killed"), std::string::npos);
+  DeviceHarness& device = Start();
+  device.Text(kTypeCli, "sleep 30");
+  device.Dev().Poll();
+  EXPECT_TRUE(device.Dev().Busy());
+  device.Dev().OnLinkClosed();
+  EXPECT_FALSE(device.Dev().Busy());
+  EXPECT_NE(device.Events().find("cli: link closed, command killed"), std::string::npos);
 }
 
 // Given a command that outlives the time bound, it is killed with its
 // children and still ended.
-class CliTimeout : public CliCommand {
- protected:
-  CliTimeout() : CliCommand({.cliTimeout = std::chrono::seconds(1)}) {}
-};
+using CliTimeout = CliCommand;
 
 TEST_F(CliTimeout, KilledCommandIsMarkedAndEnded) {
+  DeviceHarness& device = Start({.cliTimeout = std::chrono::seconds(1)});
   const auto start = std::chrono::steady_clock::now();
-  const auto blocks = Run("echo started; sleep 30 & sleep 30", 8000ms);
+  const auto blocks = RunCommand(device, "echo started; sleep 30 & sleep 30", 8000ms);
   const auto took = std::chrono::steady_clock::now() - start;
   ASSERT_FALSE(blocks.empty());
   EXPECT_EQ(PayloadText(blocks.back()), "ending testdata");
@@ -98,51 +100,43 @@ TEST_F(CliTimeout, KilledCommandIsMarkedAndEnded) {
 }
 
 // Given output faults, the chosen packet is damaged or the end never comes.
-class CliFaults : public ::testing::Test {};
+using CliFaults = CliCommand;
 
 TEST_F(CliFaults, CorruptsOnlyTheKthOutputPacket) {
-  DeviceHarness harness({.faults = {{"corrupt-cli-crc", "2"}}});
-  harness.Text(kTypeCli, "CLI On");
-  harness.Text(kTypeCli, "seq 1 100");
-  const auto blocks = harness.CollectCommand(kCommandWait);
+  const auto blocks = RunCommand(Start({.faults = {{"corrupt-cli-crc", "2"}}}), "seq 1 100");
   ASSERT_GE(blocks.size(), 4u);
   for (size_t i = 0; i < blocks.size(); ++i) EXPECT_EQ(CrcMatches(blocks[i]), i != 1) << i;
 }
 
 TEST_F(CliFaults, NoEndTextLeavesTheOutputOpen) {
-  DeviceHarness harness({.faults = {{"cli-no-end", ""}}});
-  harness.Text(kTypeCli, "CLI On");
-  harness.Text(kTypeCli, "echo hi");
-  const auto blocks = harness.CollectCommand(1000ms);
+  DeviceHarness& device = Start({.faults = {{"cli-no-end", ""}}});
+  const auto blocks = RunCommand(device, "echo hi", 1000ms);
   EXPECT_EQ(OutputOf(blocks), "hi\n");
   for (const Block& block : blocks) EXPECT_NE(PayloadText(block), "ending testdata");
-  EXPECT_FALSE(harness.Dev().Busy());
+  EXPECT_FALSE(device.Dev().Busy());
 }
 
 // Given a root, CLI mode follows On and Off and survives a new device on it.
 TEST(CliMode, OffRefusesCommandsWithoutRunningThem) {
   DeviceHarness harness;
-  harness.Text(kTypeCli, "touch ran");
-  const auto blocks = harness.CollectCommand(kCommandWait);
+  const auto blocks = RunCommand(harness, "touch ran");
   ASSERT_EQ(blocks.size(), 2u);
-  EXPECT_EQ(OutputOf(blocks), "CLI mode is off: send CLI On first\n");
+  EXPECT_EQ(OutputOf(blocks), kModeOff);
   EXPECT_EQ(PayloadText(blocks.back()), "ending testdata");
   EXPECT_FALSE(fs::exists(harness.Dev().Root() / "ran"));
 }
 
 TEST(CliMode, PersistsAcrossDevicesOnTheSameRoot) {
   TempDir root;
-  { DeviceHarness(HarnessOptions{}, root.Path()).Text(kTypeCli, "CLI On"); }
+  { DeviceHarness({}, root.Path()).Text(kTypeCli, "CLI On"); }
   {
     DeviceHarness second({}, root.Path());
-    second.Text(kTypeCli, "echo on");
-    EXPECT_EQ(OutputOf(second.CollectCommand(kCommandWait)), "on\n");
+    EXPECT_EQ(OutputOf(RunCommand(second, "echo on")), "on\n");
     second.Text(kTypeCli, "CLI Off");
     EXPECT_NE(second.Events().find("cli mode off"), std::string::npos);
   }
   DeviceHarness third({}, root.Path());
-  third.Text(kTypeCli, "echo on");
-  EXPECT_EQ(OutputOf(third.CollectCommand(kCommandWait)), "CLI mode is off: send CLI On first\n");
+  EXPECT_EQ(OutputOf(RunCommand(third, "echo on")), kModeOff);
 }
 
 }  // namespace

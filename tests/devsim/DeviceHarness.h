@@ -18,7 +18,7 @@ using namespace std::chrono_literals;
 using ferrolt::test::TempDir;
 
 struct HarnessOptions {
-  std::vector<std::pair<std::string, std::string>> faults;
+  std::vector<std::pair<std::string, std::string>> faults{};
   std::chrono::seconds cliTimeout{10};
   std::string initialVersion = "1.0.0";
 };
@@ -38,9 +38,7 @@ class DeviceHarness {
   }
 
   Device& Dev() { return *device_; }
-  const std::filesystem::path& Dir() const { return dir_.Path(); }
   std::string Events() const { return ferrolt::test::ReadFile(dir_ / "events.log"); }
-  std::string Recorded() const { return ferrolt::test::ReadFile(dir_ / "record.bin"); }
 
   void Text(uint8_t type, const std::string& text) { device_->OnOutBlock(MakeTextPacket(type, text)); }
 

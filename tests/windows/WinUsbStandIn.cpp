@@ -77,6 +77,23 @@ WINBOOL WINAPI AbortPipe(WINUSB_INTERFACE_HANDLE winUsb, UCHAR pipe) {
   return TRUE;
 }
 
+// One whole block through the device's end of the pipe, read when taking and
+// written when sending; a transfer not done within wait is cancelled.
+bool MoveBlock(HANDLE pipe, uint8_t* data, bool take, DWORD wait) {
+  OVERLAPPED overlapped{};
+  overlapped.hEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+  const BOOL done =
+      take ? ReadFile(pipe, data, 64, nullptr, &overlapped) : WriteFile(pipe, data, 64, nullptr, &overlapped);
+  DWORD count = 0;
+  bool moved = false;
+  if (done || GetLastError() == ERROR_IO_PENDING) {
+    if (WaitForSingleObject(overlapped.hEvent, wait) != WAIT_OBJECT_0) CancelIoEx(pipe, &overlapped);
+    moved = GetOverlappedResult(pipe, &overlapped, &count, TRUE) && count == 64;
+  }
+  CloseHandle(overlapped.hEvent);
+  return moved;
+}
+
 std::string UniquePipePath() {
   static std::atomic<int> counter{0};
   return "\\\\.\\pipe\\ferrolt-standin-" + std::to_string(GetCurrentProcessId()) + "-" +
@@ -102,29 +119,9 @@ StandInDevice::~StandInDevice() {
 }
 
 bool StandInDevice::TakeBlock(StandInBlock& block, std::chrono::milliseconds wait) {
-  OVERLAPPED overlapped{};
-  overlapped.hEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-  DWORD count = 0;
-  bool taken = false;
-  if (ReadFile(pipe_, block.data(), static_cast<DWORD>(block.size()), nullptr, &overlapped) ||
-      GetLastError() == ERROR_IO_PENDING) {
-    if (WaitForSingleObject(overlapped.hEvent, static_cast<DWORD>(wait.count())) != WAIT_OBJECT_0)
-      CancelIoEx(pipe_, &overlapped);
-    taken = GetOverlappedResult(pipe_, &overlapped, &count, TRUE) && count == block.size();
-  }
-  CloseHandle(overlapped.hEvent);
-  return taken;
+  return MoveBlock(pipe_, block.data(), true, static_cast<DWORD>(wait.count()));
 }
 
-bool StandInDevice::SendBlock(const StandInBlock& block) {
-  OVERLAPPED overlapped{};
-  overlapped.hEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-  DWORD count = 0;
-  const bool sent = (WriteFile(pipe_, block.data(), static_cast<DWORD>(block.size()), nullptr, &overlapped) ||
-                     GetLastError() == ERROR_IO_PENDING) &&
-                    GetOverlappedResult(pipe_, &overlapped, &count, TRUE) && count == block.size();
-  CloseHandle(overlapped.hEvent);
-  return sent;
-}
+bool StandInDevice::SendBlock(StandInBlock block) { return MoveBlock(pipe_, block.data(), false, INFINITE); }
 
 }  // namespace ferrolt::test

@@ -40,7 +40,7 @@ class StandInDevice {
   // False when none comes within wait.
   bool TakeBlock(StandInBlock& block, std::chrono::milliseconds wait);
   // Sends one block for the host's reads.
-  bool SendBlock(const StandInBlock& block);
+  bool SendBlock(StandInBlock block);
 
  private:
   std::string path_;
