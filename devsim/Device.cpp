@@ -1,12 +1,12 @@
 #include "devsim/Device.h"
 
-#include <cstdio>
 #include <iostream>
 #include <iterator>
 #include <sstream>
 #include <system_error>
 
 #include "devsim/CommandServices.h"
+#include "devsim/DevicePackets.h"
 #include "devsim/FileServices.h"
 
 namespace ferrolt::devsim {
@@ -30,16 +30,6 @@ constexpr SampleLog kSampleLogs[] = {
      "[  OK  ] Reached target Multi-User System.\n"},
     {"ort.log", "ort: idle\n"},
 };
-
-std::string Hex(const Block& block) {
-  std::string text;
-  char digits[3];
-  for (uint8_t byte : block) {
-    std::snprintf(digits, sizeof digits, "%02X", byte);
-    text += digits;
-  }
-  return text;
-}
 
 bool WriteTextFile(const fs::path& path, const std::string& text) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
@@ -135,7 +125,7 @@ void Device::OnOutBlock(const Block& block) {
       break;
     }
   }
-  if (!taken) Note("unhandled block " + Hex(block));
+  if (!taken) Note("unhandled block " + HexOf(block.data(), block.size()));
   ScheduleCompletion();
 }
 

@@ -61,6 +61,17 @@ std::string RawText(const Block& block) {
   return std::string(block.begin(), end);
 }
 
+std::string HexOf(const uint8_t* data, size_t count) {
+  static constexpr char kDigits[] = "0123456789ABCDEF";
+  std::string text;
+  text.reserve(count * 2);
+  for (size_t i = 0; i < count; ++i) {
+    text += kDigits[data[i] >> 4];
+    text += kDigits[data[i] & 0xF];
+  }
+  return text;
+}
+
 Block MakePacket(uint8_t type, uint32_t number, const uint8_t* payload, size_t length) {
   Block block{};
   length = std::min(length, kPayloadSize);

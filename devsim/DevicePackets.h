@@ -23,6 +23,8 @@ uint8_t LengthOf(const Block& block);
 std::string PayloadText(const Block& block);
 // The block as text from byte 0 (a RawTextBlock), up to its zero or 64 bytes.
 std::string RawText(const Block& block);
+// Bytes as upper-case hex, two digits each, as the tool logs them.
+std::string HexOf(const uint8_t* data, size_t count);
 // A packet with the given fields and payload bytes (at most 57), CRC set.
 Block MakePacket(uint8_t type, uint32_t number, const uint8_t* payload, size_t length);
 // A text reply: number 0, length 57, the text zero-padded.

@@ -14,15 +14,7 @@ constexpr size_t kLargeFile = 2 << 20;
 // 1 ms each way), so the large file is smaller there.
 constexpr size_t kLargeFileOverUsb = 256 << 10;
 
-std::string Hex(const Block& block) {
-  static const char kDigits[] = "0123456789ABCDEF";
-  std::string text;
-  for (uint8_t byte : block) {
-    text += kDigits[byte >> 4];
-    text += kDigits[byte & 0xF];
-  }
-  return text;
-}
+std::string Hex(const Block& block) { return devsim::HexOf(block.data(), block.size()); }
 
 // Given the built tool and a running emulator, files travel both ways byte
 // for byte and the console shows exactly what the user is promised.

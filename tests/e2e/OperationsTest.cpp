@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <string>
 
+#include "devsim/DevicePackets.h"
 #include "tests/support/EndToEnd.h"
 
 namespace ferrolt::test {
@@ -23,26 +24,9 @@ std::string Progress(int percent) {
 }
 std::string Log(const std::string& text) { return "LogMessageCallBack:\t" + text + "\n"; }
 
-// The version reply devsim sends for the version text: type 2, length 57,
-// the text zero-padded, CRC-8 over bytes 0-62.
-std::string VersionReplyHex(const std::string& text, unsigned char* crcOut) {
-  unsigned char block[64] = {2, 0, 0, 0, 0, 57};
-  for (size_t i = 0; i < text.size(); ++i) block[6 + i] = static_cast<unsigned char>(text[i]);
-  unsigned char crc = 0;
-  for (int i = 0; i < 63; ++i) {
-    crc ^= block[i];
-    for (int bit = 0; bit < 8; ++bit) crc = static_cast<unsigned char>(crc & 0x80 ? (crc << 1) ^ 0x07 : crc << 1);
-  }
-  block[63] = static_cast<unsigned char>(~crc);
-  *crcOut = block[63];
-  std::string hex;
-  char digits[3];
-  for (unsigned char byte : block) {
-    std::snprintf(digits, sizeof digits, "%02X", byte);
-    hex += digits;
-  }
-  return hex;
-}
+// The version reply devsim sends for the version text.
+devsim::Block VersionReply(const std::string& text) { return devsim::MakeTextPacket(devsim::kTypeVersion, text); }
+std::string HexOf(const devsim::Block& block) { return devsim::HexOf(block.data(), block.size()); }
 
 // A device root holding a known version, with CLI mode on.
 fs::path PrepareRoot(const TempDir& dir) {
@@ -72,11 +56,10 @@ class OperationsE2eTest : public ::testing::Test {
 class PresentDeviceE2eTest : public OperationsE2eTest {};
 
 TEST_F(PresentDeviceE2eTest, VersionPrintsTheReplyAndProgress) {
-  unsigned char crc = 0;
   const auto result = Run({"version"});
   EXPECT_EQ(result.exitStatus, 0);
   EXPECT_EQ(result.out, std::string(kOpened) + "NONVERBOSE MODE DETECTED!\n" + kSpi +
-                            "VersionInfoReadyCallBack:\tRead data :" + VersionReplyHex("1.2.3", &crc) + "\n" +
+                            "VersionInfoReadyCallBack:\tRead data :" + HexOf(VersionReply("1.2.3")) + "\n" +
                             "VersionInfoReadyCallBack:\tVersion - 1.2.3\n" + Progress(100));
 }
 
@@ -138,11 +121,10 @@ class CorruptReplyE2eTest : public OperationsE2eTest {
 };
 
 TEST_F(CorruptReplyE2eTest, VersionPrintsTheCrcLines) {
-  unsigned char crc = 0;
-  std::string hex = VersionReplyHex("1.2.3", &crc);
-  char corruptCrc[3];
-  std::snprintf(corruptCrc, sizeof corruptCrc, "%02X", crc ^ 0xFF);
-  hex.replace(126, 2, corruptCrc);
+  devsim::Block reply = VersionReply("1.2.3");
+  const unsigned crc = reply[63];
+  reply[63] ^= 0xFF;
+  const std::string hex = HexOf(reply);
   char crcLines[96];
   std::snprintf(crcLines, sizeof crcLines, "CRC failed.\nCRC you gave me - %x\nCRC I calculated - %x\n", crc ^ 0xFF,
                 crc);

@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "devsim/DevicePackets.h"
+
 namespace ferrolt::test::usb {
 namespace {
 
@@ -70,15 +72,7 @@ const char* SysfsSpeed(UsbSpeed speed) {
   return "480";
 }
 
-std::string Hex(const std::vector<uint8_t>& bytes) {
-  std::string text;
-  char digits[3];
-  for (uint8_t byte : bytes) {
-    std::snprintf(digits, sizeof digits, "%02X", byte);
-    text += digits;
-  }
-  return text;
-}
+std::string Hex(const std::vector<uint8_t>& bytes) { return devsim::HexOf(bytes.data(), bytes.size()); }
 
 std::string Format(const char* format, int first, int second = 0) {
   char text[64];
