@@ -3,7 +3,7 @@
 #include <functional>
 #include <string>
 
-#include "tests/admin/FakeDevice.h"
+#include "tests/support/FakeDeviceFixture.h"
 
 namespace ferrolt::test {
 namespace {
@@ -35,7 +35,7 @@ TEST_F(CommandBlockTest, CliSwitchesOrtTextsAndACliCommandAreOnePacketEach) {
       {[&] { return admin.StartOrtAsync(&progress, &log, ortString); }, BuildTextPacket(PacketType::Ort, ortString)},
       {[&] { return admin.EndOrtAsync(&progress, &log, false); }, BuildTextPacket(PacketType::Ort, "ort end")},
       {[&] {
-         device->Send(kEndOfOutput);
+         device.QueueInBlock(kEndOfOutput);
          return admin.SendCliCommandAsync(command, &progress, &log);
        },
        BuildTextPacket(PacketType::Cli, command)},
@@ -46,7 +46,7 @@ TEST_F(CommandBlockTest, CliSwitchesOrtTextsAndACliCommandAreOnePacketEach) {
     ASSERT_TRUE(OperationEnds(admin));
     expected.push_back(block);
   }
-  EXPECT_EQ(device->Written(), expected);
+  EXPECT_EQ(device.Written(), expected);
 }
 
 // Given a CLI command, its output is printed as the device streams it, up to
@@ -55,16 +55,16 @@ class CliOutputTest : public FakeDeviceFixture {};
 
 TEST_F(CliOutputTest, PrintsEachPacketsBytesUntilTheEndTextInAnyCase) {
   ASSERT_EQ(admin.SendCliCommandAsync("ls", &progress, &log), 0);
-  device->Send(MakeDevicePacket(kCli, 4, "abc\nIGNORED"));       // only length bytes count
-  device->Send(MakeDevicePacket(kVersion, 57, "not output\n"));  // another type: ignored
-  device->Send(MakeDevicePacket(kCli, 0, "nothing"));            // length 0 prints nothing
-  device->Send(MakeDevicePacket(kCli, 6, "100%n\n"));            // device text, not a format
+  device.QueueInBlock(MakeDevicePacket(kCli, 4, "abc\nIGNORED"));       // only length bytes count
+  device.QueueInBlock(MakeDevicePacket(kVersion, 57, "not output\n"));  // another type: ignored
+  device.QueueInBlock(MakeDevicePacket(kCli, 0, "nothing"));            // length 0 prints nothing
+  device.QueueInBlock(MakeDevicePacket(kCli, 6, "100%n\n"));            // device text, not a format
   Block corrupt = MakeDevicePacket(kCli, 5, "lost\n");
   corrupt[63] ^= 0x5A;
-  device->Send(corrupt);
-  device->Send(MakeDevicePacket(kCli, 200, std::string(57, 'x')));  // length clamped to the payload
-  device->Send(MakeDevicePacket(kCli, 57, "ENDING TESTDATA"));
-  device->Send(MakeDevicePacket(kCli, 5, "late\n"));
+  device.QueueInBlock(corrupt);
+  device.QueueInBlock(MakeDevicePacket(kCli, 200, std::string(57, 'x')));  // length clamped to the payload
+  device.QueueInBlock(MakeDevicePacket(kCli, 57, "ENDING TESTDATA"));
+  device.QueueInBlock(MakeDevicePacket(kCli, 5, "late\n"));
   ASSERT_TRUE(OperationEnds(admin));
 
   char crcLines[128];
@@ -76,14 +76,14 @@ TEST_F(CliOutputTest, PrintsEachPacketsBytesUntilTheEndTextInAnyCase) {
 }
 
 TEST_F(CliOutputTest, StalledCommandWriteIsLoggedAndTheOutputStillRead) {
-  device->SetStallWrites(true);
+  device.SetWriteOutcome(WriteOutcome::Withhold);
   ASSERT_EQ(admin.SendCliCommandAsync("uptime", &progress, &log), 0);
-  device->Send(MakeDevicePacket(kCli, 3, "up\n"));
-  device->Send(kEndOfOutput);
+  device.QueueInBlock(MakeDevicePacket(kCli, 3, "up\n"));
+  device.QueueInBlock(kEndOfOutput);
   ASSERT_TRUE(OperationEnds(admin));
   EXPECT_EQ(log.Lines(), Lines{"Failed in writing CLI command to device."});
-  EXPECT_EQ(device->Written().size(), 1u);  // not resent
-  EXPECT_EQ(device->Opens(), 2);            // reopened once
+  EXPECT_EQ(device.Written().size(), 1u);      // not resent
+  EXPECT_EQ(device.OpenedPaths().size(), 2u);  // reopened once
   EXPECT_EQ(OutputAfterCommand(out.Text()), "up\n");
 }
 
@@ -92,21 +92,21 @@ class VersionExchangeTest : public FakeDeviceFixture {};
 
 TEST_F(VersionExchangeTest, ReadThatGetsNothingSendsTheRequestAgain) {
   int requests = 0;
-  device->OnWrite([&](const Block&) {
-    if (++requests == 2) device->Send(MakeDevicePacket(kVersion, 57, "4.5.6"));
+  device.OnWrite([&](const Block&) {
+    if (++requests == 2) device.QueueInBlock(MakeDevicePacket(kVersion, 57, "4.5.6"));
     return true;
   });
   ASSERT_EQ(admin.RetrieveVersionAsync(&version, &progress, &log, false), 0);
   ASSERT_TRUE(OperationEnds(admin));
-  EXPECT_EQ(device->Written().size(), 2u);
+  EXPECT_EQ(device.Written().size(), 2u);
   ASSERT_EQ(version.Texts().size(), 2u);
   EXPECT_EQ(version.Texts()[1], "Version - 4.5.6");
   EXPECT_EQ(progress.Reports(), std::vector<int>{100});
 }
 
 TEST_F(VersionExchangeTest, ReplyOfAnotherTypeGivesOnlyTheHexLine) {
-  device->OnWrite([&](const Block&) {
-    device->Send(MakeDevicePacket(kCli, 57, "hello"));
+  device.OnWrite([&](const Block&) {
+    device.QueueInBlock(MakeDevicePacket(kCli, 57, "hello"));
     return true;
   });
   ASSERT_EQ(admin.RetrieveVersionAsync(&version, &progress, &log, true), 0);
@@ -122,22 +122,22 @@ TEST_F(VersionExchangeTest, ReplyOfAnotherTypeGivesOnlyTheHexLine) {
 class StalledResendTest : public FakeDeviceFixture {};
 
 TEST_F(StalledResendTest, OrtStartGivesUpAfterItsBoundAndClosesEveryLink) {
-  device->SetStallWrites(true);
+  device.SetWriteOutcome(WriteOutcome::Withhold);
   char ortString[] = "ort start";
   ASSERT_EQ(admin.StartOrtAsync(&progress, &log, ortString), 0);
   ASSERT_TRUE(OperationEnds(admin, milliseconds(20000)));
   Lines expected(5, "Failed to send ORT message to device.");
   expected.push_back("Error: Giving up after 5 failed attempts to send the ORT message.");
   EXPECT_EQ(log.Lines(), expected);
-  EXPECT_EQ(device->Written().size(), 5u);
+  EXPECT_EQ(device.Written().size(), 5u);
   EXPECT_EQ(progress.Reports(), std::vector<int>{5});
-  EXPECT_EQ(device->Opens(), device->Closes());
+  EXPECT_EQ(device.LiveConnections(), 0);
 }
 
 TEST_F(StalledResendTest, OrtEndStopsWhenTheLinkCannotBeReopened) {
-  device->SetStallWrites(true);
-  device->OnWrite([&](const Block&) {
-    device->SetPresent(false);
+  device.SetWriteOutcome(WriteOutcome::Withhold);
+  device.OnWrite([&](const Block&) {
+    device.SetPaths({});
     return true;
   });
   ASSERT_EQ(admin.EndOrtAsync(&progress, &log, false), 0);

@@ -3,7 +3,7 @@
 #include <atomic>
 #include <thread>
 
-#include "tests/admin/FakeDevice.h"
+#include "tests/support/FakeDeviceFixture.h"
 
 namespace ferrolt::test {
 namespace {
@@ -26,11 +26,11 @@ TEST_F(BusyGuardTest, SecondLaunchIsRefusedWithTheBusyLineAndSendsNothing) {
   EXPECT_EQ(log.Lines(), std::vector<std::string>{kBusy});
   EXPECT_TRUE(admin.IsOperationRunning());
 
-  device->Send(MakeDevicePacket(4, 57, "ending testdata"));
+  device.QueueInBlock(MakeDevicePacket(4, 57, "ending testdata"));
   admin.WaitForOperation();
   EXPECT_FALSE(admin.IsOperationRunning());
-  EXPECT_EQ(device->Written().size(), 1u);  // only the command
-  EXPECT_EQ(device->Opens(), 1);            // the refused version launch did not open the link
+  EXPECT_EQ(device.Written().size(), 1u);      // only the command
+  EXPECT_EQ(device.OpenedPaths().size(), 1u);  // the refused version launch did not open the link
 
   EXPECT_EQ(admin.EndOrtAsync(&progress, &log, false), 0);
   ASSERT_TRUE(OperationEnds(admin));
@@ -49,8 +49,8 @@ TEST_F(IdleRunnerTest, WaitReturnsAtOnceAndCancelPrintsSignalsAndSendsNothing) {
   admin.CancelOperation(&log);
   EXPECT_TRUE(admin.WaitForCancelEvent(milliseconds(0)));
   EXPECT_EQ(out.Text(), "Cancel Operation has succeeded.\n");
-  EXPECT_TRUE(device->Written().empty());  // the cancel does not reopen the link
-  EXPECT_TRUE(log.Lines().empty());        // a write time-out has no message
+  EXPECT_TRUE(device.Written().empty());  // the cancel does not reopen the link
+  EXPECT_TRUE(log.Lines().empty());       // a write time-out has no message
 
   // The next launch starts with the event reset.
   ASSERT_EQ(admin.EndOrtAsync(&progress, &log, true), 0);
@@ -96,8 +96,8 @@ TEST_F(CancelOrderTest, CancelWaitsForTheWorkerThenPrintsThenSignals) {
   EXPECT_TRUE(hold.released.load());  // the cancel returned after the worker
   watcher.join();
 
-  EXPECT_TRUE(device->Written().empty());  // the held worker gave up its exchange
-  EXPECT_EQ(device->Opens(), device->Closes());
+  EXPECT_TRUE(device.Written().empty());  // the held worker gave up its exchange
+  EXPECT_EQ(device.LiveConnections(), 0);
   EXPECT_NE(seenAtSignal.find("Cancel Operation has succeeded.\n"), std::string::npos);
   EXPECT_EQ(out.Text().find("SPI SUPPORT"), std::string::npos);
 }

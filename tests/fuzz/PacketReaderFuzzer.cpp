@@ -13,7 +13,7 @@
 #include "link/ResponseReader.h"
 #include "link/UsbLink.h"
 #include "platform/Event.h"
-#include "tests/link/FakeBackend.h"
+#include "tests/support/FakeBackend.h"
 
 namespace {
 

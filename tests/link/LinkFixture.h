@@ -9,7 +9,7 @@
 #include "link/DeviceIds.h"
 #include "link/UsbLink.h"
 #include "platform/Event.h"
-#include "tests/link/FakeBackend.h"
+#include "tests/support/FakeBackend.h"
 #include "tests/support/RecordingCallbacks.h"
 
 namespace ferrolt::test {

@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "link/Limits.h"
-#include "tests/admin/FakeDevice.h"
+#include "tests/support/FakeDeviceFixture.h"
 
 namespace ferrolt::test {
 namespace {
@@ -55,11 +55,12 @@ std::vector<uint32_t> Resent(const std::string& console) {
 class UpgradeWorker : public FakeDeviceFixture {
  protected:
   UpgradeWorker() {
-    device->OnWrite([this](const Block& block) { return EndReportOn(block); });
+    device.OnWrite([this](const Block& block) { return EndReportOn(block); });
   }
 
   bool EndReportOn(const Block& block) {
-    if (IsEndPacket(block)) device->Send(BuildTextPacket(PacketType::Upgrade, "Upgrade complete, ending update"));
+    if (IsEndPacket(block))
+      device.QueueInBlock(BuildTextPacket(PacketType::Upgrade, "Upgrade complete, ending update"));
     return true;
   }
 
@@ -89,10 +90,10 @@ class UpgradeWorker : public FakeDeviceFixture {
   // Delivers the NACKs (each handled by the reader before the write
   // completes) when data packet `at` is first written.
   void NackWhileWriting(uint32_t at, std::vector<uint32_t> numbers) {
-    device->OnWrite([this, at, numbers, done = false](const Block& block) mutable {
+    device.OnWrite([this, at, numbers, done = false](const Block& block) mutable {
       if (!done && IsUpgradePacket(block) && !IsEndPacket(block) && PacketNumber(block.data()) == at) {
         done = true;
-        for (uint32_t n : numbers) EXPECT_TRUE(device->SendAndWaitHandled(Nack(n)));
+        for (uint32_t n : numbers) EXPECT_TRUE(device.QueueInBlockAndWait(Nack(n)));
       }
       return EndReportOn(block);
     });
@@ -104,7 +105,7 @@ class UpgradeWorker : public FakeDeviceFixture {
 
 TEST_F(UpgradeWorker, SendsTheStartTextDataPacketsAndEndPacketOfA58ByteFile) {
   Upgrade(MakeBundle(58, 3));
-  EXPECT_EQ(device->Written(),
+  EXPECT_EQ(device.Written(),
             (std::vector<Block>{BuildRawTextBlock("Starting Upgrade 58 2"), DataPacket(0), DataPacket(1),
                                 BuildTextPacket(PacketType::Upgrade, "Ending Upgrade")}));
 }
@@ -112,13 +113,13 @@ TEST_F(UpgradeWorker, SendsTheStartTextDataPacketsAndEndPacketOfA58ByteFile) {
 TEST_F(UpgradeWorker, LogsOnlyChangedPercentagesForAManyPacketFile) {
   Upgrade(MakeBundle(57 * 1000 + 5));
   EXPECT_EQ(log.CountStartingWith("Progress: "), 101u);
-  EXPECT_EQ(DataNumbers(device->Written()), Ranges({{0, 1000}}));
+  EXPECT_EQ(DataNumbers(device.Written()), Ranges({{0, 1000}}));
 }
 
 TEST_F(UpgradeWorker, WritesNothingWhenTheFileIsMissing) {
   // The console reporter's second pass turns the doubled sign back into one.
   Upgrade((dir / "no such 100% bundle").string());
-  EXPECT_TRUE(device->Written().empty());
+  EXPECT_TRUE(device.Written().empty());
   EXPECT_EQ(log.Lines(), std::vector<std::string>{"Error: Can not find specified file - " +
                                                    (dir / "no such 100%% bundle").string()});
 }
@@ -127,7 +128,7 @@ TEST_F(UpgradeWorker, WritesNothingWhenTheFileIsMissing) {
 // worker gives up on it after its own full retry count, before the end packet.
 TEST_F(UpgradeWorker, RetriesAFailedWriteAndGivesUpOnAPacketAfterTheBound) {
   bool failedOnce = false;
-  device->OnWrite([&](const Block& block) {
+  device.OnWrite([&](const Block& block) {
     const uint32_t n = IsUpgradePacket(block) ? PacketNumber(block.data()) : 0;
     if (n == 1 && !failedOnce) return !(failedOnce = true);
     return n != 2;
@@ -135,14 +136,14 @@ TEST_F(UpgradeWorker, RetriesAFailedWriteAndGivesUpOnAPacketAfterTheBound) {
   const std::string console = Upgrade(MakeBundle(57 * 5));
   std::vector<uint32_t> expected = {0, 1, 1};
   expected.insert(expected.end(), limits::kMaxWriteRetries, 2);
-  EXPECT_EQ(DataNumbers(device->Written()), expected);
+  EXPECT_EQ(DataNumbers(device.Written()), expected);
   size_t retries = 0;
   for (size_t at = console.find("A write retry was detected!\n"); at != std::string::npos;
        at = console.find("A write retry was detected!\n", at + 1))
     ++retries;
   EXPECT_EQ(retries, static_cast<size_t>(limits::kMaxWriteRetries) + 1);
   EXPECT_TRUE(log.Has("Error: Packet 2 could not be written after 20 attempts. Upgrading is stopped."));
-  for (const Block& block : device->Written()) EXPECT_FALSE(IsEndPacket(block));
+  for (const Block& block : device.Written()) EXPECT_FALSE(IsEndPacket(block));
 }
 
 // Given a NACK while a chosen packet is written, the worker goes back to the
@@ -150,7 +151,7 @@ TEST_F(UpgradeWorker, RetriesAFailedWriteAndGivesUpOnAPacketAfterTheBound) {
 TEST_F(UpgradeWorker, GoesBackToAnEarlierNackedPacketAndSendsOnInOrder) {
   NackWhileWriting(10, {3});
   const std::string console = Upgrade(MakeBundle(57 * 20, 5));
-  EXPECT_EQ(DataNumbers(device->Written()), Ranges({{0, 10}, {3, 19}}));
+  EXPECT_EQ(DataNumbers(device.Written()), Ranges({{0, 10}, {3, 19}}));
   EXPECT_EQ(Resent(console), std::vector<uint32_t>{3});
   EXPECT_TRUE(log.Has("Write data :" + BytesToHex(DataPacket(3).data(), 64)));
   // The percentage drops back with the rewind and is reported again.
@@ -163,28 +164,28 @@ TEST_F(UpgradeWorker, GoesBackToAnEarlierNackedPacketAndSendsOnInOrder) {
 TEST_F(UpgradeWorker, ActsOnANackForTheNextPacketOnlyOnceItIsPassed) {
   NackWhileWriting(4, {5});
   const std::string console = Upgrade(MakeBundle(57 * 10));
-  EXPECT_EQ(DataNumbers(device->Written()), Ranges({{0, 5}, {5, 9}}));
+  EXPECT_EQ(DataNumbers(device.Written()), Ranges({{0, 5}, {5, 9}}));
   EXPECT_EQ(Resent(console), std::vector<uint32_t>{5});
 }
 
 TEST_F(UpgradeWorker, IgnoresANackAtOrBeyondThePacketCount) {
   NackWhileWriting(2, {10});
   const std::string console = Upgrade(MakeBundle(57 * 10));
-  EXPECT_EQ(DataNumbers(device->Written()), Ranges({{0, 9}}));
+  EXPECT_EQ(DataNumbers(device.Written()), Ranges({{0, 9}}));
   EXPECT_TRUE(Resent(console).empty());
 }
 
 TEST_F(UpgradeWorker, ActsOnlyOnTheLaterOfTwoNacksWithinOneStep) {
   NackWhileWriting(8, {2, 4});
   const std::string console = Upgrade(MakeBundle(57 * 10));
-  EXPECT_EQ(DataNumbers(device->Written()), Ranges({{0, 8}, {4, 9}}));
+  EXPECT_EQ(DataNumbers(device.Written()), Ranges({{0, 8}, {4, 9}}));
   EXPECT_EQ(Resent(console), std::vector<uint32_t>{4});
 }
 
 // Given a device that never sends its end report, a cancel ends the wait at
 // once, after which the one Cancel packet goes out.
 TEST_F(UpgradeWorker, EndsItsWaitForTheEndReportAtOnceOnACancel) {
-  device->OnWrite([](const Block&) { return true; });
+  device.OnWrite([](const Block&) { return true; });
   ASSERT_EQ(admin.UpgradeBundleAsync(MakeBundle(57 * 4), &progress, &log, false), 0);
   const auto deadline = std::chrono::steady_clock::now() + kOperationBound;
   while (!log.Has("Download of upgrade bundle to device has completed.") &&
@@ -197,7 +198,7 @@ TEST_F(UpgradeWorker, EndsItsWaitForTheEndReportAtOnceOnACancel) {
   EXPECT_LT(took, milliseconds(2000));
   EXPECT_NE(console.find("Packet Count = 4\nUpgrading is aborted.\nCancel Operation has succeeded.\n"),
             std::string::npos);
-  const auto written = device->Written();
+  const auto written = device.Written();
   ASSERT_FALSE(written.empty());
   EXPECT_EQ(written.back(), BuildTextPacket(PacketType::Cancel, "Cancel"));
   EXPECT_EQ(std::count_if(written.begin(), written.end(), [](const Block& b) { return b[0] == 7; }), 1);

@@ -1,6 +1,7 @@
-#include "tests/link/FakeBackend.h"
+#include "tests/support/FakeBackend.h"
 
 #include <algorithm>
+#include <condition_variable>
 
 namespace ferrolt::test {
 
@@ -14,6 +15,7 @@ struct Pending {
 
 struct FakeBackend::Device {
   mutable std::mutex mutex;
+  std::condition_variable readStarted;
   bool listed = true;
   uint32_t lastError = platform::kErrorNoMoreItems;
   std::vector<std::string> paths{kFakeDevicePath};
@@ -24,6 +26,8 @@ struct FakeBackend::Device {
   bool speedFails = false;
   uint32_t speedError = 0;
   WriteOutcome writeOutcome = WriteOutcome::Accept;
+  // Shared, not copied per write, so that a hook keeps its own state.
+  std::shared_ptr<WriteHook> onWrite;
   std::deque<FakeBlock> inBlocks;
   std::function<void()> readWhenEmpty;
   bool removed = false;
@@ -37,6 +41,7 @@ struct FakeBackend::Device {
   std::vector<uint8_t> writePipes;
   std::vector<uint8_t> flushed;
   int readsStarted = 0;
+  int takenBy = 0;  // the read that took the last IN block
   int liveConnections = 0;
 
   // Takes the transfers matching pred out of list, for completing outside the lock.
@@ -107,22 +112,25 @@ class FakeConnection : public platform::DeviceConnection {
 
   std::shared_ptr<Transfer> StartWrite(uint8_t pipeId, const uint8_t* data, uint32_t length) override {
     auto transfer = std::make_shared<Transfer>(length);
-    std::lock_guard<std::mutex> lock(device_->mutex);
-    if (device_->removed) return nullptr;
     FakeBlock block{};
     std::copy_n(data, std::min<size_t>(length, block.size()), block.begin());
-    device_->written.push_back(block);
-    device_->writePipes.push_back(pipeId);
-    switch (device_->writeOutcome) {
-      case WriteOutcome::Accept:
-        transfer->Complete(true, nullptr, length);
-        break;
-      case WriteOutcome::Fail:
-        transfer->Complete(false, nullptr, 0);
-        break;
-      case WriteOutcome::Withhold:
-        device_->writes.push_back({this, pipeId, transfer});
-        break;
+    WriteOutcome outcome;
+    std::shared_ptr<WriteHook> hook;
+    {
+      std::lock_guard<std::mutex> lock(device_->mutex);
+      if (device_->removed) return nullptr;
+      device_->written.push_back(block);
+      device_->writePipes.push_back(pipeId);
+      outcome = device_->writeOutcome;
+      hook = device_->onWrite;
+    }
+    if (hook && !(*hook)(block)) outcome = WriteOutcome::Fail;
+    if (outcome == WriteOutcome::Withhold) {
+      std::lock_guard<std::mutex> lock(device_->mutex);
+      device_->writes.push_back({this, pipeId, transfer});
+    } else {
+      const bool accepted = outcome == WriteOutcome::Accept;
+      transfer->Complete(accepted, nullptr, accepted ? length : 0);
     }
     return transfer;
   }
@@ -134,9 +142,11 @@ class FakeConnection : public platform::DeviceConnection {
       std::lock_guard<std::mutex> lock(device_->mutex);
       if (device_->removed) return nullptr;
       ++device_->readsStarted;
+      device_->readStarted.notify_all();
       if (!device_->inBlocks.empty()) {
         const FakeBlock block = device_->inBlocks.front();
         device_->inBlocks.pop_front();
+        device_->takenBy = device_->readsStarted;
         transfer->Complete(true, block.data(), static_cast<uint32_t>(block.size()));
         return transfer;
       }
@@ -237,8 +247,21 @@ void FakeBackend::QueueInBlock(const FakeBlock& block) {
     }
     waiting = device_->reads.front().transfer;
     device_->reads.pop_front();
+    device_->takenBy = device_->readsStarted;
   }
   waiting->Complete(true, block.data(), static_cast<uint32_t>(block.size()));
+}
+
+bool FakeBackend::QueueInBlockAndWait(const FakeBlock& block, std::chrono::milliseconds bound) {
+  QueueInBlock(block);
+  std::unique_lock<std::mutex> lock(device_->mutex);
+  return device_->readStarted.wait_for(
+      lock, bound, [&] { return device_->inBlocks.empty() && device_->readsStarted > device_->takenBy; });
+}
+
+void FakeBackend::OnWrite(WriteHook hook) {
+  std::lock_guard<std::mutex> lock(device_->mutex);
+  device_->onWrite = std::make_shared<WriteHook>(std::move(hook));
 }
 
 void FakeBackend::OnReadWhenEmpty(std::function<void()> hook) {

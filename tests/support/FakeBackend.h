@@ -1,10 +1,12 @@
 // An in-memory device behind the platform interface. It lists the paths a
 // test chooses, fails opening at a chosen stage, records every block written
-// and every pipe flushed, completes writes now, late or never, hands out
-// queued IN blocks, and can be unplugged.
+// and every pipe flushed, completes writes now, late or never, lets a hook
+// fail a write or answer it, hands out queued IN blocks, and can be unplugged.
+// Copies share one device: a copy can be handed to an owner of a backend.
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -25,6 +27,7 @@ inline constexpr const char* kFakeDevicePath = "\\\\?\\usb#vid_1209&pid_0001&mi_
 
 enum class OpenStage { None, Open, Initialize, InterfaceSettings, PipeQuery };
 enum class WriteOutcome { Accept, Withhold, Fail };
+using WriteHook = std::function<bool(const FakeBlock&)>;
 
 class FakeBackend : public platform::DeviceBackend {
  public:
@@ -40,9 +43,15 @@ class FakeBackend : public platform::DeviceBackend {
   void FailSpeedQuery(uint32_t error);
   // Transfers.
   void SetWriteOutcome(WriteOutcome outcome);
+  // Called on the writer's thread, without the device's lock, with each
+  // block before its write ends; false fails the write. It may send IN blocks.
+  void OnWrite(WriteHook hook);
   // Completes the oldest withheld write; false when none is outstanding.
   bool CompleteOldestWrite();
   void QueueInBlock(const FakeBlock& block);
+  // Queues the block and returns once the reader has handled it (it has then
+  // started its next read); false when that did not happen within bound.
+  bool QueueInBlockAndWait(const FakeBlock& block, std::chrono::milliseconds bound = std::chrono::milliseconds(3000));
   // When set, a read that finds no queued block calls the hook and fails at once.
   void OnReadWhenEmpty(std::function<void()> hook);
   // Unplugs the device: outstanding transfers fail, new ones fail at once.
