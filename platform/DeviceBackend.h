@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "platform/Transfer.h"
+#include "platform/UsbInterfacePath.h"
 
 namespace ferrolt::platform {
 
@@ -86,6 +87,14 @@ class DeviceConnection {
   // Discards what the pipe holds: for an IN pipe, blocks received and not yet
   // read; outstanding transfers on the pipe are aborted.
   virtual bool FlushPipe(uint8_t pipeId) = 0;
+
+  // Withdraws a transfer that has not finished (a cancelled URB, an aborted
+  // pipe), from the caller's thread, without waiting. True when the backend
+  // can withdraw transfers: the transfer then completes soon, as failed
+  // unless its bytes moved first, and the caller waits for that before it
+  // sends the block again. False where a started transfer cannot be
+  // withdrawn (the emulator link: a W frame once sent has reached the device).
+  virtual bool Abort(Transfer& /*transfer*/) { return false; }
 };
 
 class DeviceBackend {
@@ -95,6 +104,13 @@ class DeviceBackend {
   // Lists the present USB device interfaces. Never blocks for long (the
   // emulator backend waits at most its hello time-out).
   virtual InterfaceListing ListInterfaces() = 0;
+
+  // The second search, for when no listed path names the wanted interface:
+  // the paths its device node registered under interface classes of its own
+  // (Windows: the node whose hardware id is USB\VID_xxxx&PID_xxxx&MI_nn and
+  // its DeviceInterfaceGUIDs). Empty where the listing already holds every
+  // interface.
+  virtual std::vector<std::string> ListRegisteredInterfaces(const UsbInterfaceId& /*wanted*/) { return {}; }
 
   // Opens the interface that a listed path names (the CreateFile step; the
   // path may have been lower-cased since it was listed). Null when it cannot

@@ -14,13 +14,13 @@ bool Transfer::Succeeded() {
 uint32_t Transfer::BytesTransferred() {
   CollectIfFinished();
   std::lock_guard<std::mutex> lock(mutex_);
-  return done_ && succeeded_ ? count_ : 0;
+  return done_ ? count_ : 0;
 }
 
 uint32_t Transfer::CopyData(uint8_t* out, uint32_t capacity) {
   CollectIfFinished();
   std::lock_guard<std::mutex> lock(mutex_);
-  if (!done_ || !succeeded_) return 0;
+  if (!done_) return 0;
   const uint32_t count = std::min({count_, capacity, length_});
   std::memcpy(out, data_.data(), count);
   return count;
@@ -40,8 +40,8 @@ void Transfer::Complete(bool succeeded, const uint8_t* data, uint32_t count) {
     if (done_) return;
     done_ = true;
     succeeded_ = succeeded;
-    count_ = succeeded ? std::min(count, length_) : 0;
-    if (data != nullptr && succeeded_) std::memcpy(data_.data(), data, count_);
+    count_ = std::min(count, length_);
+    if (data != nullptr) std::memcpy(data_.data(), data, count_);
   }
   completion_.Set();
 }

@@ -29,12 +29,15 @@ class Transfer {
 
   // Valid once complete; before that they report a transfer with no bytes.
   bool Succeeded();
+  // The bytes the transfer moved, whether or not it succeeded: a read that
+  // was cancelled or failed may still have brought a whole block.
   uint32_t BytesTransferred();
   // Copies the received bytes (at most RequestedLength()) into out; returns the count.
   uint32_t CopyData(uint8_t* out, uint32_t capacity);
 
-  // Backends: finish the transfer. Data is copied for reads; a write passes
-  // null and the count it moved. Completing twice keeps the first result.
+  // Backends: finish the transfer. Data is copied for reads, and kept when
+  // the transfer failed too; a write passes null and the count it moved.
+  // Completing twice keeps the first result.
   void Complete(bool succeeded, const uint8_t* data, uint32_t count);
 
  protected:
