@@ -14,9 +14,9 @@ constexpr DWORD kListFlags = DIGCF_PRESENT | DIGCF_ALLCLASSES | DIGCF_DEVICEINTE
 enum class Detail { Read, Skipped, OutOfMemory };
 
 // The interface's path, through a detail record of the size SetupAPI asks for.
-Detail ReadInterfacePath(HDEVINFO set, SP_DEVICE_INTERFACE_DATA& entry, std::string& path) {
+Detail ReadInterfacePath(const SetupApi& api, HDEVINFO set, SP_DEVICE_INTERFACE_DATA& entry, std::string& path) {
   DWORD required = 0;
-  if (!SetupDiGetDeviceInterfaceDetailA(set, &entry, nullptr, 0, &required, nullptr) &&
+  if (!api.GetDeviceInterfaceDetail(set, &entry, nullptr, 0, &required, nullptr) &&
       GetLastError() != ERROR_INSUFFICIENT_BUFFER)
     return Detail::Skipped;
   if (required < sizeof(SP_DEVICE_INTERFACE_DETAIL_DATA_A)) return Detail::Skipped;
@@ -24,7 +24,7 @@ Detail ReadInterfacePath(HDEVINFO set, SP_DEVICE_INTERFACE_DATA& entry, std::str
   if (detail == nullptr) return Detail::OutOfMemory;
   // The size of the fixed part, not of the buffer, as SetupAPI requires.
   detail->cbSize = sizeof(SP_DEVICE_INTERFACE_DETAIL_DATA_A);
-  const bool read = SetupDiGetDeviceInterfaceDetailA(set, &entry, detail, required, nullptr, nullptr) != FALSE;
+  const bool read = api.GetDeviceInterfaceDetail(set, &entry, detail, required, nullptr, nullptr) != FALSE;
   if (read) path = detail->DevicePath;
   LocalFree(detail);
   return read ? Detail::Read : Detail::Skipped;
@@ -32,9 +32,9 @@ Detail ReadInterfacePath(HDEVINFO set, SP_DEVICE_INTERFACE_DATA& entry, std::str
 
 }  // namespace
 
-InterfaceListing ListUsbDeviceInterfaces() {
+InterfaceListing ListUsbDeviceInterfaces(const SetupApi& api) {
   InterfaceListing listing;
-  const HDEVINFO set = SetupDiGetClassDevsA(&GUID_DEVINTERFACE_USB_DEVICE, nullptr, nullptr, kListFlags);
+  const HDEVINFO set = api.GetClassDevs(&GUID_DEVINTERFACE_USB_DEVICE, nullptr, nullptr, kListFlags);
   if (set == INVALID_HANDLE_VALUE) {
     listing.listed = false;
     listing.lastError = GetLastError();
@@ -44,19 +44,19 @@ InterfaceListing ListUsbDeviceInterfaces() {
   for (DWORD index = 0;; ++index) {
     SP_DEVICE_INTERFACE_DATA entry{};
     entry.cbSize = sizeof entry;
-    if (!SetupDiEnumDeviceInterfaces(set, nullptr, &GUID_DEVINTERFACE_USB_DEVICE, index, &entry)) {
+    if (!api.EnumDeviceInterfaces(set, nullptr, &GUID_DEVINTERFACE_USB_DEVICE, index, &entry)) {
       listing.lastError = GetLastError();
       break;
     }
     std::string path;
-    const Detail detail = ReadInterfacePath(set, entry, path);
+    const Detail detail = ReadInterfacePath(api, set, entry, path);
     if (detail == Detail::OutOfMemory) {
       listing.lastError = kErrorNotEnoughMemory;
       break;
     }
     if (detail == Detail::Read) listing.paths.push_back(path);
   }
-  SetupDiDestroyDeviceInfoList(set);
+  api.DestroyDeviceInfoList(set);
   return listing;
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "platform/DeviceBackend.h"
+#include "platform/winusb/SetupApi.h"
 
 namespace ferrolt::platform {
 
@@ -9,6 +10,6 @@ namespace ferrolt::platform {
 // Windows error the enumeration ended with (ERROR_NO_MORE_ITEMS when it ran
 // to its end, ERROR_NOT_ENOUGH_MEMORY when a detail record could not be
 // allocated). An interface whose detail cannot be read is left out.
-InterfaceListing ListUsbDeviceInterfaces();
+InterfaceListing ListUsbDeviceInterfaces(const SetupApi& api);
 
 }  // namespace ferrolt::platform

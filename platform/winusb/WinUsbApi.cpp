@@ -14,6 +14,7 @@ const WinUsbApi& RealWinUsbApi() {
       WinUsb_GetOverlappedResult,
       WinUsb_FlushPipe,
       WinUsb_AbortPipe,
+      WinUsb_ResetPipe,
   };
   return api;
 }

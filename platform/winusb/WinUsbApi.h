@@ -20,6 +20,7 @@ struct WinUsbApi {
   decltype(&WinUsb_GetOverlappedResult) GetOverlappedResult;
   decltype(&WinUsb_FlushPipe) FlushPipe;
   decltype(&WinUsb_AbortPipe) AbortPipe;
+  decltype(&WinUsb_ResetPipe) ResetPipe;
 };
 
 // The driver's functions, from winusb.dll.

@@ -15,12 +15,13 @@ constexpr DWORD kAttributes = FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OVERLAPPED;
 
 class WinUsbBackend final : public DeviceBackend {
  public:
-  explicit WinUsbBackend(const WinUsbApi& api) : api_(api) {}
+  WinUsbBackend(const WinUsbApi& api, const SetupApi& setup) : api_(api), setup_(setup) {}
 
-  InterfaceListing ListInterfaces() override { return ListUsbDeviceInterfaces(); }
+  InterfaceListing ListInterfaces() override { return ListUsbDeviceInterfaces(setup_); }
 
   std::unique_ptr<DeviceConnection> Open(const std::string& path) override {
-    const HANDLE file = CreateFileA(path.c_str(), kAccess, kSharing, nullptr, OPEN_EXISTING, kAttributes, nullptr);
+    const HANDLE file =
+        setup_.CreateFileA(path.c_str(), kAccess, kSharing, nullptr, OPEN_EXISTING, kAttributes, nullptr);
     if (file == INVALID_HANDLE_VALUE) {
       HintOpenFailure(GetLastError());
       return nullptr;
@@ -30,12 +31,13 @@ class WinUsbBackend final : public DeviceBackend {
 
  private:
   const WinUsbApi& api_;
+  const SetupApi& setup_;
 };
 
 }  // namespace
 
-std::unique_ptr<DeviceBackend> CreateWinUsbBackend(const WinUsbApi& api) {
-  return std::make_unique<WinUsbBackend>(api);
+std::unique_ptr<DeviceBackend> CreateWinUsbBackend(const WinUsbApi& api, const SetupApi& setup) {
+  return std::make_unique<WinUsbBackend>(api, setup);
 }
 
 }  // namespace ferrolt::platform

@@ -5,11 +5,13 @@
 #include <memory>
 
 #include "platform/DeviceBackend.h"
+#include "platform/winusb/SetupApi.h"
 #include "platform/winusb/WinUsbApi.h"
 
 namespace ferrolt::platform {
 
-// api must outlive the backend and every connection it opens.
-std::unique_ptr<DeviceBackend> CreateWinUsbBackend(const WinUsbApi& api = RealWinUsbApi());
+// Both tables must outlive the backend and every connection it opens.
+std::unique_ptr<DeviceBackend> CreateWinUsbBackend(const WinUsbApi& api = RealWinUsbApi(),
+                                                   const SetupApi& setup = RealSetupApi());
 
 }  // namespace ferrolt::platform

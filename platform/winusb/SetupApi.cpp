@@ -1,0 +1,22 @@
+#include "platform/winusb/SetupApi.h"
+
+namespace ferrolt::platform {
+
+const SetupApi& RealSetupApi() {
+  static const SetupApi api{
+      SetupDiGetClassDevsA,
+      SetupDiEnumDeviceInfo,
+      SetupDiGetDeviceRegistryPropertyA,
+      SetupDiGetDeviceInstanceIdA,
+      SetupDiOpenDevRegKey,
+      RegQueryValueExA,
+      RegCloseKey,
+      SetupDiEnumDeviceInterfaces,
+      SetupDiGetDeviceInterfaceDetailA,
+      SetupDiDestroyDeviceInfoList,
+      CreateFileA,
+  };
+  return api;
+}
+
+}  // namespace ferrolt::platform
