@@ -1,13 +1,14 @@
-// The link's transfers over the WinUSB backend, with the driver played by the
-// named-pipe stand-in: real overlapped I/O, completion events set by the
-// system, WaitForMultipleObjects with the cancel event first. What the link
-// decides alone (the closed link's waits, a cancel during a stalled write, a
-// cancelled read) is tested over the in-memory device in tests/link, which
-// runs here too.
+// The link over the WinUSB backend, with SetupAPI and the driver played by the
+// stand-in: discovery in each layout a driver package can give the device,
+// real Win32 events set by the stand-in's completions, WaitForMultipleObjects
+// with the cancel event first. What the link decides alone (the closed link's
+// waits, a cancel during a stalled write, a cancelled read) is tested over the
+// in-memory device in tests/link, which runs here too.
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <future>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -33,6 +34,9 @@ constexpr milliseconds kReadWaitFloor{4};
 constexpr milliseconds kSlack{1500};
 constexpr milliseconds kFast{250};
 constexpr milliseconds kDeviceWait{5000};
+// Longer than the write wait: no write still to come is missed.
+constexpr milliseconds kQuiet{1000};
+constexpr milliseconds kDeviceAsleep{1500};
 
 StandInBlock NumberedBlock(uint8_t first) {
   StandInBlock block{};
@@ -40,37 +44,66 @@ StandInBlock NumberedBlock(uint8_t first) {
   return block;
 }
 
-// Lists the stand-in as the device's vendor interface and opens its pipe
-// through the WinUSB backend, so the link runs unchanged on top of it.
-class StandInBackend : public platform::DeviceBackend {
- public:
-  explicit StandInBackend(const StandInDevice& device) : device_(device) {}
+std::unique_ptr<platform::DeviceBackend> StandInBackend() {
+  return platform::CreateWinUsbBackend(StandInWinUsbApi(), StandInSetupApi());
+}
 
-  platform::InterfaceListing ListInterfaces() override {
-    platform::InterfaceListing listing;
-    listing.listed = true;
-    listing.paths.push_back(platform::FormatInterfacePath(
-        {static_cast<uint16_t>(kVendorId), static_cast<uint16_t>(kProductId), kVendorInterface}, "STANDIN"));
-    return listing;
-  }
-
-  std::unique_ptr<platform::DeviceConnection> Open(const std::string&) override {
-    return winUsb_->Open(device_.Path());
-  }
-
- private:
-  const StandInDevice& device_;
-  std::unique_ptr<platform::DeviceBackend> winUsb_ = platform::CreateWinUsbBackend(StandInWinUsbApi());
+struct DiscoveryCase {
+  const char* name;
+  std::optional<StandInLayout> layout;  // none: no device plugged in
+  StandInSpeed speed;
+  const char* console;
 };
+
+// Given a device listed as a driver package may list it, the link finds and
+// opens its vendor interface, and prints the speed line only for high speed.
+class WinUsbDiscoveryTest : public ::testing::TestWithParam<DiscoveryCase> {};
+
+TEST_P(WinUsbDiscoveryTest, OpensTheVendorInterfaceWhereverItIsListed) {
+  const DiscoveryCase& row = GetParam();
+  std::optional<StandInDevice> device;
+  if (row.layout) device.emplace(*row.layout, row.speed);
+  const auto backend = StandInBackend();
+  platform::Event cancel;
+  UsbLink link{*backend, cancel};
+  RecordingLog log;
+
+  ::testing::internal::CaptureStdout();
+  const bool opened = link.ConnectDevice(kProductId, kVendorId, &log);
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), row.console);
+  ASSERT_EQ(opened, device.has_value());
+  if (!opened) return;
+  EXPECT_TRUE(platform::SamePath(link.DevicePathText(), device->InterfacePath()));
+  EXPECT_EQ(link.BulkOutPipeId(), kStandInOutPipe);
+  EXPECT_EQ(link.BulkInPipeId(), kStandInInPipe);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Layouts, WinUsbDiscoveryTest,
+    ::testing::Values(DiscoveryCase{"WithTheUsbDevices", StandInLayout::WithTheUsbDevices, StandInSpeed::High,
+                                    "Device speed: 3 (High speed).\n"},
+                      DiscoveryCase{"UnderItsOwnClassesAtFullSpeed", StandInLayout::UnderItsOwnClasses,
+                                    StandInSpeed::Full, ""},
+                      DiscoveryCase{"UnderItsOwnClass", StandInLayout::UnderItsOwnClass, StandInSpeed::High,
+                                    "Device speed: 3 (High speed).\n"},
+                      DiscoveryCase{"NotPluggedIn", std::nullopt, StandInSpeed::High,
+                                    "Device not found.\nGeneral failure. GetLastError returned 80070103.\n"}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 // Given a link opened on the stand-in device.
 class WinUsbLinkTest : public ::testing::Test {
  protected:
-  void SetUp() override {
+  void SetUp() override { ASSERT_TRUE(Connect()); }
+
+  bool Connect() {
     ::testing::internal::CaptureStdout();
     const bool opened = link.ConnectDevice(kProductId, kVendorId, &log);
-    speedLine = ::testing::internal::GetCapturedStdout();
-    ASSERT_TRUE(opened);
+    ::testing::internal::GetCapturedStdout();
+    return opened;
+  }
+  void Reopen() {
+    link.CloseDevice();
+    ASSERT_TRUE(Connect());
   }
 
   TransferStatus Write(const Block& block) { return link.WritePacket(block.data(), 64, &log); }
@@ -86,38 +119,51 @@ class WinUsbLinkTest : public ::testing::Test {
   }
 
   StandInDevice device;
-  StandInBackend backend{device};
+  const std::unique_ptr<platform::DeviceBackend> backend = StandInBackend();
   platform::Event cancel;
-  UsbLink link{backend, cancel};
+  UsbLink link{*backend, cancel};
   RecordingLog log;
-  std::string speedLine;
   Block buffer{};
   const Block packet = BuildTextPacket(PacketType::Version, "Version Retrieval");
 };
 
-TEST_F(WinUsbLinkTest, OpensWithTheQueriedPipesAndSpeed) {
-  EXPECT_EQ(speedLine, "Device speed: 3 (High speed).\n");
-  EXPECT_EQ(link.BulkOutPipeId(), kStandInOutPipe);
-  EXPECT_EQ(link.BulkInPipeId(), kStandInInPipe);
-}
-
-TEST_F(WinUsbLinkTest, StalledWriteTimesOutAfterTheWriteWaitAndCompletesLateOnItsOwn) {
-  TransferStatus status{};
-  const milliseconds took = Timed([&] { status = Write(packet); });
-  EXPECT_EQ(status, TransferStatus::TimedOut);
+// A device that takes nothing for a while as the link writes and retries:
+// each write whose wait ran out is withdrawn, so no copy is left queued for
+// the device to take when it recovers.
+TEST_F(WinUsbLinkTest, WriteWhoseWaitRunsOutIsWithdrawnAndEachBlockArrivesOnce) {
+  constexpr uint8_t kBlocks = 3;
+  constexpr int kAttempts = 10;
+  TransferStatus first{};
+  const milliseconds took = Timed([&] { first = Write(NumberedBlock(1)); });
+  EXPECT_EQ(first, TransferStatus::TimedOut);
   EXPECT_GE(took, kWriteWaitFloor);
   EXPECT_LT(took, kWriteWaitFloor + kSlack);
 
-  // The timed-out write is still in flight: the device takes it late, into a
-  // record that is still valid, and it completes no later write.
-  EXPECT_EQ(Taken(), packet);
-  const Block second = BuildTextPacket(PacketType::Cli, "ls");
-  EXPECT_EQ(Write(second), TransferStatus::TimedOut);
-  auto third = std::async(std::launch::async, [&] { return Write(packet); });
-  EXPECT_EQ(Taken(), second);
-  EXPECT_EQ(Taken(), packet);
-  EXPECT_EQ(third.get(), TransferStatus::Done);
+  auto writer = std::async(std::launch::async, [&] {
+    for (uint8_t n = 1; n <= kBlocks; ++n)
+      for (int attempt = 0; attempt < kAttempts && Write(NumberedBlock(n)) != TransferStatus::Done; ++attempt) {
+      }
+  });
+  std::this_thread::sleep_for(kDeviceAsleep - took);
+  std::vector<StandInBlock> received;
+  for (StandInBlock block{}; device.TakeBlock(block, kQuiet);) received.push_back(block);
+  writer.get();
+  EXPECT_EQ(received, (std::vector<StandInBlock>{NumberedBlock(1), NumberedBlock(2), NumberedBlock(3)}));
   EXPECT_TRUE(log.Lines().empty());
+}
+
+// The halt is the device's: it outlives the handle, and the write after the
+// one that found it gets through, once.
+TEST_F(WinUsbLinkTest, StalledWriteFailsAndTheNextGetsThroughOnce) {
+  device.HaltOut();
+  Reopen();
+  EXPECT_EQ(Write(packet), TransferStatus::Failed);
+  auto next = std::async(std::launch::async, [&] { return Write(packet); });
+  EXPECT_EQ(Taken(), packet);
+  EXPECT_EQ(next.get(), TransferStatus::Done);
+  StandInBlock extra{};
+  EXPECT_FALSE(device.TakeBlock(extra, kQuiet));
+  EXPECT_EQ(log.Lines(), std::vector<std::string>{"Failed to write to the bulk interface"});
 }
 
 TEST_F(WinUsbLinkTest, CancelWinsOverAWriteTheDeviceTook) {
@@ -137,8 +183,8 @@ TEST_F(WinUsbLinkTest, EmptyPipeTimesOutAfterTheReadWaitAndTheLateBlockGoesToThe
   EXPECT_GE(took, kReadWaitFloor);
   EXPECT_LT(took, kFast);
 
-  ASSERT_TRUE(device.SendBlock(NumberedBlock(9)));
-  ASSERT_TRUE(device.SendBlock(NumberedBlock(100)));
+  device.SendBlock(NumberedBlock(9));
+  device.SendBlock(NumberedBlock(100));
   EXPECT_EQ(Read(&bytes), TransferStatus::Done);
   EXPECT_EQ(bytes, 64u);
   EXPECT_EQ(buffer, NumberedBlock(9));
@@ -162,13 +208,77 @@ TEST_F(WinUsbLinkTest, FlushAndCloseAbortThePendingRead) {
   uint32_t bytes = 0;
   EXPECT_EQ(Read(&bytes), TransferStatus::TimedOut);
   link.FlushPipes();
-  ASSERT_TRUE(device.SendBlock(NumberedBlock(5)));
+  device.SendBlock(NumberedBlock(5));
   EXPECT_EQ(Read(&bytes), TransferStatus::Done);
   EXPECT_EQ(buffer, NumberedBlock(5));
 
   EXPECT_EQ(Read(&bytes), TransferStatus::TimedOut);
   EXPECT_LT(Timed([&] { link.CloseDevice(); }), kFast);
   EXPECT_FALSE(link.IsOpen());
+}
+
+// A NACK block, a zero-length packet ending it, two blocks in one packet (a
+// high-speed endpoint takes 512 bytes), a short packet, one more block: each
+// block is read once, and the rest of a packet waits for the next read.
+TEST_F(WinUsbLinkTest, ShortAndZeroLengthPacketsAreNoBlocks) {
+  const Block nack = BuildTextPacket(PacketType::Nack, "");
+  const StandInBlock second = NumberedBlock(2);
+  const StandInBlock third = NumberedBlock(3);
+  StandInPacket two(second.begin(), second.end());
+  two.insert(two.end(), third.begin(), third.end());
+  device.SendPacket(StandInPacket(nack.begin(), nack.end()));
+  device.SendPacket({});
+  device.SendPacket(two);
+  device.SendPacket(StandInPacket(10, 0xEE));
+  device.SendBlock(NumberedBlock(4));
+
+  uint32_t bytes = 0;
+  for (const Block& expected : {nack, second, third, NumberedBlock(4)}) {
+    EXPECT_EQ(Read(&bytes), TransferStatus::Done);
+    EXPECT_EQ(bytes, 64u);
+    EXPECT_EQ(buffer, expected);
+  }
+  EXPECT_EQ(Read(&bytes), TransferStatus::TimedOut);
+  EXPECT_TRUE(log.Lines().empty());
+}
+
+// Blocks the device queued for a link that closed without reading them.
+TEST_F(WinUsbLinkTest, BlocksLeftFromAClosedLinkDoNotReachTheNextOpen) {
+  device.SendBlock(NumberedBlock(1));
+  device.SendBlock(NumberedBlock(2));
+  Reopen();
+  device.SendBlock(NumberedBlock(3));
+  uint32_t bytes = 0;
+  EXPECT_EQ(Read(&bytes), TransferStatus::Done);
+  EXPECT_EQ(buffer, NumberedBlock(3));
+}
+
+// Given transfers whose bytes moved but whose completion was not reported
+// when their pipe was aborted: each fails as aborted, with its bytes.
+TEST(WinUsbConnectionTest, AbortCrossingACompletionKeepsTheBytes) {
+  StandInDevice device;
+  const auto backend = StandInBackend();
+  const auto connection = backend->Open(device.InterfacePath());
+  ASSERT_TRUE(connection != nullptr && connection->Initialize());
+  const StandInBlock block = NumberedBlock(7);
+  const auto read = connection->StartRead(kStandInInPipe, 64);
+  device.SendBlock(block, Report::OnAbort);
+  const auto write = connection->StartWrite(kStandInOutPipe, block.data(), 64);
+  StandInBlock taken{};
+  ASSERT_TRUE(device.TakeBlock(taken, kDeviceWait, Report::OnAbort));
+
+  for (const auto& transfer : {read, write}) {
+    ASSERT_NE(transfer, nullptr);
+    EXPECT_FALSE(transfer->IsComplete());
+    EXPECT_TRUE(connection->Abort(*transfer));
+    ASSERT_TRUE(transfer->Completion().WaitFor(kDeviceWait));
+    EXPECT_FALSE(transfer->Succeeded());
+    EXPECT_EQ(transfer->BytesTransferred(), 64u);
+  }
+  StandInBlock received{};
+  EXPECT_EQ(read->CopyData(received.data(), 64), 64u);
+  EXPECT_EQ(received, block);
+  EXPECT_EQ(taken, block);
 }
 
 }  // namespace
