@@ -1,6 +1,9 @@
 // The present USB device interfaces as SetupAPI lists them.
 #pragma once
 
+#include <string>
+#include <vector>
+
 #include "platform/DeviceBackend.h"
 #include "platform/winusb/SetupApi.h"
 
@@ -11,5 +14,11 @@ namespace ferrolt::platform {
 // to its end, ERROR_NOT_ENOUGH_MEMORY when a detail record could not be
 // allocated). An interface whose detail cannot be read is left out.
 InterfaceListing ListUsbDeviceInterfaces(const SetupApi& api);
+
+// The interface paths that the present device node with hardware id
+// USB\VID_xxxx&PID_xxxx&MI_nn registered under the interface classes named
+// in its DeviceInterfaceGUIDs (or DeviceInterfaceGUID) registry value. Empty
+// when there is no such node or it names no class.
+std::vector<std::string> ListRegisteredInterfaces(const SetupApi& api, const UsbInterfaceId& wanted);
 
 }  // namespace ferrolt::platform

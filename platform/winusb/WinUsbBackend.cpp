@@ -19,6 +19,10 @@ class WinUsbBackend final : public DeviceBackend {
 
   InterfaceListing ListInterfaces() override { return ListUsbDeviceInterfaces(setup_); }
 
+  std::vector<std::string> ListRegisteredInterfaces(const UsbInterfaceId& wanted) override {
+    return platform::ListRegisteredInterfaces(setup_, wanted);
+  }
+
   std::unique_ptr<DeviceConnection> Open(const std::string& path) override {
     const HANDLE file =
         setup_.CreateFileA(path.c_str(), kAccess, kSharing, nullptr, OPEN_EXISTING, kAttributes, nullptr);
