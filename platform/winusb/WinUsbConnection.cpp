@@ -100,19 +100,43 @@ bool WinUsbConnection::FlushPipe(uint8_t pipeId) {
   return flushed;
 }
 
+// WinUsb_AbortPipe is synchronous: the pipe's transfers have completed when
+// it returns, each as aborted unless its bytes had all moved.
+bool WinUsbConnection::Abort(Transfer& transfer) {
+  uint8_t pipeId = 0;
+  bool inFlight = false;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const auto& candidate : inFlight_) {
+      if (candidate.get() != &transfer) continue;
+      pipeId = candidate->PipeId();
+      inFlight = true;
+      break;
+    }
+  }
+  // One no longer in flight has already finished: there is nothing to withdraw.
+  if (inFlight) api_.AbortPipe(winUsb_, pipeId);
+  return true;
+}
+
 std::shared_ptr<Transfer> WinUsbConnection::Start(uint8_t pipeId, const uint8_t* data, uint32_t length) {
   auto transfer = std::make_shared<WinUsbTransfer>(api_, winUsb_, pipeId, data, length);
   std::lock_guard<std::mutex> lock(mutex_);
   ForgetFinishedLocked();
+  // A halted endpoint fails every transfer, across reopening too, until its
+  // pipe is reset (WinUsb_ResetPipe: clears the stall condition); done here,
+  // on the caller's thread, never while a completion is being handled.
+  if (halted_.erase(pipeId) != 0) api_.ResetPipe(winUsb_, pipeId);
   if (!transfer->Start()) return nullptr;
   inFlight_.push_back(transfer);
   return transfer;
 }
 
 void WinUsbConnection::ForgetFinishedLocked() {
-  const auto finished = std::remove_if(inFlight_.begin(), inFlight_.end(), [](const auto& transfer) {
+  const auto finished = std::remove_if(inFlight_.begin(), inFlight_.end(), [this](const auto& transfer) {
     if (!transfer->IsComplete()) return false;
     transfer->Settle(kNoWait);
+    if (transfer->Stalled()) halted_.insert(transfer->PipeId());
     return true;
   });
   inFlight_.erase(finished, inFlight_.end());

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <vector>
 
 #include "platform/DeviceBackend.h"
@@ -36,10 +37,13 @@ class WinUsbConnection final : public DeviceConnection {
   std::shared_ptr<Transfer> StartWrite(uint8_t pipeId, const uint8_t* data, uint32_t length) override;
   std::shared_ptr<Transfer> StartRead(uint8_t pipeId, uint32_t length) override;
   bool FlushPipe(uint8_t pipeId) override;
+  // Aborts every transfer on the transfer's pipe (WinUsb_AbortPipe).
+  bool Abort(Transfer& transfer) override;
 
  private:
   std::shared_ptr<Transfer> Start(uint8_t pipeId, const uint8_t* data, uint32_t length);
-  // Settles and drops the transfers that have finished.
+  // Settles and drops the transfers that have finished, noting the pipes
+  // whose endpoint one of them found halted.
   void ForgetFinishedLocked();
 
   const WinUsbApi& api_;
@@ -47,10 +51,12 @@ class WinUsbConnection final : public DeviceConnection {
   // Set once by Initialize, before the connection is shared.
   WINUSB_INTERFACE_HANDLE winUsb_ = nullptr;
 
-  std::mutex mutex_;  // guards inFlight_
+  std::mutex mutex_;  // guards inFlight_ and halted_
   // Every transfer started and not yet seen finished, whether or not its
   // caller still waits for it.
   std::vector<std::shared_ptr<WinUsbTransfer>> inFlight_;
+  // Pipes to reset before their next transfer.
+  std::set<uint8_t> halted_;
 };
 
 }  // namespace ferrolt::platform

@@ -6,6 +6,10 @@ namespace ferrolt::platform {
 namespace {
 
 constexpr BOOL kDoNotWait = FALSE;
+// What a transfer on a halted endpoint fails with: the stack's
+// USBD_STATUS_STALL_PID reaches the caller as this Windows error ("How to
+// recover from USB pipe errors": the pipe takes no request until it is reset).
+constexpr DWORD kStallError = ERROR_GEN_FAILURE;
 
 }  // namespace
 
@@ -32,10 +36,18 @@ void WinUsbTransfer::Collect() {
   if (!settled_) CollectLocked();
 }
 
+// The count is passed on a failure too: a transfer aborted or cancelled as it
+// completed reports ERROR_OPERATION_ABORTED with its bytes moved.
 void WinUsbTransfer::CollectLocked() {
   DWORD count = 0;
   const BOOL succeeded = api_.GetOverlappedResult(winUsb_, &io_->overlapped, &count, kDoNotWait);
+  if (!succeeded && GetLastError() == kStallError) stalled_ = true;
   Complete(succeeded != FALSE, isRead_ ? io_->buffer.data() : nullptr, count);
+}
+
+bool WinUsbTransfer::Stalled() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return stalled_;
 }
 
 void WinUsbTransfer::Settle(std::chrono::milliseconds wait) {

@@ -25,6 +25,10 @@ class WinUsbTransfer final : public Transfer {
 
   uint8_t PipeId() const { return pipeId_; }
 
+  // Once settled: whether the transfer failed as a halted endpoint fails it,
+  // which leaves the pipe halted until it is reset.
+  bool Stalled();
+
   // Issues the transfer. False when it failed at once: then no completion
   // will ever come.
   bool Start();
@@ -52,8 +56,9 @@ class WinUsbTransfer final : public Transfer {
   const uint8_t pipeId_;
   const bool isRead_;
 
-  std::mutex mutex_;  // guards the two fields below
+  std::mutex mutex_;  // guards the three fields below
   bool settled_ = false;
+  bool stalled_ = false;
   std::unique_ptr<Io> io_;
 };
 
