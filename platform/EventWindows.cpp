@@ -1,4 +1,6 @@
 #include <windows.h>
+// After windows.h, which it needs.
+#include <mmsystem.h>
 
 #include <array>
 
@@ -12,6 +14,28 @@ constexpr BOOL kInitiallySet = FALSE;
 constexpr BOOL kAnyOne = FALSE;
 // INFINITE itself means no limit: a finite wait stops one millisecond short.
 constexpr DWORD kLongestFiniteWait = INFINITE - 1;
+
+// Wait time-outs run on the system timer, about 15.6 ms a tick unless a
+// process asks for finer, so the link's 5 ms read wait would last a tick.
+constexpr UINT kTimerResolutionMs = 1;
+
+// Raised for the rest of the run, and ended at exit as timeBeginPeriod asks
+// ("can improve the accuracy of time-out intervals in wait functions").
+class FineTimerResolution {
+ public:
+  FineTimerResolution() : raised_(timeBeginPeriod(kTimerResolutionMs) == TIMERR_NOERROR) {}
+  ~FineTimerResolution() {
+    if (raised_) timeEndPeriod(kTimerResolutionMs);
+  }
+  FineTimerResolution(const FineTimerResolution&) = delete;
+  FineTimerResolution& operator=(const FineTimerResolution&) = delete;
+
+ private:
+  const bool raised_;
+};
+
+// On the first timed wait of the run.
+void UseFineTimerResolution() { static const FineTimerResolution resolution; }
 
 HANDLE HandleOf(const Event& event) { return static_cast<HANDLE>(event.NativeHandle()); }
 
@@ -40,6 +64,7 @@ void Event::Reset() {
 bool Event::IsSet() const { return handle_ != nullptr && WaitForSingleObject(HandleOf(*this), 0) == WAIT_OBJECT_0; }
 
 bool Event::WaitFor(std::chrono::milliseconds timeout) const {
+  UseFineTimerResolution();
   return handle_ != nullptr && WaitForSingleObject(HandleOf(*this), ToWaitMilliseconds(timeout)) == WAIT_OBJECT_0;
 }
 
@@ -48,6 +73,7 @@ void Event::Wait() const {
 }
 
 int WaitAny(std::initializer_list<const Event*> events, std::chrono::milliseconds timeout) {
+  UseFineTimerResolution();
   // Null entries are left out of the system's list; positions map back to
   // the caller's, in the same order, so the first listed still wins.
   std::array<HANDLE, MAXIMUM_WAIT_OBJECTS> handles{};
