@@ -1,5 +1,6 @@
 #include "platform/libusb/LibusbConnection.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "platform/libusb/ConfigDescriptor.h"
@@ -42,8 +43,21 @@ LibusbConnection::LibusbConnection(std::shared_ptr<LibusbContext> context, libus
       events_([this] { HandleEvents(); }) {}
 
 LibusbConnection::~LibusbConnection() {
-  CancelInFlight(kAllEndpoints);
-  WaitForInFlight(kLibusbCancelWait);
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    closing_ = true;
+    CancelInFlightLocked(kAllEndpoints);
+  }
+  if (WaitForInFlight(kLibusbCancelWait)) {
+    // The device keeps a halt across handles: cleared here, the next opener
+    // does not meet the stall this one saw.
+    std::set<uint8_t> halted;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      halted = halted_;
+    }
+    for (const uint8_t endpoint : halted) libusb_clear_halt(handle_, endpoint);
+  }
   if (claimed_) libusb_release_interface(handle_, interfaceNumber_);
   stopping_ = true;
   events_.join();
@@ -62,6 +76,11 @@ bool LibusbConnection::Initialize() {
     return false;
   }
   claimed_ = true;
+  std::vector<PipeInfo> pipes;
+  if (ReadPipes(pipes)) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const PipeInfo& pipe : pipes) packetSizes_[pipe.pipeId] = pipe.maximumPacketSize;
+  }
   return true;
 }
 
@@ -95,11 +114,10 @@ bool LibusbConnection::QueryPipe(uint8_t endpointIndex, PipeInfo& pipe) {
 
 bool LibusbConnection::QueryDeviceSpeed(uint8_t& speed, uint32_t& error) {
   switch (libusb_get_device_speed(libusb_get_device(handle_))) {
+    // The Windows query reports full and low speed alike as its lowest value.
     case LIBUSB_SPEED_LOW:
-      speed = kSpeedLow;
-      return true;
     case LIBUSB_SPEED_FULL:
-      speed = kSpeedFull;
+      speed = kSpeedLow;
       return true;
     case LIBUSB_SPEED_UNKNOWN:
       error = kErrorGenFailure;
@@ -112,42 +130,91 @@ bool LibusbConnection::QueryDeviceSpeed(uint8_t& speed, uint32_t& error) {
 }
 
 std::shared_ptr<Transfer> LibusbConnection::StartWrite(uint8_t pipeId, const uint8_t* data, uint32_t length) {
-  if (IsInEndpoint(pipeId)) return nullptr;
-  return Submit(pipeId, data, length);
+  if (IsInEndpoint(pipeId) || !Recover(pipeId)) return nullptr;
+  auto transfer = std::make_shared<Transfer>(length);
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!SubmitLocked(pipeId, data, transfer->RequestedLength(), transfer)) return nullptr;
+  return transfer;
 }
 
 std::shared_ptr<Transfer> LibusbConnection::StartRead(uint8_t pipeId, uint32_t length) {
-  if (!IsInEndpoint(pipeId)) return nullptr;
-  return Submit(pipeId, nullptr, length);
+  if (!IsInEndpoint(pipeId) || !Recover(pipeId)) return nullptr;
+  auto transfer = std::make_shared<Transfer>(length);
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!received_.empty()) {
+    transfer->Complete(true, received_.front().data.data(), received_.front().count);
+    received_.pop_front();
+    return transfer;
+  }
+  if (!ReadingLocked(pipeId)) {
+    const uint32_t readLength = ReadLengthLocked(pipeId);
+    if (readLength == 0 || !SubmitLocked(pipeId, nullptr, readLength, nullptr)) return nullptr;
+  }
+  readers_.push_back(transfer);
+  return transfer;
 }
 
 bool LibusbConnection::FlushPipe(uint8_t pipeId) {
-  CancelInFlight(pipeId);
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (IsInEndpoint(pipeId)) {
+    received_.clear();
+    FailReadersLocked();
+    for (const auto& [key, inFlight] : inFlight_)
+      if (inFlight->endpoint == pipeId) inFlight->flushed = true;
+  }
+  CancelInFlightLocked(pipeId);
   return true;
 }
 
-std::shared_ptr<Transfer> LibusbConnection::Submit(uint8_t endpoint, const uint8_t* data, uint32_t length) {
-  auto transfer = std::make_shared<Transfer>(length);
+bool LibusbConnection::Abort(Transfer& transfer) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const bool reading = std::any_of(readers_.begin(), readers_.end(),
+                                   [&](const std::shared_ptr<Transfer>& reader) { return reader.get() == &transfer; });
+  for (const auto& [key, inFlight] : inFlight_) {
+    if (inFlight->transfer.get() == &transfer || (reading && inFlight->transfer == nullptr))
+      libusb_cancel_transfer(inFlight->usb);
+  }
+  // A transfer found nowhere has finished already.
+  return true;
+}
+
+// The IN pipe is read in whole packets: a buffer smaller than the packet the
+// device sends ends the transfer in an overflow, its data undefined
+// (libusb, "Packets and overflows"). One packet's worth, or as many as a
+// block needs, so a device that sends one full packet is not waited on for more.
+uint32_t LibusbConnection::ReadLengthLocked(uint8_t endpoint) const {
+  const auto found = packetSizes_.find(endpoint);
+  if (found == packetSizes_.end() || found->second == 0) return 0;
+  const uint32_t packet = found->second;
+  return (kMaxTransferLength + packet - 1) / packet * packet;
+}
+
+bool LibusbConnection::ReadingLocked(uint8_t endpoint) const {
+  return std::any_of(inFlight_.begin(), inFlight_.end(), [&](const auto& entry) {
+    return entry.second->endpoint == endpoint && entry.second->transfer == nullptr;
+  });
+}
+
+bool LibusbConnection::SubmitLocked(uint8_t endpoint, const uint8_t* data, uint32_t length,
+                                    std::shared_ptr<Transfer> transfer) {
   auto inFlight = std::make_unique<InFlight>();
   inFlight->owner = this;
-  inFlight->transfer = transfer;
+  inFlight->transfer = std::move(transfer);
   inFlight->endpoint = endpoint;
-  if (data != nullptr) std::memcpy(inFlight->buffer.data(), data, transfer->RequestedLength());
+  inFlight->buffer.assign(length, 0);
+  if (data != nullptr) std::memcpy(inFlight->buffer.data(), data, length);
   inFlight->usb = libusb_alloc_transfer(0);
-  if (inFlight->usb == nullptr) return nullptr;
-  libusb_fill_bulk_transfer(inFlight->usb, handle_, endpoint, inFlight->buffer.data(),
-                            static_cast<int>(transfer->RequestedLength()), &LibusbConnection::OnTransferDone,
-                            inFlight.get(), kNoTransferTimeout);
-
-  // Held through the submission, so the completion finds its record.
-  std::lock_guard<std::mutex> lock(mutex_);
+  if (inFlight->usb == nullptr) return false;
+  libusb_fill_bulk_transfer(inFlight->usb, handle_, endpoint, inFlight->buffer.data(), static_cast<int>(length),
+                            &LibusbConnection::OnTransferDone, inFlight.get(), kNoTransferTimeout);
+  // Submitted under the lock, so the completion finds its record.
   if (libusb_submit_transfer(inFlight->usb) != LIBUSB_SUCCESS) {
     libusb_free_transfer(inFlight->usb);
-    return nullptr;
+    return false;
   }
   InFlight* key = inFlight.get();
   inFlight_.emplace(key, std::move(inFlight));
-  return transfer;
+  return true;
 }
 
 void LIBUSB_CALL LibusbConnection::OnTransferDone(libusb_transfer* usb) {
@@ -160,38 +227,97 @@ void LIBUSB_CALL LibusbConnection::OnTransferDone(libusb_transfer* usb) {
   delete inFlight;
 }
 
-// Runs on the event thread.
+// Runs on the event thread. Nothing here blocks: a stalled endpoint is only
+// marked, and cleared by the next caller (libusb_clear_halt blocks, and wants
+// the endpoint's transfers cancelled first).
 void LibusbConnection::Finish(InFlight* inFlight) {
   std::unique_ptr<InFlight> record;
   {
+    std::lock_guard<std::mutex> lock(mutex_);
     // Out of the table before its transfer is freed: a cancel (a flush, or
     // closing) only touches the transfers the table holds.
-    std::lock_guard<std::mutex> lock(mutex_);
     const auto found = inFlight_.find(inFlight);
     record = std::move(found->second);
     inFlight_.erase(found);
+    const libusb_transfer_status status = record->usb->status;
+    if (status == LIBUSB_TRANSFER_STALL) halted_.insert(record->endpoint);
+    const uint32_t count = record->usb->actual_length > 0 ? static_cast<uint32_t>(record->usb->actual_length) : 0;
+    if (record->transfer == nullptr) {
+      TakeReadLocked(*record, status, count);
+    } else {
+      // A write whose bytes all went out went out, whatever else its end says
+      // (a cancel that crossed its completion).
+      const bool succeeded = status == LIBUSB_TRANSFER_COMPLETED || count == record->transfer->RequestedLength();
+      record->transfer->Complete(succeeded, nullptr, count);
+    }
   }
-  libusb_transfer* usb = record->usb;
-  // A stalled endpoint stays halted until the host clears it; cleared here,
-  // before the caller learns of the failure, the pipe is usable again for
-  // the retry every caller makes after a failed transfer.
-  if (usb->status == LIBUSB_TRANSFER_STALL) libusb_clear_halt(handle_, record->endpoint);
-  const bool succeeded = usb->status == LIBUSB_TRANSFER_COMPLETED;
-  const uint32_t count = usb->actual_length > 0 ? static_cast<uint32_t>(usb->actual_length) : 0;
-  record->transfer->Complete(succeeded, IsInEndpoint(record->endpoint) ? record->buffer.data() : nullptr, count);
-  libusb_free_transfer(usb);
+  libusb_free_transfer(record->usb);
   drained_.notify_all();
 }
 
-void LibusbConnection::CancelInFlight(uint8_t endpoint) {
+// What a read brought becomes blocks for the readers, however it ended: a
+// cancel that crossed a completion still brings the data (usbfs reaps such a
+// URB with it). Only an overflow's data is undefined.
+void LibusbConnection::TakeReadLocked(const InFlight& read, libusb_transfer_status status, uint32_t count) {
+  const bool completed = status == LIBUSB_TRANSFER_COMPLETED;
+  if (!read.flushed && status != LIBUSB_TRANSFER_OVERFLOW) {
+    for (uint32_t offset = 0; offset < count; offset += kMaxTransferLength) {
+      Block block;
+      block.count = std::min(count - offset, kMaxTransferLength);
+      std::memcpy(block.data.data(), read.buffer.data() + offset, block.count);
+      received_.push_back(block);
+    }
+    // A zero-length packet ends a transfer without a block: the reader
+    // learns of it as a read of no bytes.
+    if (completed && count == 0 && !readers_.empty()) {
+      readers_.front()->Complete(true, nullptr, 0);
+      readers_.pop_front();
+    }
+  }
+  while (!readers_.empty() && !received_.empty()) {
+    readers_.front()->Complete(true, received_.front().data.data(), received_.front().count);
+    readers_.pop_front();
+    received_.pop_front();
+  }
+  if (readers_.empty()) return;
+  // Readers still waiting: a read that ended normally, or one a flush ended
+  // before they came, is followed by the next; any other end fails them.
+  const bool readAgain = (completed || read.flushed) && !closing_ && halted_.count(read.endpoint) == 0;
+  const uint32_t length = ReadLengthLocked(read.endpoint);
+  if (!readAgain || !SubmitLocked(read.endpoint, nullptr, length, nullptr)) FailReadersLocked();
+}
+
+void LibusbConnection::FailReadersLocked() {
+  for (const auto& reader : readers_) reader->Complete(false, nullptr, 0);
+  readers_.clear();
+}
+
+bool LibusbConnection::Recover(uint8_t endpoint) {
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (halted_.count(endpoint) == 0) return true;
+    CancelInFlightLocked(endpoint);
+    const bool drained = drained_.wait_for(lock, kLibusbCancelWait, [&] {
+      return std::none_of(inFlight_.begin(), inFlight_.end(),
+                          [&](const auto& entry) { return entry.second->endpoint == endpoint; });
+    });
+    if (!drained) return false;
+  }
+  // On the caller's thread: it blocks on a control transfer.
+  if (libusb_clear_halt(handle_, endpoint) != LIBUSB_SUCCESS) return false;
   std::lock_guard<std::mutex> lock(mutex_);
+  halted_.erase(endpoint);
+  return true;
+}
+
+void LibusbConnection::CancelInFlightLocked(uint8_t endpoint) {
   for (const auto& [key, inFlight] : inFlight_)
     if (endpoint == kAllEndpoints || inFlight->endpoint == endpoint) libusb_cancel_transfer(inFlight->usb);
 }
 
-void LibusbConnection::WaitForInFlight(std::chrono::milliseconds wait) {
+bool LibusbConnection::WaitForInFlight(std::chrono::milliseconds wait) {
   std::unique_lock<std::mutex> lock(mutex_);
-  drained_.wait_for(lock, wait, [this] { return inFlight_.empty(); });
+  return drained_.wait_for(lock, wait, [this] { return inFlight_.empty(); });
 }
 
 // Transfers libusb has not given back: their callers learn they failed, and
@@ -199,8 +325,9 @@ void LibusbConnection::WaitForInFlight(std::chrono::milliseconds wait) {
 // libusb may still write into its buffer.
 void LibusbConnection::AbandonInFlight() {
   std::lock_guard<std::mutex> lock(mutex_);
+  FailReadersLocked();
   for (auto& [key, inFlight] : inFlight_) {
-    inFlight->transfer->Complete(false, nullptr, 0);
+    if (inFlight->transfer != nullptr) inFlight->transfer->Complete(false, nullptr, 0);
     inFlight->owner = nullptr;
     static_cast<void>(inFlight.release());
   }

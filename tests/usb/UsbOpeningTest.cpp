@@ -42,16 +42,17 @@ std::unique_ptr<EmulatedUsbDevice> Device(std::vector<std::string> devsimArgs) {
   return device;
 }
 
-// Given devices of each speed, the open prints the speed line of a full- or
-// high-speed device and nothing for a low-speed one, and the command goes on.
-TEST(UsbOpeningTest, PrintsTheSpeedLineOfFullAndHighSpeedDevices) {
+// Given devices of each speed, the open prints the speed line of a
+// high-speed device only: as on Windows, where full and low speed both report
+// 1, which prints nothing. The command goes on either way.
+TEST(UsbOpeningTest, PrintsTheSpeedLineOfHighSpeedDevicesOnly) {
   TempDir dir;
   const auto low = Device({"--speed", "1"});
   const auto full = Device({"--speed", "2"});
   const auto high = Device({"--speed", "3"});
   const auto results = ProgCapOnEach({low.get(), full.get(), high.get()}, dir);
   EXPECT_EQ(results[0].out, std::string(kProgCapStart) + kProgCapSent);
-  EXPECT_EQ(results[1].out, std::string(kProgCapStart) + "Device speed: 2 (Full speed).\n" + kProgCapSent);
+  EXPECT_EQ(results[1].out, std::string(kProgCapStart) + kProgCapSent);
   EXPECT_EQ(results[2].out, std::string(kProgCapStart) + "Device speed: 3 (High speed).\n" + kProgCapSent);
   for (const auto* device : {low.get(), full.get(), high.get()}) EXPECT_EQ(device->Received().size(), 1u);
 }
