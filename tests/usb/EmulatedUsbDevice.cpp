@@ -59,7 +59,7 @@ EmulatedUsbDevice::EmulatedUsbDevice(const UsbDeviceOptions& options)
   if (!ShapeFromHello(parsed.server.hello, model_, faults, error_)) return;
   device_ = devsim::Device::Create(parsed.device, error_);
   if (device_ == nullptr) return;
-  usb_ = std::make_unique<UsbdevfsDevice>(*device_, model_.bulkInterface, faults);
+  usb_ = std::make_unique<UsbdevfsDevice>(*device_, model_.bulkInterface, BulkPacketSizeOf(model_.speed), faults);
   Plug();
 }
 

@@ -23,6 +23,8 @@ constexpr uint8_t kBusPowered = 0x80;
 constexpr uint8_t kMaxPowerIn2mA = 50;
 constexpr uint8_t kVendorSpecificClass = 0xFF;
 constexpr uint8_t kBulkTransferType = 2;
+constexpr uint16_t kFullSpeedBulkPacket = 64;
+constexpr uint16_t kHighSpeedBulkPacket = 512;
 // usbfs device nodes: character major 189, 128 addresses a bus.
 constexpr int kUsbDeviceMajor = 189;
 constexpr int kAddressesPerBus = 128;
@@ -42,9 +44,9 @@ void AppendDeviceDescriptor(const UsbDeviceModel& model, std::vector<uint8_t>& b
   bytes.insert(bytes.end(), {0, 0, 0, 1});
 }
 
-void AppendEndpoint(uint8_t address, std::vector<uint8_t>& bytes) {
+void AppendEndpoint(uint8_t address, uint16_t packetSize, std::vector<uint8_t>& bytes) {
   bytes.insert(bytes.end(), {kEndpointDescriptorLength, kEndpointDescriptorType, address, kBulkTransferType});
-  AppendU16(bytes, kBulkPacketSize);
+  AppendU16(bytes, packetSize);
   bytes.push_back(0);
 }
 
@@ -55,8 +57,8 @@ void AppendInterfaces(const UsbDeviceModel& model, std::vector<uint8_t>& bytes) 
     bytes.insert(bytes.end(), {kInterfaceDescriptorLength, kInterfaceDescriptorType, number, 0, endpoints,
                                kVendorSpecificClass, 0, 0, 0});
     if (!bulk) continue;
-    AppendEndpoint(kBulkOutEndpoint, bytes);
-    AppendEndpoint(kBulkInEndpoint, bytes);
+    AppendEndpoint(kBulkOutEndpoint, BulkPacketSizeOf(model.speed), bytes);
+    AppendEndpoint(kBulkInEndpoint, BulkPacketSizeOf(model.speed), bytes);
   }
 }
 
@@ -81,6 +83,10 @@ std::string Format(const char* format, int first, int second = 0) {
 }
 
 }  // namespace
+
+uint16_t BulkPacketSizeOf(UsbSpeed speed) {
+  return speed == UsbSpeed::High ? kHighSpeedBulkPacket : kFullSpeedBulkPacket;
+}
 
 std::vector<uint8_t> DescriptorsOf(const UsbDeviceModel& model) {
   std::vector<uint8_t> bytes;

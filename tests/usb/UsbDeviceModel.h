@@ -11,7 +11,6 @@ namespace ferrolt::test::usb {
 
 inline constexpr uint8_t kBulkOutEndpoint = 0x01;
 inline constexpr uint8_t kBulkInEndpoint = 0x81;
-inline constexpr uint16_t kBulkPacketSize = 64;
 inline constexpr uint8_t kVendorInterface = 4;
 
 // Speeds as sysfs writes them, in Mbit/s.
@@ -27,6 +26,10 @@ struct UsbDeviceModel {
   // False: the bulk interface has no endpoints at all.
   bool bulkEndpoints = true;
 };
+
+// wMaxPacketSize of the bulk endpoints: 512 at high speed, 64 below (USB 2.0
+// allows bulk no larger at full speed).
+uint16_t BulkPacketSizeOf(UsbSpeed speed);
 
 // Where the device sits: bus 1, the given address.
 struct UsbAddress {

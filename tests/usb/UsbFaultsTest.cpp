@@ -1,12 +1,13 @@
 // What only a USB bus does to a transfer: an endpoint that answers with a
-// STALL, and a cable pulled in the middle of an upload, with and without the
-// device coming back. The tool runs on its libusb backend, the device behind
-// an emulated bus; unplug and replug reach the tool as hotplug events.
+// STALL, a device that NAKs for a while, zero-length packets, and a cable
+// pulled in the middle of an upload, with and without the device coming back. The tool runs on its libusb backend, the
+// device behind an emulated bus; unplug and replug reach the tool as hotplug events.
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "devsim/DevicePackets.h"
 #include "tests/support/EndToEnd.h"
@@ -25,6 +26,13 @@ constexpr int32_t kFilePackets = 120;
 constexpr milliseconds kReplugAfter{200};
 constexpr const char* kSpeedLine = "Device speed: 3 (High speed).\n";
 constexpr const char* kWriteFailed = "LogMessageCallBack:\tFailed to write to the bulk interface\n";
+constexpr size_t kUpgradePayload = 57;
+constexpr int32_t kUpgradePackets = 30;
+constexpr uint32_t kNackedPacket = 5;
+// The device takes this many OUT blocks, then NAKs for the pause (several
+// write waits), and stalls the first block it is offered after it.
+constexpr long long kPauseAfterBlocks = 10;
+constexpr const char* kPauseFor = "pause-writes-for=2500";
 
 size_t CountOf(const std::string& text, const std::string& part) {
   size_t count = 0;
@@ -50,6 +58,57 @@ TEST(UsbFaultsTest, AStalledOutEndpointFailsOneWriteAndTheRetryGetsThrough) {
   ASSERT_EQ(received.size(), 1u);
   EXPECT_EQ(devsim::RawText(received[0]).rfind("\rreboot\r", 0), 0u);
   EXPECT_EQ(device.Usb().ClearedHalts(), 1);
+}
+
+// How often each upgrade data packet reached the device, by packet number.
+std::vector<int> UpgradeCopies(const std::vector<Block>& received) {
+  std::vector<int> copies(kUpgradePackets, 0);
+  for (const Block& block : received) {
+    if (block[0] != devsim::kTypeUpgrade || devsim::PayloadText(block) == "Ending Upgrade") continue;
+    const uint32_t number = devsim::NumberOf(block);
+    if (number < copies.size()) ++copies[number];
+  }
+  return copies;
+}
+
+// Given a device that refuses (NAKs) OUT blocks for longer than a write wait
+// and then stalls, an upgrade withdraws each write whose wait ran out,
+// clears the halt only with nothing queued behind it, and every packet
+// reaches the device once.
+TEST(UsbFaultsTest, AnUpgradeThroughAPauseAndAStallDeliversEachPacketOnce) {
+  TempDir dir;
+  UsbDeviceOptions options;
+  options.devsimArgs = {"--fault", "pause-writes-after=" + std::to_string(kPauseAfterBlocks), "--fault", kPauseFor};
+  options.faults.stallOutAt = kPauseAfterBlocks + 1;
+  EmulatedUsbDevice device(options);
+  ASSERT_TRUE(device.Running()) << device.Error();
+  const std::string bytes = RandomBytes(kUpgradePackets * kUpgradePayload, 7);
+  WriteFile(dir / "bundle.bin", bytes);
+  const ProcessResult run = RunFerrolt({"upgrade", (dir / "bundle.bin").string()}, device, dir.Path(), kRunLimit);
+  EXPECT_EQ(run.exitStatus, 0);
+  EXPECT_NE(run.out.find("A write retry was detected!"), std::string::npos) << run.out;
+  EXPECT_TRUE(ReadFile(device.Root() / "upgrade" / "bundle.img") == bytes) << run.out;
+  EXPECT_EQ(UpgradeCopies(device.Received()), std::vector<int>(kUpgradePackets, 1));
+  EXPECT_EQ(device.Usb().ClearedHalts(), 1);
+  EXPECT_EQ(device.Usb().ClearedHaltsWithUrbsQueued(), 0);
+}
+
+// Given a full-speed device that ends each full packet with a zero-length
+// one, the empty read is no block: a NACK is acted on once, so the refused
+// packet is resent once.
+TEST(UsbFaultsTest, AZeroLengthPacketIsNoBlock) {
+  TempDir dir;
+  UsbDeviceOptions options;
+  options.devsimArgs = {"--speed", "2", "--fault", "nack=" + std::to_string(kNackedPacket)};
+  options.faults.zeroLengthAfterFullPacket = true;
+  EmulatedUsbDevice device(options);
+  ASSERT_TRUE(device.Running()) << device.Error();
+  const std::string bytes = RandomBytes(kUpgradePackets * kUpgradePayload, 8);
+  WriteFile(dir / "bundle.bin", bytes);
+  const ProcessResult run = RunFerrolt({"upgrade", (dir / "bundle.bin").string()}, device, dir.Path(), kRunLimit);
+  EXPECT_EQ(run.exitStatus, 0);
+  EXPECT_TRUE(ReadFile(device.Root() / "upgrade" / "bundle.img") == bytes) << run.out;
+  EXPECT_EQ(UpgradeCopies(device.Received())[kNackedPacket], 2) << run.out;
 }
 
 // Given an upload under way, the cable is pulled while a data packet is in

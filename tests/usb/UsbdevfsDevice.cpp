@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstring>
 #include <utility>
+#include <vector>
 
 #include "devsim/DeviceLimits.h"
 #include "tests/usb/UsbDeviceModel.h"
@@ -22,6 +23,7 @@ using std::chrono::milliseconds;
 // and then so a stop is never missed.
 constexpr milliseconds kIdleWait{100};
 constexpr const char* kPlugNumberKey = "ferrolt-plug-number";
+constexpr size_t kBlockBytes = sizeof(devsim::Block);
 constexpr uint32_t kCapabilities = USBDEVFS_CAP_BULK_CONTINUATION | USBDEVFS_CAP_NO_PACKET_SIZE_LIM |
                                    USBDEVFS_CAP_REAP_AFTER_DISCONNECT | USBDEVFS_CAP_ZERO_PACKET;
 
@@ -81,8 +83,13 @@ struct UsbdevfsDevice::Urb {
   UMockdevIoctlData* buffer;  // null for an empty buffer
 };
 
-UsbdevfsDevice::UsbdevfsDevice(devsim::Device& device, uint8_t vendorInterface, const UsbFaults& faults)
-    : device_(device), vendorInterface_(vendorInterface), faults_(faults), handler_(umockdev_ioctl_base_new()) {
+UsbdevfsDevice::UsbdevfsDevice(devsim::Device& device, uint8_t vendorInterface, uint16_t packetSize,
+                               const UsbFaults& faults)
+    : device_(device),
+      vendorInterface_(vendorInterface),
+      packetSize_(packetSize),
+      faults_(faults),
+      handler_(umockdev_ioctl_base_new()) {
   g_signal_connect(handler_, "handle-ioctl", G_CALLBACK(&UsbdevfsDevice::OnIoctl), this);
   clock_ = std::thread([this] { LetTimePass(); });
   published_.store(true, std::memory_order_release);
@@ -119,6 +126,11 @@ void UsbdevfsDevice::Plug() {
 int UsbdevfsDevice::ClearedHalts() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return clearedHalts_;
+}
+
+int UsbdevfsDevice::ClearedHaltsWithUrbsQueued() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return clearedHaltsWithUrbsQueued_;
 }
 
 // Every ioctl is answered here: the device handles the node entirely.
@@ -213,7 +225,7 @@ void UsbdevfsDevice::Submit(UMockdevIoctlClient* client, UMockdevIoctlData* arg)
   if (fields.endpoint == kBulkInEndpoint) {
     awaitingData_.push_back(std::move(urb));
   } else if (fields.endpoint == kBulkOutEndpoint) {
-    SubmitOut(std::move(urb));
+    outQueue_.push_back(std::move(urb));
   } else {
     return Answer(client, ENOENT);
   }
@@ -221,23 +233,6 @@ void UsbdevfsDevice::Submit(UMockdevIoctlClient* client, UMockdevIoctlData* arg)
   Answer(client, 0);
   Settle();
   changed_.notify_all();
-}
-
-void UsbdevfsDevice::SubmitOut(Urb urb) {
-  ++outUrbs_;
-  if (outUrbs_ == faults_.unplugAtOut) {
-    awaitingCompletion_.push_back(std::move(urb));
-    plugged_ = false;
-    CutOffEveryHandle();
-    return;
-  }
-  if (outUrbs_ == faults_.stallOutAt) outHalted_ = true;
-  // A halted endpoint answers with a STALL handshake: the block is not taken.
-  if (outHalted_) return Finish(std::move(urb), -EPIPE, 0);
-  devsim::Block block{};
-  if (urb.buffer != nullptr) std::memcpy(block.data(), urb.buffer->data, std::min<size_t>(urb.Length(), block.size()));
-  device_.OnOutBlock(block);
-  awaitingCompletion_.push_back(std::move(urb));
 }
 
 void UsbdevfsDevice::Reap(UMockdevIoctlClient* client, UMockdevIoctlData* arg) {
@@ -263,7 +258,18 @@ void UsbdevfsDevice::Discard(UMockdevIoctlClient* client, UMockdevIoctlData* arg
   unsigned long address = 0;
   std::memcpy(&address, arg->data, std::min<size_t>(sizeof address, static_cast<size_t>(arg->data_len)));
   if (CutOff(client)) return Answer(client, ENODEV);
+  // A URB that has completed is no longer pending: the kernel answers EINVAL
+  // and the URB stays reapable with its data (devio.c, proc_unlinkurb).
   auto matches = [&](const Urb& urb) { return urb.client == client && urb.urb->client_addr == address; };
+  for (UrbQueue* queue : {&outQueue_, &awaitingData_}) {
+    const auto found = std::find_if(queue->begin(), queue->end(), matches);
+    if (found == queue->end()) continue;
+    // Withdrawn before the device took it: it never reaches the device.
+    Urb urb = std::move(*found);
+    queue->erase(found);
+    Finish(std::move(urb), -ENOENT, 0);
+    return Answer(client, 0);
+  }
   for (auto& slot : awaitingCompletion_) {
     if (!slot || !matches(*slot)) continue;
     Urb urb = std::move(*slot);
@@ -271,12 +277,7 @@ void UsbdevfsDevice::Discard(UMockdevIoctlClient* client, UMockdevIoctlData* arg
     Finish(std::move(urb), -ENOENT, 0);
     return Answer(client, 0);
   }
-  const auto reading = std::find_if(awaitingData_.begin(), awaitingData_.end(), matches);
-  if (reading == awaitingData_.end()) return Answer(client, EINVAL);
-  Urb urb = std::move(*reading);
-  awaitingData_.erase(reading);
-  Finish(std::move(urb), -ENOENT, 0);
-  Answer(client, 0);
+  Answer(client, EINVAL);
 }
 
 void UsbdevfsDevice::ClearHalt(UMockdevIoctlClient* client, UMockdevIoctlData* arg) {
@@ -285,9 +286,12 @@ void UsbdevfsDevice::ClearHalt(UMockdevIoctlClient* client, UMockdevIoctlData* a
   if (CutOff(client)) return Answer(client, ENODEV);
   if (endpoint == kBulkOutEndpoint && outHalted_) {
     outHalted_ = false;
+    outQueueStopped_ = false;
     ++clearedHalts_;
+    if (!outQueue_.empty()) ++clearedHaltsWithUrbsQueued_;
   }
   Answer(client, 0);
+  Settle();
 }
 
 void UsbdevfsDevice::CloseLink() {
@@ -295,9 +299,14 @@ void UsbdevfsDevice::CloseLink() {
   device_.OnLinkClosed();
   g_object_unref(linkOwner_);
   linkOwner_ = nullptr;
-  // URBs still queued belong to the released interface: the kernel drops them.
+  // URBs still queued belong to the released interface: the kernel drops them
+  // and resets its side of the endpoints. The device keeps its own state: its
+  // queued IN blocks and a halt stay for the next opener.
+  outQueue_.clear();
   awaitingCompletion_.clear();
   awaitingData_.clear();
+  outQueueStopped_ = false;
+  zeroLengthOwed_ = false;
 }
 
 void UsbdevfsDevice::CutOffEveryHandle() {
@@ -306,9 +315,11 @@ void UsbdevfsDevice::CutOffEveryHandle() {
     if (slot) Finish(std::move(*slot), -ESHUTDOWN, 0);
   }
   awaitingCompletion_.clear();
-  while (!awaitingData_.empty()) {
-    Finish(std::move(awaitingData_.front()), -ESHUTDOWN, 0);
-    awaitingData_.pop_front();
+  for (UrbQueue* queue : {&outQueue_, &awaitingData_}) {
+    while (!queue->empty()) {
+      Finish(std::move(queue->front()), -ESHUTDOWN, 0);
+      queue->pop_front();
+    }
   }
   CloseLink();
 }
@@ -322,6 +333,7 @@ void UsbdevfsDevice::Finish(Urb urb, int status, int length) {
 }
 
 void UsbdevfsDevice::Settle() {
+  AdvanceOut();
   if (linkOwner_ == nullptr) return;
   device_.Poll();
   if (device_.DropRequested()) return CutOffEveryHandle();
@@ -332,14 +344,69 @@ void UsbdevfsDevice::Settle() {
     const int length = slot->Length();
     Finish(std::move(*slot), 0, length);
   }
+  AnswerIn();
+}
+
+// The OUT queue moves only while the device takes blocks; a block it refuses
+// stays with its URB, which the host may still withdraw.
+void UsbdevfsDevice::AdvanceOut() {
+  while (linkOwner_ != nullptr && !outQueue_.empty() && !outQueueStopped_) {
+    if (outHalted_) {
+      // The device answers with STALL until the host clears the halt.
+      Finish(std::move(outQueue_.front()), -EPIPE, 0);
+      outQueue_.pop_front();
+      outQueueStopped_ = true;
+      return;
+    }
+    if (!device_.TakesOutBlocks()) return;
+    Urb urb = std::move(outQueue_.front());
+    outQueue_.pop_front();
+    ++outUrbs_;
+    if (outUrbs_ == faults_.unplugAtOut) {
+      awaitingCompletion_.push_back(std::move(urb));
+      plugged_ = false;
+      return CutOffEveryHandle();
+    }
+    if (outUrbs_ == faults_.stallOutAt) {
+      outHalted_ = true;
+      outQueueStopped_ = true;
+      return Finish(std::move(urb), -EPIPE, 0);
+    }
+    devsim::Block block{};
+    if (urb.buffer != nullptr)
+      std::memcpy(block.data(), urb.buffer->data, std::min<size_t>(urb.Length(), block.size()));
+    device_.OnOutBlock(block);
+    awaitingCompletion_.push_back(std::move(urb));
+  }
+}
+
+// Each IN URB takes one packet: as many of the device's due blocks as fit in
+// wMaxPacketSize. The device does not know the URB's size; a packet larger
+// than the buffer is babble, and the URB ends with -EOVERFLOW
+// (Documentation/driver-api/usb/error-codes.rst).
+void UsbdevfsDevice::AnswerIn() {
+  const size_t blocksPerPacket = std::max<size_t>(1, packetSize_ / kBlockBytes);
   while (!awaitingData_.empty()) {
-    const std::optional<devsim::Block> block = device_.PopInBlock();
-    if (!block) break;
+    if (zeroLengthOwed_) {
+      zeroLengthOwed_ = false;
+      Finish(std::move(awaitingData_.front()), 0, 0);
+      awaitingData_.pop_front();
+      continue;
+    }
+    std::vector<uint8_t> packet;
+    while (packet.size() < blocksPerPacket * kBlockBytes) {
+      const std::optional<devsim::Block> block = device_.PopInBlock();
+      if (!block) break;
+      packet.insert(packet.end(), block->begin(), block->end());
+    }
+    if (packet.empty()) return;
     Urb urb = std::move(awaitingData_.front());
     awaitingData_.pop_front();
-    const int length = std::min(urb.Length(), static_cast<int>(block->size()));
-    if (length > 0) std::memcpy(urb.buffer->data, block->data(), static_cast<size_t>(length));
-    Finish(std::move(urb), 0, length);
+    const int size = static_cast<int>(packet.size());
+    const int length = std::min(urb.Length(), size);
+    if (length > 0) std::memcpy(urb.buffer->data, packet.data(), static_cast<size_t>(length));
+    Finish(std::move(urb), size > length ? -EOVERFLOW : 0, length);
+    zeroLengthOwed_ = faults_.zeroLengthAfterFullPacket && size == packetSize_;
   }
 }
 

@@ -1,9 +1,10 @@
 // The device's end of an emulated USB device node: a umockdev ioctl handler
 // that answers the usbdevfs ioctls libusb sends and moves bulk URBs in and out
-// of a devsim::Device. OUT URBs hand their block to the device and complete
-// when the device reports the write completed; IN URBs complete, in order,
-// with the device's IN blocks. Claiming the vendor interface opens the
-// device's host link, releasing it closes the link.
+// of a devsim::Device. OUT URBs wait in their endpoint's queue until the
+// device takes their block (a device that NAKs has not taken it), then
+// complete when the device reports the write completed; IN URBs complete, in
+// order, each with one packet of the device's IN blocks. Claiming the vendor
+// interface opens the device's host link, releasing it closes the link.
 //
 // umockdev calls the handler on its own worker thread; a thread of ours lets
 // the device's time pass (replies that stream, delayed completions). Both
@@ -33,18 +34,22 @@ namespace ferrolt::test::usb {
 struct UsbFaults {
   // False: the vendor interface cannot be claimed (another driver holds it).
   bool claimable = true;
-  // The OUT URB with this number (1-based, counted over the device's life)
-  // is answered with a STALL handshake: the endpoint halts until the host
-  // clears the halt, and every OUT URB until then is stalled too. 0: never.
+  // The OUT URB with this number (1-based, counted over the device's life as
+  // the device is offered their blocks) is answered with a STALL handshake:
+  // the endpoint halts until the host clears the halt. 0: never.
   long long stallOutAt = 0;
-  // The device is unplugged when the OUT URB with this number arrives,
-  // before it takes the block. 0: never.
+  // The device is unplugged when it is offered the block of the OUT URB with
+  // this number, before it takes it. 0: never.
   long long unplugAtOut = 0;
+  // After each IN packet of exactly wMaxPacketSize bytes the device sends a
+  // zero-length packet, as devices do to end a transfer of whole packets.
+  bool zeroLengthAfterFullPacket = false;
 };
 
 class UsbdevfsDevice {
  public:
-  UsbdevfsDevice(devsim::Device& device, uint8_t vendorInterface, const UsbFaults& faults);
+  // packetSize: wMaxPacketSize of the bulk endpoints.
+  UsbdevfsDevice(devsim::Device& device, uint8_t vendorInterface, uint16_t packetSize, const UsbFaults& faults);
   ~UsbdevfsDevice();
   UsbdevfsDevice(const UsbdevfsDevice&) = delete;
   UsbdevfsDevice& operator=(const UsbdevfsDevice&) = delete;
@@ -59,6 +64,10 @@ class UsbdevfsDevice {
   void Plug();
   // Halt conditions the host has cleared on the OUT endpoint.
   int ClearedHalts() const;
+  // Of those, the ones cleared while OUT URBs were still queued: a host fault
+  // (libusb: cancel all pending transfers before clearing a halt), since the
+  // queued blocks then reach the device before the block that stalled.
+  int ClearedHaltsWithUrbsQueued() const;
 
  private:
   struct Urb;
@@ -70,7 +79,6 @@ class UsbdevfsDevice {
   void Claim(UMockdevIoctlClient* client, UMockdevIoctlData* arg, size_t size);
   void Release(UMockdevIoctlClient* client, UMockdevIoctlData* arg);
   void Submit(UMockdevIoctlClient* client, UMockdevIoctlData* arg);
-  void SubmitOut(Urb urb);
   void Reap(UMockdevIoctlClient* client, UMockdevIoctlData* arg);
   void Discard(UMockdevIoctlClient* client, UMockdevIoctlData* arg);
   void ClearHalt(UMockdevIoctlClient* client, UMockdevIoctlData* arg);
@@ -81,11 +89,14 @@ class UsbdevfsDevice {
   void CutOffEveryHandle();
   void Finish(Urb urb, int status, int length);
   void Settle();
+  void AdvanceOut();
+  void AnswerIn();
   void LetTimePass();
   std::chrono::steady_clock::duration NextWait() const;
 
   devsim::Device& device_;
   const uint8_t vendorInterface_;
+  const uint16_t packetSize_;
   const UsbFaults faults_;
   UMockdevIoctlBase* handler_ = nullptr;
   // Stored last by the constructor, loaded first by every ioctl. GLib hands
@@ -100,6 +111,8 @@ class UsbdevfsDevice {
   // Handles opened before the last unplug carry an older number and meet ENODEV.
   unsigned plugNumber_ = 1;
   UMockdevIoctlClient* linkOwner_ = nullptr;
+  // OUT URBs whose block the device has not taken yet, in order.
+  UrbQueue outQueue_;
   // OUT URBs the device took, awaiting its completion in order. An entry whose
   // URB the host discarded stays as an empty slot, so a late completion
   // still belongs to the write it was meant for.
@@ -107,8 +120,15 @@ class UsbdevfsDevice {
   UrbQueue awaitingData_;
   std::map<UMockdevIoctlClient*, UrbQueue> reapable_;
   long long outUrbs_ = 0;
+  // The device answers OUT with STALL until the host clears the halt.
   bool outHalted_ = false;
+  // After a STALL the host controller leaves the endpoint's queue stopped
+  // until the halt is cleared (xHCI restarts the ring only then), or until
+  // the interface is released and its endpoints reset.
+  bool outQueueStopped_ = false;
   int clearedHalts_ = 0;
+  int clearedHaltsWithUrbsQueued_ = 0;
+  bool zeroLengthOwed_ = false;
 
   std::thread clock_;  // last: it starts once everything it uses exists
 };
