@@ -1,11 +1,13 @@
 #include "devsim/Device.h"
 
+#include <algorithm>
 #include <iostream>
 #include <iterator>
 #include <sstream>
 #include <system_error>
 
 #include "devsim/CommandServices.h"
+#include "devsim/DeviceLimits.h"
 #include "devsim/DevicePackets.h"
 #include "devsim/FileServices.h"
 
@@ -45,7 +47,11 @@ std::unique_ptr<Device> Device::Create(const DeviceSettings& settings, std::stri
   return device;
 }
 
-Device::Device(const DeviceSettings& settings) : settings_(settings), linkFaults_(settings_.faults) {
+Device::Device(const DeviceSettings& settings)
+    : settings_(settings),
+      linkFaults_(settings_.faults),
+      pauseAfter_(settings_.faults.Number("pause-writes-after", -1)),
+      pauseFor_(settings_.faults.Number("pause-writes-for", limits::kDefaultWritePause.count())) {
   services_.push_back(CreateVersionService());
   services_.push_back(CreateCliService(settings_.cliTimeout));
   services_.push_back(CreateOrtService());
@@ -103,7 +109,6 @@ bool Device::OpenFiles(std::string& error) {
 void Device::OnLinkOpened() {
   linkFaults_.Reset();
   completions_.clear();
-  inQueue_.clear();
   completionsStalled_ = false;
   dropRequested_ = false;
   Note("link opened");
@@ -112,9 +117,13 @@ void Device::OnLinkOpened() {
 void Device::OnLinkClosed() {
   for (auto& service : services_) service->LinkClosed(*this);
   completions_.clear();
-  inQueue_.clear();
+  if (!inQueue_.empty()) Note("link closed with " + std::to_string(inQueue_.size()) + " IN blocks queued");
   Note("link closed");
 }
+
+bool Device::TakesOutBlocks() const { return !pauseEnds_ || *pauseEnds_ <= Clock::now(); }
+
+Device::Clock::time_point Device::PauseEnd() const { return pauseEnds_.value_or(Clock::time_point::min()); }
 
 void Device::OnOutBlock(const Block& block) {
   Record(block);
@@ -127,6 +136,11 @@ void Device::OnOutBlock(const Block& block) {
   }
   if (!taken) Note("unhandled block " + HexOf(block.data(), block.size()));
   ScheduleCompletion();
+  // The block that starts the pause was taken before it: only later ones wait.
+  if (++outBlocksTaken_ == pauseAfter_) {
+    pauseEnds_ = Clock::now() + pauseFor_;
+    Note("fault: taking no OUT block for " + std::to_string(pauseFor_.count()) + " ms");
+  }
 }
 
 void Device::Record(const Block& block) {
@@ -139,7 +153,9 @@ void Device::ScheduleCompletion() {
   const WriteFate fate = linkFaults_.NextOutBlock();
   switch (fate.kind) {
     case WriteFate::Kind::DropLink:
+      // A device that goes away takes what it had queued with it.
       dropRequested_ = true;
+      inQueue_.clear();
       Note("fault: dropping the host link");
       break;
     case WriteFate::Kind::Withhold:
@@ -148,7 +164,7 @@ void Device::ScheduleCompletion() {
       break;
     case WriteFate::Kind::Complete:
       // Completions are reported in order: none passes a withheld one.
-      if (!completionsStalled_) completions_.push_back(Clock::now() + fate.delay);
+      if (!completionsStalled_) completions_.push_back(std::max(Clock::now() + fate.delay, PauseEnd()));
       break;
   }
 }
@@ -185,6 +201,8 @@ std::optional<Device::Clock::time_point> Device::NextDue() const {
   std::optional<Clock::time_point> next;
   if (!completions_.empty()) next = completions_.front();
   if (!inQueue_.empty() && (!next || inQueue_.front().due < *next)) next = inQueue_.front().due;
+  // Whoever holds blocks back until the pause ends is woken for it.
+  if (!TakesOutBlocks() && (!next || *pauseEnds_ < *next)) next = *pauseEnds_;
   return next;
 }
 

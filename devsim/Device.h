@@ -39,9 +39,15 @@ class Device final : public DeviceContext {
 
   // A host link opened: per-link counts start again.
   void OnLinkOpened();
-  // The host link is gone: services drop their exchanges, pending
-  // completions and queued IN blocks are discarded.
+  // The host link is gone: services drop their exchanges and pending
+  // completions are discarded. Queued IN blocks stay, as on a real device,
+  // which learns nothing of a host closing its handle: the next link gets them.
   void OnLinkClosed();
+  // False while the device refuses OUT blocks (it answers them with NAKs). A
+  // transport that can hold a block back, as USB does, keeps it until this
+  // turns true; one that cannot (a W frame has reached the device) hands it
+  // over, and its completion waits until the refusal ends.
+  bool TakesOutBlocks() const;
   // One OUT block from the host: recorded, offered to the services, and
   // its completion scheduled (or withheld) as the link faults decide.
   void OnOutBlock(const Block& block);
@@ -79,6 +85,8 @@ class Device final : public DeviceContext {
   bool OpenFiles(std::string& error);
   void Record(const Block& block);
   void ScheduleCompletion();
+  // When the pause fault stops refusing OUT blocks; long past when none holds.
+  Clock::time_point PauseEnd() const;
 
   DeviceSettings settings_;
   std::vector<std::unique_ptr<Service>> services_;
@@ -90,6 +98,12 @@ class Device final : public DeviceContext {
   // Set once a write is withheld: later completions stay behind it.
   bool completionsStalled_ = false;
   bool dropRequested_ = false;
+  // The pause fault: after pauseAfter_ OUT blocks in the device's life, it
+  // takes none until pauseEnds_.
+  const long long pauseAfter_;
+  const std::chrono::milliseconds pauseFor_;
+  long long outBlocksTaken_ = 0;
+  std::optional<Clock::time_point> pauseEnds_;
 };
 
 }  // namespace ferrolt::devsim

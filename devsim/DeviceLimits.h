@@ -16,6 +16,8 @@ inline constexpr milliseconds kBusyPollInterval{5};
 inline constexpr size_t kMaxQueuedStreamBlocks = 8;
 // A CLI command is killed after this long unless --cli-timeout says otherwise.
 inline constexpr seconds kDefaultCliTimeout{10};
+// How long the pause fault refuses OUT blocks unless pause-writes-for says.
+inline constexpr milliseconds kDefaultWritePause{2000};
 // Connections waiting while the device serves one host link.
 inline constexpr int kListenBacklog = 8;
 // Bytes taken from the host's socket per read.

@@ -23,6 +23,9 @@ constexpr FaultHelp kFaultHelp[] = {
     {"delay-writes=MS", "report each write completed MS milliseconds late"},
     {"drop-after=N", "close the host link after its N-th OUT block, before completing it"},
     {"delay-replies=MS", "hold each IN block back MS milliseconds"},
+    // The device: numbers count OUT blocks over its whole life.
+    {"pause-writes-after=N", "after N OUT blocks, take none for a while (NAK them), once"},
+    {"pause-writes-for=MS", "how long that pause lasts (default 2000)"},
     // Version.
     {"corrupt-version-crc", "reply to the version request with a wrong CRC"},
     {"version-reply-type=T", "reply to the version request with packet type T"},
