@@ -172,6 +172,7 @@ bool DeviceAdmin::BeginLaunch(ILogMessageCallBack* log) {
     return false;
   }
   CancelEvent.Reset();
+  Link.DrainAtNextOpen();
   OperationRunning.exchange(true);
   return true;
 }

@@ -27,7 +27,13 @@ void LogTransferStatus(TransferStatus status, const char* failedText, ILogMessag
 
 TransferStatus UsbLink::WritePacket(const uint8_t* block, uint32_t length, ILogMessageCallBack* log) {
   std::shared_ptr<platform::Transfer> transfer;
-  if (const auto connection = Connection()) transfer = connection->StartWrite(BulkOutPipeId(), block, length);
+  // Not held through the wait: a close meanwhile releases the connection,
+  // which ends the write.
+  std::weak_ptr<platform::DeviceConnection> startedOn;
+  if (const auto connection = Connection()) {
+    transfer = connection->StartWrite(BulkOutPipeId(), block, length);
+    startedOn = connection;
+  }
 
   // A write that failed at once never completes: it waits out its time-out
   // on the cancel event alone, as a stalled pipe would.
@@ -44,10 +50,23 @@ TransferStatus UsbLink::WritePacket(const uint8_t* block, uint32_t length, ILogM
       status = TransferStatus::Failed;
       break;
     default:
+      if (transfer && WithdrawWrite(startedOn, *transfer)) status = TransferStatus::Done;
       break;
   }
   LogTransferStatus(status, kWriteFailedText, log);
   return status;
+}
+
+// A write whose wait ran out would otherwise stay queued in the host
+// controller, and a device that recovers would take it and every copy the
+// caller sends after it. Where the stack can withdraw it, it is withdrawn and
+// its end awaited; true when it went out all the same.
+bool UsbLink::WithdrawWrite(const std::weak_ptr<platform::DeviceConnection>& startedOn,
+                            platform::Transfer& transfer) {
+  // A connection closed meanwhile has ended the write itself.
+  const std::shared_ptr<platform::DeviceConnection> connection = startedOn.lock();
+  if (connection && !connection->Abort(transfer)) return false;
+  return transfer.Completion().WaitFor(limits::kWithdrawWait) && transfer.Succeeded();
 }
 
 TransferStatus UsbLink::ReadPacket(uint8_t* buffer, uint32_t length, ILogMessageCallBack* log,
@@ -67,47 +86,64 @@ int UsbLink::ReadPacketBlocking(uint8_t* buffer, uint32_t length, ILogMessageCal
 TransferStatus UsbLink::ReadBlock(uint8_t* buffer, uint32_t length, std::chrono::milliseconds wait, ReadWait kind,
                                   uint32_t* bytesReceived) {
   std::lock_guard<std::mutex> readLock(readMutex_);
-  std::shared_ptr<platform::Transfer> transfer;
+  const auto deadline = std::chrono::steady_clock::now() + wait;
+  const bool withCancel = kind == ReadWait::WithCancel;
+  if (bytesReceived != nullptr) *bytesReceived = 0;
+  for (;;) {
+    const std::shared_ptr<platform::Transfer> transfer = PendingRead(length);
+    if (transfer == nullptr && !withCancel) return TransferStatus::TimedOut;
+
+    const platform::Event* completion = transfer ? &transfer->Completion() : nullptr;
+    const int woke = platform::WaitAny({withCancel ? &cancelEvent_ : nullptr, completion}, platform::TimeLeft(deadline));
+    // What the read holds now, looked at without waiting.
+    const bool complete = transfer != nullptr && transfer->IsComplete();
+    // A cancelled read stays pending, complete or not: the next read takes
+    // its block, so none is lost.
+    if (woke == kCancelSignalled) {
+      if (bytesReceived != nullptr && complete) *bytesReceived = transfer->BytesTransferred();
+      return TransferStatus::Cancelled;
+    }
+    if (!complete) return TransferStatus::TimedOut;
+    ForgetPendingRead(transfer);
+
+    // A whole block is a block, however the transfer ended: a read that was
+    // cancelled or failed just as its data arrived still brought it.
+    if (HoldsBlock(*transfer)) {
+      const uint32_t copied = transfer->CopyData(buffer, length);
+      if (bytesReceived != nullptr) *bytesReceived = copied;
+      return TransferStatus::Done;
+    }
+    if (!transfer->Succeeded()) return woke == kTransferCompleted ? TransferStatus::Failed : TransferStatus::TimedOut;
+    // A short or zero-length packet (a device may end a transfer that filled
+    // whole packets with one) is no block: read again in the wait that is left.
+    if (std::chrono::steady_clock::now() >= deadline) return TransferStatus::TimedOut;
+  }
+}
+
+bool UsbLink::HoldsBlock(platform::Transfer& read) {
+  return read.IsComplete() && read.BytesTransferred() == read.RequestedLength();
+}
+
+std::shared_ptr<platform::Transfer> UsbLink::PendingRead(uint32_t length) {
   std::shared_ptr<platform::DeviceConnection> connection;
   uint8_t pipe = 0;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    transfer = pendingRead_;
+    if (pendingRead_ != nullptr) return pendingRead_;
     connection = WinUsbHandle;
     pipe = BulkInPipe;
   }
-  if (transfer == nullptr && connection != nullptr) {
-    transfer = connection->StartRead(pipe, length);
-    std::lock_guard<std::mutex> lock(mutex_);
-    // Kept only while the link it was started on is still the open one.
-    if (WinUsbHandle == connection) pendingRead_ = transfer;
-  }
-  connection.reset();  // a close meanwhile releases the connection at once
+  if (connection == nullptr) return nullptr;
+  std::shared_ptr<platform::Transfer> transfer = connection->StartRead(pipe, length);
+  std::lock_guard<std::mutex> lock(mutex_);
+  // Kept only while the link it was started on is still the open one.
+  if (WinUsbHandle == connection) pendingRead_ = transfer;
+  return transfer;
+}
 
-  const bool withCancel = kind == ReadWait::WithCancel;
-  if (transfer == nullptr && !withCancel) return TransferStatus::TimedOut;
-
-  const platform::Event* completion = transfer ? &transfer->Completion() : nullptr;
-  const int woke = platform::WaitAny({withCancel ? &cancelEvent_ : nullptr, completion}, wait);
-
-  // What the read holds now, looked at without waiting.
-  const bool complete = transfer != nullptr && transfer->IsComplete();
-  if (bytesReceived != nullptr) *bytesReceived = complete ? transfer->BytesTransferred() : 0;
-  // A cancelled read stays pending, complete or not: the next read takes
-  // its block, so none is lost.
-  if (woke == kCancelSignalled) return TransferStatus::Cancelled;
-  if (!complete) return TransferStatus::TimedOut;
-
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (pendingRead_ == transfer) pendingRead_.reset();
-  }
-  if (!transfer->Succeeded()) return woke == kTransferCompleted ? TransferStatus::Failed : TransferStatus::TimedOut;
-  const uint32_t copied = transfer->CopyData(buffer, length);
-  if (bytesReceived != nullptr) *bytesReceived = copied;
-  // A block that landed just as the wait ran out still counts when it
-  // brought bytes.
-  return woke == kTransferCompleted || copied > 0 ? TransferStatus::Done : TransferStatus::TimedOut;
+void UsbLink::ForgetPendingRead(const std::shared_ptr<platform::Transfer>& transfer) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (pendingRead_ == transfer) pendingRead_.reset();
 }
 
 void UsbLink::FlushPipes() {

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "link/DeviceIds.h"
 #include "link/UsbLink.h"
 
 namespace ferrolt {
@@ -72,6 +73,23 @@ int32_t HresultFromWin32(uint32_t error) {
   return static_cast<int32_t>(kHresultWin32Facility | (error & kWin32CodeMask));
 }
 
+// The interface may be registered only under an interface class of the
+// driver package that binds it, not beside the USB devices: asked for only
+// when the listing holds no match, so a device found there is found as ever.
+bool UsbLink::FindRegisteredPath(int productId, int vendorId, char* devicePath, size_t size) {
+  const platform::UsbInterfaceId wanted{static_cast<uint16_t>(vendorId), static_cast<uint16_t>(productId),
+                                        static_cast<uint8_t>(kVendorInterface)};
+  char candidate[kDevicePathSize] = {};
+  for (const std::string& path : backend_.ListRegisteredInterfaces(wanted)) {
+    CopyBounded(path, candidate, sizeof candidate);
+    LowerCaseInPlace(candidate);
+    if (!PathNamesDevice(candidate, productId, vendorId)) continue;
+    CopyBounded(candidate, devicePath, size);
+    return true;
+  }
+  return false;
+}
+
 int32_t UsbLink::FindDevicePath(int productId, int vendorId, char* devicePath, size_t size, int* notFound) {
   if (notFound != nullptr) *notFound = 0;
   const platform::InterfaceListing listing = backend_.ListInterfaces();
@@ -85,6 +103,7 @@ int32_t UsbLink::FindDevicePath(int productId, int vendorId, char* devicePath, s
       LowerCaseInPlace(devicePath);
       if (PathNamesDevice(devicePath, productId, vendorId)) return kFound;
     }
+    if (FindRegisteredPath(productId, vendorId, devicePath, size)) return kFound;
   }
   // A listing that could not allocate its records fails without a message.
   if (listing.lastError == platform::kErrorNotEnoughMemory) return kHresultOutOfMemory;

@@ -35,6 +35,13 @@ inline constexpr int kMaxWriteRetries = 20;
 inline constexpr milliseconds kUpgradeEndReportWait{60000};
 // How often that wait looks at the reader and at a cancel.
 inline constexpr milliseconds kUpgradeEndReportPoll{5};
+// How long a write whose wait ran out may take to end once withdrawn.
+inline constexpr milliseconds kWithdrawWait{1000};
+// After opening, blocks the device queued for an earlier link are read and
+// dropped until a read of this long brings nothing; a device that keeps
+// streaming is given up on after the limit, and the operation goes ahead.
+inline constexpr milliseconds kStaleBlockWait{20};
+inline constexpr milliseconds kStaleDrainLimit{2000};
 // How long process teardown waits for running tasks after closing the link.
 inline constexpr milliseconds kTeardownWait{1000};
 

@@ -4,6 +4,10 @@
 
 #include <cstdio>
 #include <cstring>
+#include <utility>
+
+#include "link/DevicePacket.h"
+#include "link/Limits.h"
 
 namespace ferrolt {
 
@@ -84,10 +88,34 @@ OpenStatus UsbLink::OpenDevice(int productId, int vendorId) {
     return OpenStatus::PipeQueryFailed;
   }
   ReportSpeed(*connection);
+  bool drain = false;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    drain = std::exchange(drainAtOpen_, false);
+  }
+  if (drain) DrainStaleBlocks();
 
   std::lock_guard<std::mutex> lock(mutex_);
   DeviceOpen = true;
   return OpenStatus::Opened;
+}
+
+void UsbLink::DrainAtNextOpen() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  drainAtOpen_ = true;
+}
+
+// Closing a handle tells a device nothing: one still sending the rest of an
+// aborted download or command output would feed it to the next operation,
+// even in the next run.
+void UsbLink::DrainStaleBlocks() {
+  const auto deadline = std::chrono::steady_clock::now() + limits::kStaleDrainLimit;
+  Block stale{};
+  uint32_t received = 0;
+  while (std::chrono::steady_clock::now() < deadline &&
+         ReadBlock(stale.data(), kBlockSize, limits::kStaleBlockWait, ReadWait::WithoutCancel, &received) ==
+             TransferStatus::Done) {
+  }
 }
 
 bool UsbLink::QueryPipes() {
@@ -119,11 +147,17 @@ void UsbLink::CloseDevice() {
     std::lock_guard<std::mutex> lock(mutex_);
     if (!DeviceOpen) return;
     connection = std::move(WinUsbHandle);
-    pending = std::move(pendingRead_);
+    pending = pendingRead_;
     DeviceOpen = false;
   }
   // Released outside the lock: the connection aborts its outstanding
-  // transfers, and a reader waiting on one sees it complete as failed.
+  // transfers, and a reader waiting on one sees it complete.
+  connection.reset();
+  // A read that brought its block before the link went holds data the device
+  // counts as delivered (the answer to a block sent before a reconnect): the
+  // next read after reopening takes it. Any other read is gone with the link.
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (pendingRead_ == pending && !(pending && HoldsBlock(*pending))) pendingRead_.reset();
 }
 
 bool UsbLink::IsOpen() const {

@@ -63,6 +63,11 @@ class UsbLink {
   int ReadPacketBlocking(uint8_t* buffer, uint32_t length, ILogMessageCallBack* log);
   // Discards leftover IN blocks, then flushes the OUT pipe.
   void FlushPipes();
+  // A new operation: its first open drops what the device still had queued
+  // for the host from before. Opens after that (reconnects within the
+  // operation) keep everything, since the device may be answering a block
+  // that went out before.
+  void DrainAtNextOpen();
 
   bool IsOpen() const;
   uint8_t BulkInPipeId() const;
@@ -72,12 +77,23 @@ class UsbLink {
 
  private:
   enum class ReadWait { WithCancel, WithoutCancel };
-  // One read of the bulk IN pipe. At most one IN read is outstanding: a read
-  // whose wait ran out stays pending and the next read waits on it again, so
-  // no block the device sent is lost or handled twice.
+  // One block from the bulk IN pipe. At most one IN read is outstanding: a
+  // read whose wait ran out stays pending and the next read waits on it
+  // again, so no block the device sent is lost or handled twice.
   TransferStatus ReadBlock(uint8_t* buffer, uint32_t length, std::chrono::milliseconds wait, ReadWait kind,
                            uint32_t* bytesReceived);
+  // The outstanding IN read, started now if there is none; null on a closed link.
+  std::shared_ptr<platform::Transfer> PendingRead(uint32_t length);
+  void ForgetPendingRead(const std::shared_ptr<platform::Transfer>& transfer);
+  bool WithdrawWrite(const std::weak_ptr<platform::DeviceConnection>& startedOn, platform::Transfer& transfer);
+  // True for a finished read that brought a whole block.
+  static bool HoldsBlock(platform::Transfer& read);
+  // Reads and drops what the device queued for an earlier link.
+  void DrainStaleBlocks();
   std::shared_ptr<platform::DeviceConnection> Connection() const;
+  // The second search, over the paths the backend found registered for the
+  // vendor interface; fills devicePath only with a match.
+  bool FindRegisteredPath(int productId, int vendorId, char* devicePath, size_t size);
 
   platform::DeviceBackend& backend_;
   platform::Event& cancelEvent_;
@@ -89,6 +105,7 @@ class UsbLink {
   uint8_t BulkOutPipe = 0;
   char DevicePath[kDevicePathSize] = {};
   std::shared_ptr<platform::Transfer> pendingRead_;
+  bool drainAtOpen_ = true;
   // Serialises IN reads so one pending read is waited on by one reader.
   std::mutex readMutex_;
 };

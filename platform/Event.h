@@ -65,4 +65,11 @@ inline constexpr int kWaitFailed = -2;
 // kWaitFailed. A null entry never becomes set.
 int WaitAny(std::initializer_list<const Event*> events, std::chrono::milliseconds timeout);
 
+// The time left before deadline, rounded up so a wait never ends early, and
+// never negative.
+inline std::chrono::milliseconds TimeLeft(std::chrono::steady_clock::time_point deadline) {
+  const auto left = deadline - std::chrono::steady_clock::now();
+  return left > left.zero() ? std::chrono::ceil<std::chrono::milliseconds>(left) : std::chrono::milliseconds{0};
+}
+
 }  // namespace ferrolt::platform

@@ -35,7 +35,7 @@ TEST_F(CommandBlockTest, CliSwitchesOrtTextsAndACliCommandAreOnePacketEach) {
       {[&] { return admin.StartOrtAsync(&progress, &log, ortString); }, BuildTextPacket(PacketType::Ort, ortString)},
       {[&] { return admin.EndOrtAsync(&progress, &log, false); }, BuildTextPacket(PacketType::Ort, "ort end")},
       {[&] {
-         device.QueueInBlock(kEndOfOutput);
+         device.ReplyToNextWrite({kEndOfOutput});
          return admin.SendCliCommandAsync(command, &progress, &log);
        },
        BuildTextPacket(PacketType::Cli, command)},
@@ -54,17 +54,19 @@ TEST_F(CommandBlockTest, CliSwitchesOrtTextsAndACliCommandAreOnePacketEach) {
 class CliOutputTest : public FakeDeviceFixture {};
 
 TEST_F(CliOutputTest, PrintsEachPacketsBytesUntilTheEndTextInAnyCase) {
-  ASSERT_EQ(admin.SendCliCommandAsync("ls", &progress, &log), 0);
-  device.QueueInBlock(MakeDevicePacket(kCli, 4, "abc\nIGNORED"));       // only length bytes count
-  device.QueueInBlock(MakeDevicePacket(kVersion, 57, "not output\n"));  // another type: ignored
-  device.QueueInBlock(MakeDevicePacket(kCli, 0, "nothing"));            // length 0 prints nothing
-  device.QueueInBlock(MakeDevicePacket(kCli, 6, "100%n\n"));            // device text, not a format
   Block corrupt = MakeDevicePacket(kCli, 5, "lost\n");
   corrupt[63] ^= 0x5A;
-  device.QueueInBlock(corrupt);
-  device.QueueInBlock(MakeDevicePacket(kCli, 200, std::string(57, 'x')));  // length clamped to the payload
-  device.QueueInBlock(MakeDevicePacket(kCli, 57, "ENDING TESTDATA"));
-  device.QueueInBlock(MakeDevicePacket(kCli, 5, "late\n"));
+  device.ReplyToNextWrite({
+      MakeDevicePacket(kCli, 4, "abc\nIGNORED"),                // only length bytes count
+      MakeDevicePacket(kVersion, 57, "not output\n"),           // another type: ignored
+      MakeDevicePacket(kCli, 0, "nothing"),                     // length 0 prints nothing
+      MakeDevicePacket(kCli, 6, "100%n\n"),                     // device text, not a format
+      corrupt,                                                  //
+      MakeDevicePacket(kCli, 200, std::string(57, 'x')),        // length clamped to the payload
+      MakeDevicePacket(kCli, 57, "ENDING TESTDATA"),            //
+      MakeDevicePacket(kCli, 5, "late\n"),                      //
+  });
+  ASSERT_EQ(admin.SendCliCommandAsync("ls", &progress, &log), 0);
   ASSERT_TRUE(OperationEnds(admin));
 
   char crcLines[128];
@@ -77,9 +79,8 @@ TEST_F(CliOutputTest, PrintsEachPacketsBytesUntilTheEndTextInAnyCase) {
 
 TEST_F(CliOutputTest, StalledCommandWriteIsLoggedAndTheOutputStillRead) {
   device.SetWriteOutcome(WriteOutcome::Withhold);
+  device.ReplyToNextWrite({MakeDevicePacket(kCli, 3, "up\n"), kEndOfOutput});
   ASSERT_EQ(admin.SendCliCommandAsync("uptime", &progress, &log), 0);
-  device.QueueInBlock(MakeDevicePacket(kCli, 3, "up\n"));
-  device.QueueInBlock(kEndOfOutput);
   ASSERT_TRUE(OperationEnds(admin));
   EXPECT_EQ(log.Lines(), Lines{"Failed in writing CLI command to device."});
   EXPECT_EQ(device.Written().size(), 1u);      // not resent

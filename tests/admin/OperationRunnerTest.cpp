@@ -26,6 +26,11 @@ TEST_F(BusyGuardTest, SecondLaunchIsRefusedWithTheBusyLineAndSendsNothing) {
   EXPECT_EQ(log.Lines(), std::vector<std::string>{kBusy});
   EXPECT_TRUE(admin.IsOperationRunning());
 
+  // The output's end, once the command has gone out: the device answers
+  // nothing before it is asked.
+  const auto deadline = std::chrono::steady_clock::now() + kOperationBound;
+  while (device.Written().empty() && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(milliseconds(2));
   device.QueueInBlock(MakeDevicePacket(4, 57, "ending testdata"));
   admin.WaitForOperation();
   EXPECT_FALSE(admin.IsOperationRunning());

@@ -2,6 +2,7 @@
 // ferrolt-devsim, whole standard output compared byte for byte.
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstdio>
 #include <string>
 
@@ -58,6 +59,22 @@ class PresentDeviceE2eTest : public OperationsE2eTest {};
 TEST_F(PresentDeviceE2eTest, VersionPrintsTheReplyAndProgress) {
   const auto result = Run({"version"});
   EXPECT_EQ(result.exitStatus, 0);
+  EXPECT_EQ(result.out, std::string(kOpened) + "NONVERBOSE MODE DETECTED!\n" + kSpi +
+                            "VersionInfoReadyCallBack:\tRead data :" + HexOf(VersionReply("1.2.3")) + "\n" +
+                            "VersionInfoReadyCallBack:\tVersion - 1.2.3\n" + Progress(100));
+}
+
+// A device learns nothing of a host that goes away: the rest of a download
+// cut off by Ctrl+C is still queued for the host when the next run opens.
+TEST_F(PresentDeviceE2eTest, VersionAfterACutOffDownloadPrintsOnlyItsOwnReply) {
+  fs::create_directories(dir / "root" / "tmp");
+  WriteFile(dir / "root" / "tmp" / "big", RandomBytes(2 << 20, 3));
+  auto download = StartFerrolt({"download", "/tmp/big", "big"}, *server, cwd);
+  ASSERT_TRUE(download->WaitForOutput("percent completed", milliseconds(30000))) << download->OutSoFar();
+  download->Signal(SIGINT);
+  EXPECT_EQ(download->Wait(milliseconds(30000)).exitStatus, 1);
+
+  const auto result = Run({"version"});
   EXPECT_EQ(result.out, std::string(kOpened) + "NONVERBOSE MODE DETECTED!\n" + kSpi +
                             "VersionInfoReadyCallBack:\tRead data :" + HexOf(VersionReply("1.2.3")) + "\n" +
                             "VersionInfoReadyCallBack:\tVersion - 1.2.3\n" + Progress(100));

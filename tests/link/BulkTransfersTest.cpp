@@ -149,6 +149,41 @@ TEST_F(Reads, EmptyPipeTimesOutAndLaterBlocksGoToTheNextReadsInOrder) {
   EXPECT_TRUE(log.Lines().empty());
 }
 
+// Given packets that are no block (a zero-length or short one), the read
+// reads again; a read that failed or was cancelled as its block arrived
+// still brings the block.
+TEST_F(Reads, OnlyWholeBlocksCountHoweverTheReadEnded) {
+  uint32_t bytes = 0;
+  backend.QueueInPacket(NumberedBlock(1), 0);
+  backend.QueueInPacket(NumberedBlock(2), 13);
+  backend.QueueInBlock(NumberedBlock(3));
+  EXPECT_EQ(Read(&bytes), TransferStatus::Done);
+  EXPECT_EQ(bytes, 64u);
+  EXPECT_EQ(buffer, NumberedBlock(3));
+
+  backend.QueueInPacket(NumberedBlock(4), 64, false);
+  EXPECT_EQ(Read(&bytes), TransferStatus::Done);
+  EXPECT_EQ(buffer, NumberedBlock(4));
+  EXPECT_TRUE(log.Lines().empty());
+
+  backend.QueueInPacket(NumberedBlock(5), 10, false);
+  EXPECT_EQ(Read(&bytes), TransferStatus::Failed);
+  EXPECT_EQ(log.Lines(), std::vector<std::string>{"failed to read to the bulk interface"});
+}
+
+// Given a block that reached the pending read before the link closed (the
+// answer to a block sent before a reconnect), the first read after reopening
+// takes it.
+TEST_F(Reads, ABlockThatArrivedBeforeACloseGoesToTheReadAfterTheReopen) {
+  uint32_t bytes = 0;
+  EXPECT_EQ(Read(&bytes), TransferStatus::TimedOut);
+  backend.QueueInBlock(NumberedBlock(6));
+  link.CloseDevice();
+  OpenLink();
+  EXPECT_EQ(Read(&bytes), TransferStatus::Done);
+  EXPECT_EQ(buffer, NumberedBlock(6));
+}
+
 TEST_F(Reads, CancelledReadKeepsItsBlockForLater) {
   backend.QueueInBlock(NumberedBlock(3));
   cancel.Set();

@@ -88,6 +88,34 @@ TEST_F(DeviceDiscovery, PicksTheVendorInterfaceOrPrintsWhyNot) {
   }
 }
 
+// Given an interface registered only under its driver package's own
+// interface class, the second search finds it when the listing has no
+// match, and is not asked when it has; what it finds must name the device
+// too, or the not-found lines stand as ever.
+TEST_F(DeviceDiscovery, TheRegisteredInterfaceIsTheSecondSearch) {
+  const std::string listed = "\\\\?\\usb#vid_1209&pid_0001&mi_04#6&1&0&0004#{a5dc}";
+  const std::string registered = "\\\\?\\USB#VID_1209&PID_0001&MI_04#7&2&0&0004#{88BAE032-5A81-49F0-BC3D-A4FF138216D6}";
+  backend.SetRegisteredPaths({"\\\\?\\usb#vid_1209&pid_0002&mi_04#x", registered});
+  std::string path;
+  int notFound = 7;
+
+  backend.SetPaths({listed});
+  EXPECT_EQ(Find(&path, &notFound), 0);
+  EXPECT_EQ(path, listed);
+  EXPECT_EQ(backend.RegisteredSearches(), 0);
+
+  backend.SetPaths({"\\\\?\\usb#vid_1209&pid_0001#6&1&0&0004#{a5dc}"});
+  EXPECT_EQ(Find(&path, &notFound), 0);
+  EXPECT_EQ(path, "\\\\?\\usb#vid_1209&pid_0001&mi_04#7&2&0&0004#{88bae032-5a81-49f0-bc3d-a4ff138216d6}");
+  EXPECT_EQ(notFound, 0);
+  EXPECT_EQ(printed, "");
+
+  backend.SetRegisteredPaths({"\\\\?\\usb#vid_1209&pid_0001&mi_00#x"});
+  EXPECT_EQ(Find(&path, &notFound), kNotFoundResult);
+  EXPECT_EQ(notFound, 1);
+  EXPECT_EQ(printed, kNotFoundLines);
+}
+
 // Given a path longer than the buffer, it is cut, never overrun.
 TEST_F(DeviceDiscovery, LongPathsAreTruncated) {
   backend.SetPaths({"\\\\?\\usb#vid_1209&pid_0001&mi_04#" + std::string(400, 'Q')});

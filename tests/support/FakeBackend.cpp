@@ -28,7 +28,18 @@ struct FakeBackend::Device {
   WriteOutcome writeOutcome = WriteOutcome::Accept;
   // Shared, not copied per write, so that a hook keeps its own state.
   std::shared_ptr<WriteHook> onWrite;
-  std::deque<FakeBlock> inBlocks;
+  // What the next reads complete with: a block, or a short packet (length
+  // under 64), or a read that ends failed with what it brought.
+  struct Packet {
+    FakeBlock block;
+    uint32_t length;
+    bool succeeded;
+  };
+  std::deque<Packet> inBlocks;
+  // Sent once the device has taken its next OUT block.
+  std::vector<FakeBlock> replies;
+  std::vector<std::string> registeredPaths;
+  int registeredSearches = 0;
   std::function<void()> readWhenEmpty;
   bool removed = false;
 
@@ -43,6 +54,23 @@ struct FakeBackend::Device {
   int readsStarted = 0;
   int takenBy = 0;  // the read that took the last IN block
   int liveConnections = 0;
+
+  // Hands a packet to the oldest waiting read, or queues it.
+  void Send(const Packet& packet) {
+    std::shared_ptr<Transfer> waiting;
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      if (reads.empty()) {
+        inBlocks.push_back(packet);
+        return;
+      }
+      waiting = reads.front().transfer;
+      reads.pop_front();
+      takenBy = readsStarted;
+    }
+    waiting->Complete(packet.succeeded, packet.block.data(), packet.length);
+  }
+  void Send(const FakeBlock& block) { Send({block, static_cast<uint32_t>(block.size()), true}); }
 
   // Takes the transfers matching pred out of list, for completing outside the lock.
   template <typename Pred>
@@ -116,6 +144,7 @@ class FakeConnection : public platform::DeviceConnection {
     std::copy_n(data, std::min<size_t>(length, block.size()), block.begin());
     WriteOutcome outcome;
     std::shared_ptr<WriteHook> hook;
+    std::vector<FakeBlock> replies;
     {
       std::lock_guard<std::mutex> lock(device_->mutex);
       if (device_->removed) return nullptr;
@@ -123,7 +152,9 @@ class FakeConnection : public platform::DeviceConnection {
       device_->writePipes.push_back(pipeId);
       outcome = device_->writeOutcome;
       hook = device_->onWrite;
+      replies.swap(device_->replies);
     }
+    for (const FakeBlock& reply : replies) device_->Send(reply);
     if (hook && !(*hook)(block)) outcome = WriteOutcome::Fail;
     if (outcome == WriteOutcome::Withhold) {
       std::lock_guard<std::mutex> lock(device_->mutex);
@@ -144,10 +175,10 @@ class FakeConnection : public platform::DeviceConnection {
       ++device_->readsStarted;
       device_->readStarted.notify_all();
       if (!device_->inBlocks.empty()) {
-        const FakeBlock block = device_->inBlocks.front();
+        const auto packet = device_->inBlocks.front();
         device_->inBlocks.pop_front();
         device_->takenBy = device_->readsStarted;
-        transfer->Complete(true, block.data(), static_cast<uint32_t>(block.size()));
+        transfer->Complete(packet.succeeded, packet.block.data(), packet.length);
         return transfer;
       }
       hook = device_->readWhenEmpty;
@@ -237,19 +268,31 @@ bool FakeBackend::CompleteOldestWrite() {
   return true;
 }
 
-void FakeBackend::QueueInBlock(const FakeBlock& block) {
-  std::shared_ptr<Transfer> waiting;
-  {
-    std::lock_guard<std::mutex> lock(device_->mutex);
-    if (device_->reads.empty()) {
-      device_->inBlocks.push_back(block);
-      return;
-    }
-    waiting = device_->reads.front().transfer;
-    device_->reads.pop_front();
-    device_->takenBy = device_->readsStarted;
-  }
-  waiting->Complete(true, block.data(), static_cast<uint32_t>(block.size()));
+void FakeBackend::QueueInBlock(const FakeBlock& block) { device_->Send(block); }
+
+void FakeBackend::QueueInPacket(const FakeBlock& block, uint32_t length, bool succeeded) {
+  device_->Send({block, length, succeeded});
+}
+
+void FakeBackend::SetRegisteredPaths(std::vector<std::string> paths) {
+  std::lock_guard<std::mutex> lock(device_->mutex);
+  device_->registeredPaths = std::move(paths);
+}
+
+int FakeBackend::RegisteredSearches() const {
+  std::lock_guard<std::mutex> lock(device_->mutex);
+  return device_->registeredSearches;
+}
+
+std::vector<std::string> FakeBackend::ListRegisteredInterfaces(const platform::UsbInterfaceId& /*wanted*/) {
+  std::lock_guard<std::mutex> lock(device_->mutex);
+  ++device_->registeredSearches;
+  return device_->registeredPaths;
+}
+
+void FakeBackend::ReplyToNextWrite(std::vector<FakeBlock> blocks) {
+  std::lock_guard<std::mutex> lock(device_->mutex);
+  device_->replies = std::move(blocks);
 }
 
 bool FakeBackend::QueueInBlockAndWait(const FakeBlock& block, std::chrono::milliseconds bound) {

@@ -35,6 +35,8 @@ class FakeBackend : public platform::DeviceBackend {
 
   // Discovery.
   void SetPaths(std::vector<std::string> paths, uint32_t lastError = platform::kErrorNoMoreItems);
+  // What the second search finds.
+  void SetRegisteredPaths(std::vector<std::string> paths);
   void FailListing(uint32_t error);
   // Opening.
   void FailAt(OpenStage stage);
@@ -49,6 +51,13 @@ class FakeBackend : public platform::DeviceBackend {
   // Completes the oldest withheld write; false when none is outstanding.
   bool CompleteOldestWrite();
   void QueueInBlock(const FakeBlock& block);
+  // A read that ends with length bytes of block (a short or zero-length
+  // packet under 64), or fails with what it brought.
+  void QueueInPacket(const FakeBlock& block, uint32_t length, bool succeeded = true);
+  // Queues blocks once the device has taken its next OUT block: the answer
+  // to a command, which a device never sends before it is asked (blocks
+  // queued before the link opens are stale to it, and dropped).
+  void ReplyToNextWrite(std::vector<FakeBlock> blocks);
   // Queues the block and returns once the reader has handled it (it has then
   // started its next read); false when that did not happen within bound.
   bool QueueInBlockAndWait(const FakeBlock& block, std::chrono::milliseconds bound = std::chrono::milliseconds(3000));
@@ -59,6 +68,7 @@ class FakeBackend : public platform::DeviceBackend {
 
   // What was done to the device.
   int ListCount() const;
+  int RegisteredSearches() const;
   std::vector<std::string> OpenedPaths() const;
   std::vector<FakeBlock> Written() const;
   std::vector<uint8_t> WritePipes() const;
@@ -67,6 +77,7 @@ class FakeBackend : public platform::DeviceBackend {
   int LiveConnections() const;
 
   platform::InterfaceListing ListInterfaces() override;
+  std::vector<std::string> ListRegisteredInterfaces(const platform::UsbInterfaceId& wanted) override;
   std::unique_ptr<platform::DeviceConnection> Open(const std::string& path) override;
 
   // The device's state, shared with the connections opened on it.
