@@ -242,10 +242,12 @@ TEST_F(WinUsbLinkTest, ShortAndZeroLengthPacketsAreNoBlocks) {
   EXPECT_TRUE(log.Lines().empty());
 }
 
-// Blocks the device queued for a link that closed without reading them.
+// Blocks the device queued for a link that closed without reading them,
+// reopened as an operation starts.
 TEST_F(WinUsbLinkTest, BlocksLeftFromAClosedLinkDoNotReachTheNextOpen) {
   device.SendBlock(NumberedBlock(1));
   device.SendBlock(NumberedBlock(2));
+  link.DrainAtNextOpen();
   Reopen();
   device.SendBlock(NumberedBlock(3));
   uint32_t bytes = 0;
