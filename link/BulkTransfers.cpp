@@ -66,7 +66,10 @@ bool UsbLink::WithdrawWrite(const std::weak_ptr<platform::DeviceConnection>& sta
   // A connection closed meanwhile has ended the write itself.
   const std::shared_ptr<platform::DeviceConnection> connection = startedOn.lock();
   if (connection && !connection->Abort(transfer)) return false;
-  return transfer.Completion().WaitFor(limits::kWithdrawWait) && transfer.Succeeded();
+  // An abort that crossed the last handshake fails the write with all of its
+  // bytes moved: the device has the block.
+  return transfer.Completion().WaitFor(limits::kWithdrawWait) &&
+         (transfer.Succeeded() || transfer.BytesTransferred() == transfer.RequestedLength());
 }
 
 TransferStatus UsbLink::ReadPacket(uint8_t* buffer, uint32_t length, ILogMessageCallBack* log,

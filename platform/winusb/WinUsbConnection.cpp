@@ -24,11 +24,6 @@ PipeType PipeTypeOf(USBD_PIPE_TYPE type) {
   }
 }
 
-std::chrono::milliseconds Remaining(std::chrono::steady_clock::time_point deadline) {
-  const auto left = deadline - std::chrono::steady_clock::now();
-  return left > left.zero() ? std::chrono::ceil<std::chrono::milliseconds>(left) : kNoWait;
-}
-
 }  // namespace
 
 WinUsbConnection::WinUsbConnection(const WinUsbApi& api, HANDLE deviceFile) : api_(api), deviceFile_(deviceFile) {}
@@ -39,7 +34,7 @@ WinUsbConnection::~WinUsbConnection() {
     for (const auto& transfer : inFlight_) pipes.insert(transfer->PipeId());
     for (uint8_t pipe : pipes) api_.AbortPipe(winUsb_, pipe);
     const auto deadline = std::chrono::steady_clock::now() + kWinUsbAbortWait;
-    for (const auto& transfer : inFlight_) transfer->Settle(Remaining(deadline));
+    for (const auto& transfer : inFlight_) transfer->Settle(TimeLeft(deadline));
     inFlight_.clear();
     api_.Free(winUsb_);
   }
