@@ -13,7 +13,7 @@
 #include <mutex>
 #include <string>
 
-#include "admin/Callbacks.h"
+#include "link/Callbacks.h"
 #include "admin/Task.h"
 #include "link/ResponseReader.h"
 #include "link/UsbLink.h"

@@ -4,7 +4,7 @@
 
 #include <chrono>
 
-#include "admin/Callbacks.h"
+#include "link/Callbacks.h"
 #include "link/Limits.h"
 
 namespace ferrolt {

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <string>
 
-#include "admin/Callbacks.h"
+#include "link/Callbacks.h"
 
 namespace ferrolt {
 

@@ -5,7 +5,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "admin/Callbacks.h"
+#include "link/Callbacks.h"
 #include "link/UsbLink.h"
 
 namespace ferrolt {

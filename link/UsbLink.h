@@ -7,7 +7,7 @@
 #include <memory>
 #include <mutex>
 
-#include "admin/Callbacks.h"
+#include "link/Callbacks.h"
 #include "platform/DeviceBackend.h"
 #include "platform/Event.h"
 

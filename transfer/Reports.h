@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "admin/Callbacks.h"
+#include "link/Callbacks.h"
 
 namespace ferrolt {
 
