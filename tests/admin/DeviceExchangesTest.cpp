@@ -3,7 +3,7 @@
 #include <functional>
 #include <string>
 
-#include "tests/support/FakeDeviceFixture.h"
+#include "tests/support/DeviceAdminFixture.h"
 
 namespace ferrolt::test {
 namespace {
@@ -16,6 +16,17 @@ constexpr uint8_t kVersion = 2;
 
 const Block kEndOfOutput = MakeDevicePacket(kCli, 57, "ending testdata");
 
+// The device answers the next block written with these; a device never
+// answers before it is asked (blocks queued before the link opens are stale).
+void AnswerNextWrite(InProcessDevice& device, std::vector<Block> blocks) {
+  device.OnWrite([&device, blocks, answered = false](const Block&) mutable {
+    if (!answered)
+      for (const Block& block : blocks) device.Send(block);
+    answered = true;
+    return true;
+  });
+}
+
 std::string OutputAfterCommand(const std::string& out) {
   const std::string opened = "Device speed: 3 (High speed).\n\n";
   const size_t at = out.find(opened);
@@ -24,7 +35,7 @@ std::string OutputAfterCommand(const std::string& out) {
 
 // Given commands in a row, each goes out as one text packet; a command of 60
 // characters sends its first 57 without a terminator.
-class CommandBlockTest : public FakeDeviceFixture {};
+class CommandBlockTest : public RawDeviceFixture {};
 
 TEST_F(CommandBlockTest, CliSwitchesOrtTextsAndACliCommandAreOnePacketEach) {
   char ortString[] = "ort start extmic reboot 5 duration 20 ";
@@ -35,7 +46,7 @@ TEST_F(CommandBlockTest, CliSwitchesOrtTextsAndACliCommandAreOnePacketEach) {
       {[&] { return admin.StartOrtAsync(&progress, &log, ortString); }, BuildTextPacket(PacketType::Ort, ortString)},
       {[&] { return admin.EndOrtAsync(&progress, &log, false); }, BuildTextPacket(PacketType::Ort, "ort end")},
       {[&] {
-         device.ReplyToNextWrite({kEndOfOutput});
+         AnswerNextWrite(device, {kEndOfOutput});
          return admin.SendCliCommandAsync(command, &progress, &log);
        },
        BuildTextPacket(PacketType::Cli, command)},
@@ -51,12 +62,12 @@ TEST_F(CommandBlockTest, CliSwitchesOrtTextsAndACliCommandAreOnePacketEach) {
 
 // Given a CLI command, its output is printed as the device streams it, up to
 // the end text.
-class CliOutputTest : public FakeDeviceFixture {};
+class CliOutputTest : public RawDeviceFixture {};
 
 TEST_F(CliOutputTest, PrintsEachPacketsBytesUntilTheEndTextInAnyCase) {
   Block corrupt = MakeDevicePacket(kCli, 5, "lost\n");
   corrupt[63] ^= 0x5A;
-  device.ReplyToNextWrite({
+  AnswerNextWrite(device, {
       MakeDevicePacket(kCli, 4, "abc\nIGNORED"),                // only length bytes count
       MakeDevicePacket(kVersion, 57, "not output\n"),           // another type: ignored
       MakeDevicePacket(kCli, 0, "nothing"),                     // length 0 prints nothing
@@ -78,8 +89,8 @@ TEST_F(CliOutputTest, PrintsEachPacketsBytesUntilTheEndTextInAnyCase) {
 }
 
 TEST_F(CliOutputTest, StalledCommandWriteIsLoggedAndTheOutputStillRead) {
-  device.SetWriteOutcome(WriteOutcome::Withhold);
-  device.ReplyToNextWrite({MakeDevicePacket(kCli, 3, "up\n"), kEndOfOutput});
+  device.Stall(true);
+  AnswerNextWrite(device, {MakeDevicePacket(kCli, 3, "up\n"), kEndOfOutput});
   ASSERT_EQ(admin.SendCliCommandAsync("uptime", &progress, &log), 0);
   ASSERT_TRUE(OperationEnds(admin));
   EXPECT_EQ(log.Lines(), Lines{"Failed in writing CLI command to device."});
@@ -89,12 +100,12 @@ TEST_F(CliOutputTest, StalledCommandWriteIsLoggedAndTheOutputStillRead) {
 }
 
 // Given a version request, the reply goes to the version callback.
-class VersionExchangeTest : public FakeDeviceFixture {};
+class VersionExchangeTest : public RawDeviceFixture {};
 
 TEST_F(VersionExchangeTest, ReadThatGetsNothingSendsTheRequestAgain) {
   int requests = 0;
   device.OnWrite([&](const Block&) {
-    if (++requests == 2) device.QueueInBlock(MakeDevicePacket(kVersion, 57, "4.5.6"));
+    if (++requests == 2) device.Send(MakeDevicePacket(kVersion, 57, "4.5.6"));
     return true;
   });
   ASSERT_EQ(admin.RetrieveVersionAsync(&version, &progress, &log, false), 0);
@@ -107,7 +118,7 @@ TEST_F(VersionExchangeTest, ReadThatGetsNothingSendsTheRequestAgain) {
 
 TEST_F(VersionExchangeTest, ReplyOfAnotherTypeGivesOnlyTheHexLine) {
   device.OnWrite([&](const Block&) {
-    device.QueueInBlock(MakeDevicePacket(kCli, 57, "hello"));
+    device.Send(MakeDevicePacket(kCli, 57, "hello"));
     return true;
   });
   ASSERT_EQ(admin.RetrieveVersionAsync(&version, &progress, &log, true), 0);
@@ -120,10 +131,10 @@ TEST_F(VersionExchangeTest, ReplyOfAnotherTypeGivesOnlyTheHexLine) {
 }
 
 // Given a device that never completes a write, the resend rounds stop.
-class StalledResendTest : public FakeDeviceFixture {};
+class StalledResendTest : public RawDeviceFixture {};
 
 TEST_F(StalledResendTest, OrtStartGivesUpAfterItsBoundAndClosesEveryLink) {
-  device.SetWriteOutcome(WriteOutcome::Withhold);
+  device.Stall(true);
   char ortString[] = "ort start";
   ASSERT_EQ(admin.StartOrtAsync(&progress, &log, ortString), 0);
   ASSERT_TRUE(OperationEnds(admin, milliseconds(20000)));
@@ -136,7 +147,7 @@ TEST_F(StalledResendTest, OrtStartGivesUpAfterItsBoundAndClosesEveryLink) {
 }
 
 TEST_F(StalledResendTest, OrtEndStopsWhenTheLinkCannotBeReopened) {
-  device.SetWriteOutcome(WriteOutcome::Withhold);
+  device.Stall(true);
   device.OnWrite([&](const Block&) {
     device.SetPaths({});
     return true;

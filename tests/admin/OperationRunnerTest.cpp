@@ -3,7 +3,7 @@
 #include <atomic>
 #include <thread>
 
-#include "tests/support/FakeDeviceFixture.h"
+#include "tests/support/DeviceAdminFixture.h"
 
 namespace ferrolt::test {
 namespace {
@@ -16,7 +16,7 @@ constexpr const char* kBusy =
 
 // Given a CLI command waiting for its output, a second launch is refused and
 // the first operation is left as it was; once it has ended, a launch is taken.
-class BusyGuardTest : public FakeDeviceFixture {};
+class BusyGuardTest : public RawDeviceFixture {};
 
 TEST_F(BusyGuardTest, SecondLaunchIsRefusedWithTheBusyLineAndSendsNothing) {
   ASSERT_EQ(admin.SendCliCommandAsync("sleep 5", &progress, &log), 0);
@@ -31,7 +31,7 @@ TEST_F(BusyGuardTest, SecondLaunchIsRefusedWithTheBusyLineAndSendsNothing) {
   const auto deadline = std::chrono::steady_clock::now() + kOperationBound;
   while (device.Written().empty() && std::chrono::steady_clock::now() < deadline)
     std::this_thread::sleep_for(milliseconds(2));
-  device.QueueInBlock(MakeDevicePacket(4, 57, "ending testdata"));
+  device.Send(MakeDevicePacket(4, 57, "ending testdata"));
   admin.WaitForOperation();
   EXPECT_FALSE(admin.IsOperationRunning());
   EXPECT_EQ(device.Written().size(), 1u);      // only the command
@@ -43,7 +43,7 @@ TEST_F(BusyGuardTest, SecondLaunchIsRefusedWithTheBusyLineAndSendsNothing) {
 }
 
 // Given no operation, the wait returns at once and the cancel does not block.
-class IdleRunnerTest : public FakeDeviceFixture {};
+class IdleRunnerTest : public RawDeviceFixture {};
 
 TEST_F(IdleRunnerTest, WaitReturnsAtOnceAndCancelPrintsSignalsAndSendsNothing) {
   const auto start = std::chrono::steady_clock::now();
@@ -82,7 +82,7 @@ class HoldUntilCancelled : public IProgressChangeCallBack {
 
 // Given an ORT start held at its flag check, a cancel stops it before it
 // sends, waits for it, and only then prints its line and signals the event.
-class CancelOrderTest : public FakeDeviceFixture {};
+class CancelOrderTest : public RawDeviceFixture {};
 
 TEST_F(CancelOrderTest, CancelWaitsForTheWorkerThenPrintsThenSignals) {
   HoldUntilCancelled hold(admin);
@@ -108,7 +108,7 @@ TEST_F(CancelOrderTest, CancelWaitsForTheWorkerThenPrintsThenSignals) {
 }
 
 // Given a command whose output never ends, teardown still ends the worker.
-class ShutdownTest : public FakeDeviceFixture {};
+class ShutdownTest : public RawDeviceFixture {};
 
 TEST_F(ShutdownTest, ShutdownEndsAnEndlessCommandWithinItsBound) {
   ASSERT_EQ(admin.SendCliCommandAsync("yes", &progress, &log), 0);

@@ -13,11 +13,11 @@
 #include "link/ResponseReader.h"
 #include "link/UsbLink.h"
 #include "platform/Event.h"
-#include "tests/support/FakeBackend.h"
+#include "tests/support/InProcessDevice.h"
 
 namespace {
 
-using ferrolt::test::FakeBlock;
+using ferrolt::test::DeviceBlock;
 
 // Keeps one run short: a reader pass per block.
 constexpr size_t kMaxBlocks = 64;
@@ -41,13 +41,13 @@ void ReadFields(const uint8_t* block) {
   if (ferrolt::BytesToHex(block, ferrolt::kBlockSize).size() != 2 * ferrolt::kBlockSize) __builtin_trap();
 }
 
-void RunReader(const std::vector<FakeBlock>& blocks) {
-  ferrolt::test::FakeBackend backend;
+void RunReader(const std::vector<DeviceBlock>& blocks) {
+  ferrolt::test::InProcessDevice backend;
   backend.SetSpeed(ferrolt::platform::kSpeedLow);  // nothing printed on opening
   ferrolt::platform::Event cancel;
   ferrolt::UsbLink link(backend, cancel);
   if (!link.ConnectDevice(ferrolt::kProductId, ferrolt::kVendorId, nullptr)) __builtin_trap();
-  for (const FakeBlock& block : blocks) backend.QueueInBlock(block);
+  for (const DeviceBlock& block : blocks) backend.Send(block);
 
   ferrolt::ReaderState state;
   backend.OnReadWhenEmpty([&state] { state.StopRequested = true; });
@@ -58,9 +58,9 @@ void RunReader(const std::vector<FakeBlock>& blocks) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  std::vector<FakeBlock> blocks;
+  std::vector<DeviceBlock> blocks;
   for (size_t offset = 0; offset < size && blocks.size() < kMaxBlocks; offset += ferrolt::kBlockSize) {
-    FakeBlock block{};
+    DeviceBlock block{};
     std::memcpy(block.data(), data + offset, std::min(ferrolt::kBlockSize, size - offset));
     ReadFields(block.data());
     blocks.push_back(block);

@@ -23,8 +23,8 @@ constexpr milliseconds kSlack{1500};
 constexpr milliseconds kFast{250};
 constexpr milliseconds kTestTimeout{5000};
 
-FakeBlock NumberedBlock(uint8_t first) {
-  FakeBlock block{};
+DeviceBlock NumberedBlock(uint8_t first) {
+  DeviceBlock block{};
   for (size_t i = 0; i < block.size(); ++i) block[i] = static_cast<uint8_t>(first + i);
   return block;
 }
@@ -42,11 +42,10 @@ TEST_F(Writes, TakenBlockIsDoneSilentlyAndAFailedOneIsLogged) {
   TransferStatus status{};
   EXPECT_LT(Timed([&] { status = Write(packet); }), kFast);
   EXPECT_EQ(status, TransferStatus::Done);
-  EXPECT_EQ(backend.Written(), std::vector<FakeBlock>{packet});
-  EXPECT_EQ(backend.WritePipes(), std::vector<uint8_t>{kFakeOutPipe});
+  EXPECT_EQ(backend.Written(), std::vector<DeviceBlock>{packet});
   EXPECT_TRUE(log.Lines().empty());
 
-  backend.SetWriteOutcome(WriteOutcome::Fail);
+  backend.OnWrite([](const Block&) { return false; });
   EXPECT_EQ(Write(packet), TransferStatus::Failed);
   EXPECT_EQ(log.Lines(), std::vector<std::string>{"Failed to write to the bulk interface"});
   EXPECT_EQ(link.WritePacket(packet.data(), 64, nullptr), TransferStatus::Failed);
@@ -56,7 +55,7 @@ TEST_F(Writes, TakenBlockIsDoneSilentlyAndAFailedOneIsLogged) {
 // Given a stalled pipe, a write times out silently after the write wait, and
 // its late completion never completes a later write.
 TEST_F(Writes, StalledWriteTimesOutAndItsLateCompletionIsItsOwn) {
-  backend.SetWriteOutcome(WriteOutcome::Withhold);
+  backend.Stall(true);
   TransferStatus status{};
   const milliseconds took = Timed([&] { status = Write(packet); });
   EXPECT_EQ(status, TransferStatus::TimedOut);
@@ -86,7 +85,7 @@ TEST_F(Writes, CancelWinsAndCutsAStalledWriteShort) {
   EXPECT_EQ(log.Lines(), std::vector<std::string>{"Operation has been Canceled"});
 
   cancel.Reset();
-  backend.SetWriteOutcome(WriteOutcome::Withhold);
+  backend.Stall(true);
   std::thread canceller([&] {
     std::this_thread::sleep_for(milliseconds(30));
     cancel.Set();
@@ -98,10 +97,10 @@ TEST_F(Writes, CancelWinsAndCutsAStalledWriteShort) {
 }
 
 TEST_F(Writes, RemovedDeviceAndClosedLinkWaitOutTheWriteWait) {
-  backend.SetWriteOutcome(WriteOutcome::Withhold);
+  backend.Stall(true);
   auto stalled = std::async(std::launch::async, [&] { return Write(packet); });
   std::this_thread::sleep_for(milliseconds(20));
-  backend.Remove();  // the outstanding write fails as the device goes
+  backend.Unplug();  // the outstanding write fails as the device goes
   ASSERT_EQ(stalled.wait_for(kTestTimeout), std::future_status::ready);
   EXPECT_EQ(stalled.get(), TransferStatus::Failed);
 
@@ -137,8 +136,8 @@ TEST_F(Reads, EmptyPipeTimesOutAndLaterBlocksGoToTheNextReadsInOrder) {
   EXPECT_LT(took, kFast);
   EXPECT_EQ(Read(&bytes), TransferStatus::TimedOut);
 
-  backend.QueueInBlock(NumberedBlock(9));
-  backend.QueueInBlock(NumberedBlock(100));
+  backend.Send(NumberedBlock(9));
+  backend.Send(NumberedBlock(100));
   EXPECT_EQ(Read(&bytes), TransferStatus::Done);
   EXPECT_EQ(bytes, 64u);
   EXPECT_EQ(buffer, NumberedBlock(9));
@@ -154,19 +153,19 @@ TEST_F(Reads, EmptyPipeTimesOutAndLaterBlocksGoToTheNextReadsInOrder) {
 // still brings the block.
 TEST_F(Reads, OnlyWholeBlocksCountHoweverTheReadEnded) {
   uint32_t bytes = 0;
-  backend.QueueInPacket(NumberedBlock(1), 0);
-  backend.QueueInPacket(NumberedBlock(2), 13);
-  backend.QueueInBlock(NumberedBlock(3));
+  backend.SendPacket(NumberedBlock(1), 0);
+  backend.SendPacket(NumberedBlock(2), 13);
+  backend.Send(NumberedBlock(3));
   EXPECT_EQ(Read(&bytes), TransferStatus::Done);
   EXPECT_EQ(bytes, 64u);
   EXPECT_EQ(buffer, NumberedBlock(3));
 
-  backend.QueueInPacket(NumberedBlock(4), 64, false);
+  backend.SendPacket(NumberedBlock(4), 64, false);
   EXPECT_EQ(Read(&bytes), TransferStatus::Done);
   EXPECT_EQ(buffer, NumberedBlock(4));
   EXPECT_TRUE(log.Lines().empty());
 
-  backend.QueueInPacket(NumberedBlock(5), 10, false);
+  backend.SendPacket(NumberedBlock(5), 10, false);
   EXPECT_EQ(Read(&bytes), TransferStatus::Failed);
   EXPECT_EQ(log.Lines(), std::vector<std::string>{"failed to read to the bulk interface"});
 }
@@ -177,7 +176,7 @@ TEST_F(Reads, OnlyWholeBlocksCountHoweverTheReadEnded) {
 TEST_F(Reads, ABlockThatArrivedBeforeACloseGoesToTheReadAfterTheReopen) {
   uint32_t bytes = 0;
   EXPECT_EQ(Read(&bytes), TransferStatus::TimedOut);
-  backend.QueueInBlock(NumberedBlock(6));
+  backend.Send(NumberedBlock(6));
   link.CloseDevice();
   OpenLink();
   EXPECT_EQ(Read(&bytes), TransferStatus::Done);
@@ -185,7 +184,7 @@ TEST_F(Reads, ABlockThatArrivedBeforeACloseGoesToTheReadAfterTheReopen) {
 }
 
 TEST_F(Reads, CancelledReadKeepsItsBlockForLater) {
-  backend.QueueInBlock(NumberedBlock(3));
+  backend.Send(NumberedBlock(3));
   cancel.Set();
   uint32_t bytes = 0;
   EXPECT_EQ(Read(&bytes), TransferStatus::Cancelled);
@@ -198,7 +197,7 @@ TEST_F(Reads, CancelledReadKeepsItsBlockForLater) {
 TEST_F(Reads, PendingReadFailsWhenTheDeviceGoes) {
   uint32_t bytes = 0;
   EXPECT_EQ(Read(&bytes), TransferStatus::TimedOut);
-  backend.Remove();
+  backend.Unplug();
   EXPECT_EQ(Read(&bytes), TransferStatus::Failed);
   EXPECT_EQ(log.Lines(), std::vector<std::string>{"failed to read to the bulk interface"});
   TransferStatus status{};
@@ -214,26 +213,23 @@ TEST_F(Reads, CloseDropsThePendingReadAndReopenStartsAfresh) {
   EXPECT_EQ(backend.LiveConnections(), 0);
   EXPECT_EQ(Read(&bytes), TransferStatus::TimedOut);
   OpenLink();
-  backend.QueueInBlock(NumberedBlock(5));
+  backend.Send(NumberedBlock(5));
   EXPECT_EQ(Read(&bytes), TransferStatus::Done);
   EXPECT_EQ(buffer, NumberedBlock(5));
   EXPECT_EQ(backend.ReadsStarted(), 2);
 }
 
-// Given waiting blocks and a pending read, a flush (IN, then OUT) discards
-// them all; the next read is a fresh one that takes the next block.
-TEST_F(Reads, FlushDiscardsWaitingBlocksAndThePendingRead) {
+// Given a pending read that took a block, a flush (IN, then OUT) drops that
+// block; what the device still holds comes next.
+TEST_F(Reads, FlushDropsTheBlockThePendingReadTook) {
   uint32_t bytes = 0;
   EXPECT_EQ(Read(&bytes), TransferStatus::TimedOut);
-  backend.QueueInBlock(NumberedBlock(1));  // taken by the pending read
-  backend.QueueInBlock(NumberedBlock(2));
+  backend.Send(NumberedBlock(1));  // taken by the pending read
+  backend.Send(NumberedBlock(2));
   link.FlushPipes();
-  EXPECT_EQ(backend.FlushedPipes(), (std::vector<uint8_t>{kFakeInPipe, kFakeOutPipe}));
-  EXPECT_EQ(Read(&bytes), TransferStatus::TimedOut);
-  link.FlushPipes();
-  backend.QueueInBlock(NumberedBlock(3));
+  EXPECT_EQ(backend.FlushedPipes(), (std::vector<uint8_t>{kDeviceInPipe, kDeviceOutPipe}));
   EXPECT_EQ(Read(&bytes), TransferStatus::Done);
-  EXPECT_EQ(buffer, NumberedBlock(3));
+  EXPECT_EQ(buffer, NumberedBlock(2));
   EXPECT_TRUE(log.Lines().empty());
 }
 
@@ -245,7 +241,7 @@ TEST_F(BlockingReads, BlockArrivingLaterIsReturned) {
   cancel.Set();
   std::thread device([&] {
     std::this_thread::sleep_for(milliseconds(50));
-    backend.QueueInBlock(NumberedBlock(42));
+    backend.Send(NumberedBlock(42));
   });
   int result = -1;
   const milliseconds took = Timed([&] { result = link.ReadPacketBlocking(buffer.data(), 64, &log); });
@@ -263,7 +259,7 @@ TEST_F(BlockingReads, SilentDeviceEndsTheReadAtItsBoundAndAClosedLinkAtOnce) {
   EXPECT_EQ(result, 1);
   EXPECT_GE(took, kBlockingWaitFloor);
   EXPECT_LT(took, kBlockingWaitFloor + kSlack);
-  backend.QueueInBlock(NumberedBlock(8));
+  backend.Send(NumberedBlock(8));
   EXPECT_EQ(link.ReadPacketBlocking(buffer.data(), 64, &log), 0);
   EXPECT_EQ(buffer, NumberedBlock(8));
   EXPECT_EQ(backend.ReadsStarted(), 1);

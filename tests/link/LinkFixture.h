@@ -9,7 +9,7 @@
 #include "link/DeviceIds.h"
 #include "link/UsbLink.h"
 #include "platform/Event.h"
-#include "tests/support/FakeBackend.h"
+#include "tests/support/InProcessDevice.h"
 #include "tests/support/RecordingCallbacks.h"
 
 namespace ferrolt::test {
@@ -24,7 +24,7 @@ class LinkFixture : public ::testing::Test {
     ASSERT_TRUE(opened);
   }
 
-  FakeBackend backend;
+  InProcessDevice backend;
   platform::Event cancel;
   UsbLink link{backend, cancel};
   RecordingLog log;

@@ -21,10 +21,10 @@ using std::chrono::milliseconds;
 constexpr milliseconds kReaderTimeout{5000};
 constexpr milliseconds kStillRunningCheck{60};
 
-FakeBlock StatusText(const std::string& text) { return BuildTextPacket(PacketType::Upgrade, text); }
+DeviceBlock StatusText(const std::string& text) { return BuildTextPacket(PacketType::Upgrade, text); }
 
-FakeBlock Nack(uint32_t number, uint8_t sequenceFlag) {
-  FakeBlock block{};
+DeviceBlock Nack(uint32_t number, uint8_t sequenceFlag) {
+  DeviceBlock block{};
   block[0] = 10;
   for (int i = 0; i < 4; ++i) block[1 + i] = static_cast<uint8_t>(number >> (8 * i));
   block[6] = sequenceFlag;
@@ -32,7 +32,7 @@ FakeBlock Nack(uint32_t number, uint8_t sequenceFlag) {
   return block;
 }
 
-std::string NackLine(const FakeBlock& block, const char* reason) {
+std::string NackLine(const DeviceBlock& block, const char* reason) {
   std::string line = "NACKED PACKET      = ";
   for (uint8_t byte : block) {
     char text[4];
@@ -77,12 +77,12 @@ class ResponseReading : public LinkFixture {
 // Given NACKs followed by packets of every other type but the status text's,
 // the reader stores the last NACK's number, prints each NACK, and ignores the rest.
 TEST_F(ResponseReading, NacksAreStoredAndPrintedOtherTypesIgnored) {
-  const FakeBlock sequence = Nack(7, 1);
-  const FakeBlock crc = Nack(0x0102, 0);
-  backend.QueueInBlock(sequence);
-  backend.QueueInBlock(crc);
+  const DeviceBlock sequence = Nack(7, 1);
+  const DeviceBlock crc = Nack(0x0102, 0);
+  backend.Send(sequence);
+  backend.Send(crc);
   for (uint8_t type = 2; type <= 9; ++type)
-    backend.QueueInBlock(BuildTextPacket(static_cast<PacketType>(type), "Upgrade ending"));
+    backend.Send(BuildTextPacket(static_cast<PacketType>(type), "Upgrade ending"));
   StopWhenDrained();
   const std::string printed = RunToEnd(&log);
   EXPECT_EQ(printed, NackLine(sequence, "Sequence error\n") + NackLine(crc, "CRC error\n"));
@@ -92,32 +92,32 @@ TEST_F(ResponseReading, NacksAreStoredAndPrintedOtherTypesIgnored) {
 }
 
 TEST_F(ResponseReading, StatusTextsAreLoggedUntilTheEndReport) {
-  backend.QueueInBlock(StatusText("Verifying bundle 50%"));
-  backend.QueueInBlock(StatusText("Upgrade ending"));
-  backend.QueueInBlock(StatusText("never read"));
+  backend.Send(StatusText("Verifying bundle 50%"));
+  backend.Send(StatusText("Upgrade ending"));
+  backend.Send(StatusText("never read"));
   EXPECT_EQ(RunToEnd(&log), "");
   EXPECT_TRUE(state.ReaderDone.load());
   EXPECT_EQ(log.Lines(), (std::vector<std::string>{"Verifying bundle 50%", "Upgrade ending"}));
 }
 
 TEST_F(ResponseReading, FailedOrEndingInsideAWordStopsIt) {
-  backend.QueueInBlock(StatusText("Sending reboot"));
+  backend.Send(StatusText("Sending reboot"));
   RunToEnd(&log);
   EXPECT_TRUE(state.ReaderDone.load());
 
   state.ReaderDone = false;
-  backend.QueueInBlock(StatusText("Install Failed: no space"));
+  backend.Send(StatusText("Install Failed: no space"));
   RunToEnd(nullptr);
   EXPECT_TRUE(state.ReaderDone.load());
   EXPECT_EQ(log.Lines(), std::vector<std::string>{"Sending reboot"});
 }
 
 TEST_F(ResponseReading, CorruptTextIsPrintedNotLoggedAndDoesNotStop) {
-  FakeBlock corrupt = StatusText("Upgrade ending");
+  DeviceBlock corrupt = StatusText("Upgrade ending");
   const uint8_t good = corrupt[63];
   corrupt[63] ^= 0xFF;
-  backend.QueueInBlock(corrupt);
-  backend.QueueInBlock(StatusText("Upgrade Failed"));
+  backend.Send(corrupt);
+  backend.Send(StatusText("Upgrade Failed"));
   char expected[96];
   std::snprintf(expected, sizeof(expected), "CRC failed.\nCRC you gave me - %x\nCRC I calculated - %x\n",
                 corrupt[63], good);
@@ -127,7 +127,7 @@ TEST_F(ResponseReading, CorruptTextIsPrintedNotLoggedAndDoesNotStop) {
 
 TEST_F(ResponseReading, DoneFromAnEarlierRunStopsBeforeReading) {
   state.ReaderDone = true;
-  backend.QueueInBlock(StatusText("Upgrade ending"));
+  backend.Send(StatusText("Upgrade ending"));
   const int readsAtOpen = backend.ReadsStarted();
   RunToEnd(&log);
   EXPECT_EQ(backend.ReadsStarted(), readsAtOpen);
@@ -152,7 +152,7 @@ TEST_F(ResponseReading, SilenceOrAClosedLinkKeepsItPollingUntilStopped) {
 // block waits for it.
 TEST_F(ResponseReading, CancelPausesButDoesNotStopTheReader) {
   cancel.Set();
-  backend.QueueInBlock(StatusText("Upgrade ending"));
+  backend.Send(StatusText("Upgrade ending"));
   auto reader = Start(&log);
   std::this_thread::sleep_for(kStillRunningCheck);
   EXPECT_EQ(reader.wait_for(milliseconds(0)), std::future_status::timeout);

@@ -1,20 +1,20 @@
 #include <gtest/gtest.h>
 
-#include "tests/transfer/TransferHarness.h"
+#include "tests/support/DeviceAdminFixture.h"
 
 namespace ferrolt::test {
 namespace {
 
 // Given files in the device's /tmp/, the download saves them byte for byte.
-class DownloadTest : public TransferTest {
+class DownloadTest : public DevsimFixture {
  protected:
   std::string OnDevice(const std::string& name, const std::string& bytes) {
     WriteFile(root / "tmp" / name, bytes);
     return "/tmp/" + name;
   }
   std::string Download(const std::string& devicePath, const fs::path& savePath) {
-    return harness->Run([&](DeviceAdmin& admin) {
-      return admin.DownloadFileAsync(devicePath, savePath.string(), &harness->progress, &harness->log);
+    return Run([&](DeviceAdmin& a) {
+      return a.DownloadFileAsync(devicePath, savePath.string(), &progress, &log);
     });
   }
 };
@@ -27,15 +27,15 @@ TEST_F(DownloadTest, FilesOfEverySizeArriveByteForByte) {
     SCOPED_TRACE(size);
     const std::string name = "d" + std::to_string(size);
     const std::string bytes = RandomBytes(size, static_cast<unsigned>(size) + 1);
-    const size_t readsBefore = harness->log.CountStartingWith("Read data :");
+    const size_t readsBefore = log.CountStartingWith("Read data :");
     Download(OnDevice(name, bytes), dir / name);
     EXPECT_EQ(ReadFile(dir / name), bytes);
     const size_t packets = (size + 56) / 57;
-    EXPECT_EQ(harness->log.CountStartingWith("Read data :") - readsBefore, packets + (packets == 1 ? 1 : 2));
-    EXPECT_EQ(harness->log.Lines().back(),
+    EXPECT_EQ(log.CountStartingWith("Read data :") - readsBefore, packets + (packets == 1 ? 1 : 2));
+    EXPECT_EQ(log.Lines().back(),
               "Total file size = " + std::to_string(size) + " , Total packets = " + std::to_string(packets) + "\n");
   }
-  EXPECT_EQ(harness->progress.Reports(), (std::vector<int>{5, 100, 5, 100, 5, 100, 5, 100, 5, 100}));
+  EXPECT_EQ(progress.Reports(), (std::vector<int>{5, 100, 5, 100, 5, 100, 5, 100, 5, 100}));
 }
 
 TEST_F(DownloadTest, ConsoleMarksTheFirstDataPacket) {
@@ -43,7 +43,7 @@ TEST_F(DownloadTest, ConsoleMarksTheFirstDataPacket) {
   const std::string out = Download(OnDevice("two", RandomBytes(58, 9)), dir / "two");
   EXPECT_EQ(out, kSpeedLine + "SPI SUPPORT IS TURNED ON!\n\nThis is the actual first packet!\n" +
                      "Sequence = 0 , Total Packets = 2\n");
-  EXPECT_TRUE(harness->log.Has("Starting file download now."));
+  EXPECT_TRUE(log.Has("Starting file download now."));
 }
 
 // Given a device path of 39 characters, nothing goes to the device and the
@@ -53,9 +53,9 @@ TEST_F(DownloadTest, DevicePathsUpToThirtyEightCharactersAreServed) {
   const std::string longPath = "/tmp/" + std::string(34, 'p');
   WriteFile(dir / "keep", "kept");
   Download(longPath, dir / "keep");
-  EXPECT_TRUE(harness->log.Has("Error: The device path is longer than 38 characters - " + longPath));
+  EXPECT_TRUE(log.Has("Error: The device path is longer than 38 characters - " + longPath));
   EXPECT_EQ(ReadFile(dir / "keep"), "kept");
-  EXPECT_TRUE(harness->server.Received().empty());
+  EXPECT_TRUE(device->Written().empty());
 
   Download(OnDevice(std::string(33, 'q'), "edge"), dir / "edge");
   EXPECT_EQ(ReadFile(dir / "edge"), "edge");
@@ -66,7 +66,7 @@ TEST_F(DownloadTest, UnreadableStartNumbersStillEndOnTheEndReply) {
   const std::string bytes = RandomBytes(200, 4);
   Download(OnDevice("n", bytes), dir / "n");
   EXPECT_EQ(ReadFile(dir / "n"), bytes);
-  EXPECT_EQ(harness->log.Lines().back(), "Total file size = 0 , Total packets = 0\n");
+  EXPECT_EQ(log.Lines().back(), "Total file size = 0 , Total packets = 0\n");
 }
 
 }  // namespace

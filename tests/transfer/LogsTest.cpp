@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "tests/transfer/TransferHarness.h"
+#include "tests/support/DeviceAdminFixture.h"
 
 namespace ferrolt::test {
 namespace {
@@ -14,7 +14,7 @@ ProcessResult Unzip(const std::vector<std::string>& args) {
 
 // Given log files on the device, the log download saves a zip archive of
 // them that unzip accepts.
-class LogsTest : public TransferTest {
+class LogsTest : public DevsimFixture {
  protected:
   void SetUp() override {
     WriteFile(root / "var" / "log" / "messages", RandomBytes(3000, 1));
@@ -22,8 +22,8 @@ class LogsTest : public TransferTest {
     WriteFile(root / "var" / "log" / "app" / "app.log", "started\nstopped\n");
   }
   std::string Logs() {
-    return harness->Run([&](DeviceAdmin& admin) {
-      return admin.DownloadLogsAsync(zip.string(), &harness->progress, &harness->log, false);
+    return Run([&](DeviceAdmin& a) {
+      return a.DownloadLogsAsync(zip.string(), &progress, &log, false);
     });
   }
   void ExpectArchiveOfTheDeviceLogs() {
@@ -40,24 +40,24 @@ TEST_F(LogsTest, ArchiveHoldsTheDeviceLogsAndProgressRisesFromZero) {
   const std::string out = Logs();
   ExpectArchiveOfTheDeviceLogs();
   EXPECT_EQ(out, kSpeedLine + "SPI SUPPORT IS TURNED ON!\n" + zip.string() + "\n\n");
-  EXPECT_EQ(harness->progress.Reports(), (std::vector<int>{5, 100}));
-  EXPECT_TRUE(harness->log.Has("Starting download logs now."));
-  EXPECT_EQ(harness->log.Lines()[1], "Download Log Progress: 0%%");
-  const std::string totals = harness->log.Lines().back();
+  EXPECT_EQ(progress.Reports(), (std::vector<int>{5, 100}));
+  EXPECT_TRUE(log.Has("Starting download logs now."));
+  EXPECT_EQ(log.Lines()[1], "Download Log Progress: 0%%");
+  const std::string totals = log.Lines().back();
   EXPECT_EQ(totals.rfind("Total file size = " + std::to_string(fs::file_size(zip)) + " , Total packets = ", 0), 0u)
       << totals;
-  EXPECT_EQ(harness->log.CountStartingWith("Download Log Progress: 100"), 0u);
+  EXPECT_EQ(log.CountStartingWith("Download Log Progress: 100"), 0u);
 }
 
 TEST_F(LogsTest, SequenceErrorRestartsAndTheArchiveHoldsOnlyTheLastAttempt) {
   Start({"bad-sequence=2", "interleave"});
   const std::string out = Logs();
   ExpectArchiveOfTheDeviceLogs();
-  EXPECT_EQ(harness->log.CountStartingWith("Starting download logs now."), 2u);
-  EXPECT_EQ(harness->log.CountStartingWith("Incorrect sequence # detected! - 03"), 1u);
-  EXPECT_EQ(harness->log.CountStartingWith("Expected sequence 2, but got "), 1u);
-  EXPECT_EQ(harness->log.CountStartingWith("Download Log Progress: 0%%"), 2u) << "each attempt starts from 0";
-  EXPECT_EQ(harness->log.CountStartingWith("Total file size = "), 2u);
+  EXPECT_EQ(log.CountStartingWith("Starting download logs now."), 2u);
+  EXPECT_EQ(log.CountStartingWith("Incorrect sequence # detected! - 03"), 1u);
+  EXPECT_EQ(log.CountStartingWith("Expected sequence 2, but got "), 1u);
+  EXPECT_EQ(log.CountStartingWith("Download Log Progress: 0%%"), 2u) << "each attempt starts from 0";
+  EXPECT_EQ(log.CountStartingWith("Total file size = "), 2u);
   EXPECT_EQ(out, kSpeedLine + "SPI SUPPORT IS TURNED ON!\n" + zip.string() + "\n\n" + zip.string() + "\n\n");
 }
 
@@ -65,14 +65,14 @@ TEST_F(LogsTest, LongLengthAndUnreadableStartNumbersStillGiveAGoodArchive) {
   Start({"long-length=1", "bad-start-numbers"});
   Logs();
   ExpectArchiveOfTheDeviceLogs();
-  EXPECT_EQ(harness->log.CountStartingWith("Download Log Progress"), 0u) << "no total to divide by";
-  EXPECT_EQ(harness->log.Lines().back(), "Total file size = 0 , Total packets = 0\n");
+  EXPECT_EQ(log.CountStartingWith("Download Log Progress"), 0u) << "no total to divide by";
+  EXPECT_EQ(log.Lines().back(), "Total file size = 0 , Total packets = 0\n");
 }
 
 TEST_F(LogsTest, CorruptedPacketIsReportedAndDropped) {
   Start({"corrupt-reply-crc=1"});
   Logs();
-  EXPECT_EQ(harness->log.CountStartingWith("ERROR: CRC FAILED - 0301000000"), 1u);
+  EXPECT_EQ(log.CountStartingWith("ERROR: CRC FAILED - 0301000000"), 1u);
   EXPECT_NE(Unzip({"-t", zip.string()}).exitStatus, 0) << "the archive lacks a packet";
 }
 

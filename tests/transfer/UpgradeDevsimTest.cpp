@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "devsim/Bundle.h"
-#include "tests/transfer/TransferHarness.h"
+#include "tests/support/DeviceAdminFixture.h"
 
 namespace ferrolt::test {
 namespace {
@@ -19,7 +19,7 @@ void PrintTo(const UpgradeCase& c, std::ostream* os) { *os << c.size << " bytes 
 
 // Given a device started with the fault options, an upgrade of a bundle
 // completes and the device stores it byte for byte.
-class UpgradeDespiteFault : public TransferTest, public testing::WithParamInterface<UpgradeCase> {};
+class UpgradeDespiteFault : public DevsimFixture, public testing::WithParamInterface<UpgradeCase> {};
 
 TEST_P(UpgradeDespiteFault, StoresTheBundle) {
   Start(GetParam().faults);
@@ -27,10 +27,10 @@ TEST_P(UpgradeDespiteFault, StoresTheBundle) {
   const std::string bundle = RandomBytes(size, static_cast<unsigned>(size));
   const fs::path path = dir / "bundle.img";
   WriteFile(path, bundle);
-  const std::string console = harness->Run([&](DeviceAdmin& admin) {
-    return admin.UpgradeBundleAsync(path.string(), &harness->progress, &harness->log, false);
+  const std::string console = Run([&](DeviceAdmin& a) {
+    return a.UpgradeBundleAsync(path.string(), &progress, &log, false);
   });
-  EXPECT_TRUE(harness->log.Has("Please wait until reboot of device is done."));
+  EXPECT_TRUE(log.Has("Please wait until reboot of device is done."));
   EXPECT_EQ(ReadFile(devsim::BundleImagePath(root)), bundle);
   EXPECT_NE(console.find("File Size = " + std::to_string(size) + "\n"), std::string::npos);
 }

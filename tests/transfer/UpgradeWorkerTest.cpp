@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "link/Limits.h"
-#include "tests/support/FakeDeviceFixture.h"
+#include "tests/support/DeviceAdminFixture.h"
 
 namespace ferrolt::test {
 namespace {
@@ -52,7 +52,7 @@ std::vector<uint32_t> Resent(const std::string& console) {
 
 // Given a fake device that answers the end packet with its end report, the
 // upgrade worker ...
-class UpgradeWorker : public FakeDeviceFixture {
+class UpgradeWorker : public RawDeviceFixture {
  protected:
   UpgradeWorker() {
     device.OnWrite([this](const Block& block) { return EndReportOn(block); });
@@ -60,7 +60,7 @@ class UpgradeWorker : public FakeDeviceFixture {
 
   bool EndReportOn(const Block& block) {
     if (IsEndPacket(block))
-      device.QueueInBlock(BuildTextPacket(PacketType::Upgrade, "Upgrade complete, ending update"));
+      device.Send(BuildTextPacket(PacketType::Upgrade, "Upgrade complete, ending update"));
     return true;
   }
 
@@ -93,7 +93,7 @@ class UpgradeWorker : public FakeDeviceFixture {
     device.OnWrite([this, at, numbers, done = false](const Block& block) mutable {
       if (!done && IsUpgradePacket(block) && !IsEndPacket(block) && PacketNumber(block.data()) == at) {
         done = true;
-        for (uint32_t n : numbers) EXPECT_TRUE(device.QueueInBlockAndWait(Nack(n)));
+        for (uint32_t n : numbers) EXPECT_TRUE(device.SendAndWaitTaken(Nack(n)));
       }
       return EndReportOn(block);
     });

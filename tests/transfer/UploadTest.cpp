@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "tests/transfer/TransferHarness.h"
+#include "tests/support/DeviceAdminFixture.h"
 
 namespace ferrolt::test {
 namespace {
@@ -11,7 +11,7 @@ constexpr uint8_t kUploadType = 5;
 
 // Given a local file whose name follows a backslash, the upload stores it in
 // the device's /tmp/ under the part after the backslash.
-class UploadTest : public TransferTest {
+class UploadTest : public DevsimFixture {
  protected:
   // A local file named "C:\up\NAME" (one file name with backslashes in it).
   std::string LocalFile(const std::string& name, const std::string& bytes) {
@@ -20,15 +20,15 @@ class UploadTest : public TransferTest {
     return path.string();
   }
   std::string Upload(const std::string& localPath) {
-    return harness->Run([&](DeviceAdmin& admin) {
-      return admin.UploadFileAsync(localPath, &harness->progress, &harness->log);
+    return Run([&](DeviceAdmin& a) {
+      return a.UploadFileAsync(localPath, &progress, &log);
     });
   }
   fs::path OnDevice(const std::string& name) const { return root / "tmp" / name; }
   // The texts of the command blocks the device got.
   std::vector<std::string> BlockTexts() const {
     std::vector<std::string> texts;
-    for (const Block& block : harness->server.Received()) {
+    for (const Block& block : device->Written()) {
       const char* text = reinterpret_cast<const char*>(block.data());
       if (block[0] != kUploadType) texts.emplace_back(text, strnlen(text, block.size()));
     }
@@ -51,7 +51,7 @@ TEST_F(UploadTest, FilesAroundOnePacketArriveWholeWithTheirCommands) {
                                                     "Starting upload 56 1 f56.bin", "Ending upload",
                                                     "Starting upload 57 1 f57.bin", "Ending upload",
                                                     "Starting upload 58 2 f58.bin", "Ending upload"}));
-  EXPECT_EQ(harness->ReceivedOfType(kUploadType).size(), 4u);
+  EXPECT_EQ(WrittenOfType(kUploadType).size(), 4u);
 }
 
 TEST_F(UploadTest, RefusedPacketsAreSentAgainAndTheFileArrivesWhole) {
@@ -60,10 +60,10 @@ TEST_F(UploadTest, RefusedPacketsAreSentAgainAndTheFileArrivesWhole) {
   const std::string out = Upload(LocalFile("nacked.bin", bytes));
   EXPECT_EQ(ReadFile(OnDevice("nacked.bin")), bytes);
   std::vector<uint32_t> numbers;
-  for (const Block& block : harness->ReceivedOfType(kUploadType)) numbers.push_back(block[1]);
+  for (const Block& block : WrittenOfType(kUploadType)) numbers.push_back(block[1]);
   EXPECT_EQ(numbers, (std::vector<uint32_t>{0, 1, 1, 2, 3, 3, 4}));
-  EXPECT_EQ(harness->log.CountStartingWith("A NACK has occurred!"), 2u);
-  EXPECT_EQ(harness->log.CountStartingWith("Read data :04"), 2u);
+  EXPECT_EQ(log.CountStartingWith("A NACK has occurred!"), 2u);
+  EXPECT_EQ(log.CountStartingWith("Read data :04"), 2u);
   EXPECT_NE(out.find("\rProgress: 0%\rProgress: 20%\rProgress: 40%\rProgress: 60%\rProgress: 80%\n"),
             std::string::npos)
       << "a resent packet does not print its percentage again";
@@ -74,7 +74,7 @@ TEST_F(UploadTest, LinkDroppedMidUploadIsReopenedAndTheUploadCompletes) {
   const std::string bytes = RandomBytes(30 * 57 - 3, 5);
   Upload(LocalFile("dropped.bin", bytes));
   EXPECT_EQ(ReadFile(OnDevice("dropped.bin")), bytes);
-  EXPECT_TRUE(harness->log.Has("Succeeded in writing 'Ending upload' to device."));
+  EXPECT_TRUE(log.Has("Succeeded in writing 'Ending upload' to device."));
 }
 
 // Given a name too long for the start command ("Starting upload 1 1 " and 44
@@ -84,14 +84,14 @@ TEST_F(UploadTest, InputTheStartCommandCannotCarryIsRefusedBeforeAnythingIsWritt
   Start();
   const std::string longName(44, 'n');
   Upload(LocalFile(longName, "x"));
-  EXPECT_TRUE(harness->log.Has("Error: The file name is too long for the device - " + longName));
+  EXPECT_TRUE(log.Has("Error: The file name is too long for the device - " + longName));
 
   const fs::path huge = dir / "huge.bin";
   WriteFile(huge, "");
   fs::resize_file(huge, 2147483648ull);  // sparse: no disk space used
   Upload(huge.string());
-  EXPECT_TRUE(harness->log.Has("Error: Files of 2 GiB or more can not be uploaded - " + huge.string()));
-  EXPECT_TRUE(harness->server.Received().empty());
+  EXPECT_TRUE(log.Has("Error: Files of 2 GiB or more can not be uploaded - " + huge.string()));
+  EXPECT_TRUE(device->Written().empty());
 
   Upload(LocalFile(longName.substr(1), "x"));
   EXPECT_EQ(ReadFile(OnDevice(longName.substr(1))), "x");
@@ -102,18 +102,16 @@ TEST_F(UploadTest, InputTheStartCommandCannotCarryIsRefusedBeforeAnythingIsWritt
 TEST_F(UploadTest, CancelDuringTheDataPhaseEndsPromptlyWithoutTheEndCommand) {
   Start();
   const std::string local = LocalFile("big.bin", RandomBytes(4 << 20, 3));
-  testing::internal::CaptureStdout();
-  ASSERT_EQ(harness->admin.UploadFileAsync(local, &harness->progress, &harness->log), 0);
+  ASSERT_EQ(admin->UploadFileAsync(local, &progress, &log), 0);
   // Past the start command and its pause, into the data phase.
-  WaitUntil([&] { return harness->ReceivedOfType(kUploadType).size() >= 10; }, std::chrono::seconds(20));
+  WaitUntil([&] { return WrittenOfType(kUploadType).size() >= 10; }, std::chrono::seconds(20));
   const auto cancelAt = std::chrono::steady_clock::now();
-  harness->admin.CancelOperation(&harness->log);
+  admin->CancelOperation(&log);
   const auto took = std::chrono::steady_clock::now() - cancelAt;
-  const std::string out = testing::internal::GetCapturedStdout();
   EXPECT_LT(took, std::chrono::seconds(5));
-  EXPECT_FALSE(harness->admin.IsOperationRunning());
-  EXPECT_EQ(harness->log.CountStartingWith("Upload canceled after "), 1u);
-  EXPECT_EQ(out.find("Finished File Upload!"), std::string::npos);
+  EXPECT_FALSE(admin->IsOperationRunning());
+  EXPECT_EQ(log.CountStartingWith("Upload canceled after "), 1u);
+  EXPECT_EQ(out.Text().find("Finished File Upload!"), std::string::npos);
   for (const std::string& text : BlockTexts()) EXPECT_NE(text, "Ending upload");
   EXPECT_FALSE(fs::exists(OnDevice("big.bin")));
 }
