@@ -16,7 +16,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr size_t kOutputChunk = 57;
 constexpr const char* kModeFile = "cli-mode";
 constexpr const char* kModeOn = "on";
 constexpr const char* kModeOff = "off";
@@ -24,7 +23,6 @@ constexpr const char* kEndText = "ending testdata";
 constexpr const char* kModeOffText = "CLI mode is off: send CLI On first\n";
 constexpr const char* kCannotRunText = "cannot run the command\n";
 constexpr const char* kTimedOutText = "[timed out]\n";
-constexpr uint8_t kCorruptCrcMask = 0xFF;
 
 bool CliModeOn(const DeviceContext& device) {
   std::ifstream in(device.Root() / kModeFile);
@@ -108,7 +106,7 @@ class CliService final : public Service {
   }
 
   void StreamOutput(DeviceContext& device) {
-    char chunk[kOutputChunk];
+    char chunk[kPayloadSize];
     while (!outputEnded_ && HasRoom(device)) {
       size_t count = 0;
       const auto result = shell_.Read(chunk, sizeof chunk, count);
@@ -133,7 +131,7 @@ class CliService final : public Service {
     Block packet = MakePacket(kTypeCli, 0, reinterpret_cast<const uint8_t*>(bytes), count);
     ++outputPackets_;
     if (device.Faults().Number("corrupt-cli-crc", 0) == outputPackets_) {
-      packet[63] ^= kCorruptCrcMask;
+      CorruptCrc(packet);
       device.Note("fault: cli output packet " + std::to_string(outputPackets_) + " sent with a wrong crc");
     }
     device.Send(packet);

@@ -6,11 +6,6 @@
 namespace ferrolt::devsim {
 namespace {
 
-constexpr size_t kNumberOffset = 1;
-constexpr size_t kLengthOffset = 5;
-constexpr size_t kPayloadOffset = 6;
-constexpr size_t kPayloadSize = 57;
-constexpr size_t kCrcOffset = 63;
 constexpr uint8_t kCrcPolynomial = 0x07;
 constexpr uint8_t kCrcFinalXor = 0xFF;
 
@@ -50,8 +45,12 @@ uint32_t NumberOf(const Block& block) {
 
 uint8_t LengthOf(const Block& block) { return block[kLengthOffset]; }
 
+const uint8_t* PayloadOf(const Block& block) { return block.data() + kPayloadOffset; }
+
+void CorruptCrc(Block& block) { block[kCrcOffset] ^= kCrcFinalXor; }
+
 std::string PayloadText(const Block& block) {
-  const uint8_t* payload = block.data() + kPayloadOffset;
+  const uint8_t* payload = PayloadOf(block);
   const uint8_t* end = std::find(payload, payload + kPayloadSize, 0);
   return std::string(payload, end);
 }

@@ -4,12 +4,21 @@
 // repeating it.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
 #include "devsim/Service.h"
 
 namespace ferrolt::devsim {
+
+// Where a packet's fields sit: type at 0, number (u32 little-endian), length,
+// payload, CRC-8 of everything before it.
+inline constexpr size_t kNumberOffset = 1;
+inline constexpr size_t kLengthOffset = 5;
+inline constexpr size_t kPayloadOffset = 6;
+inline constexpr size_t kPayloadSize = 57;
+inline constexpr size_t kCrcOffset = 63;
 
 inline constexpr uint8_t kTypeUpgrade = 1, kTypeVersion = 2, kTypeLogs = 3, kTypeCli = 4, kTypeUpload = 5,
                          kTypeDownload = 6, kTypeCancel = 7, kTypeOrt = 8, kTypeNack = 10;
@@ -19,6 +28,10 @@ bool CrcMatches(const Block& block);
 uint8_t TypeOf(const Block& block);
 uint32_t NumberOf(const Block& block);
 uint8_t LengthOf(const Block& block);
+// The payload's first byte.
+const uint8_t* PayloadOf(const Block& block);
+// Gives the block a wrong CRC, as a fault does.
+void CorruptCrc(Block& block);
 // The payload as text (57 bytes plus a zero).
 std::string PayloadText(const Block& block);
 // The block as text from byte 0 (a RawTextBlock), up to its zero or 64 bytes.

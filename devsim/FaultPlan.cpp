@@ -4,9 +4,6 @@
 #include "devsim/Service.h"
 
 namespace ferrolt::devsim {
-namespace {
-
-// Decimal, or hexadecimal with a 0x prefix; false when text is not wholly a number.
 bool ParseNumber(const std::string& text, long long& value) {
   if (text.empty()) return false;
   const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
@@ -14,8 +11,6 @@ bool ParseNumber(const std::string& text, long long& value) {
   value = std::strtoll(text.c_str(), &end, hex ? 16 : 10);
   return end != nullptr && *end == '\0';
 }
-
-}  // namespace
 
 void FaultPlan::Add(const std::string& name, const std::string& value) { faults_.emplace_back(name, value); }
 

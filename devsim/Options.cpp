@@ -1,6 +1,7 @@
 #include "devsim/Options.h"
 
-#include <cstdlib>
+#include <algorithm>
+#include <cstdio>
 #include <functional>
 #include <limits>
 #include <map>
@@ -71,8 +72,8 @@ constexpr const char* kUsageHead =
     "  --events FILE         one line per thing the device did\n"
     "  --verbose             event lines also on standard error\n"
     "Hello announced to the host:\n"
-    "  --vendor-id ID        USB vendor id, hex (0x...) or decimal (default 0x1209)\n"
-    "  --product-id ID       USB product id (default 0x0001)\n"
+    "  --vendor-id ID        USB vendor id, hex (0x...) or decimal (default %#06x)\n"
+    "  --product-id ID       USB product id (default %#06x)\n"
     "  --interface N         interface number (default 4)\n"
     "  --speed N             1 low, 2 full, 3 high (default 3)\n"
     "  --state N             0 ready, 3 no driver bound, 4 no bulk endpoints (default 0)\n"
@@ -84,11 +85,7 @@ constexpr const char* kUsageHead =
     "Fault names:\n";
 
 bool ParseInteger(const std::string& text, long long low, long long high, long long& value) {
-  if (text.empty()) return false;
-  const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
-  char* end = nullptr;
-  value = std::strtoll(text.c_str(), &end, hex ? 16 : 10);
-  return *end == '\0' && value >= low && value <= high;
+  return ParseNumber(text, value) && value >= low && value <= high;
 }
 
 bool ParseTcp(const std::string& text, ServerSettings& server) {
@@ -184,7 +181,11 @@ ParseOutcome ParseOptions(const std::vector<std::string>& args, Options& options
 }
 
 std::string UsageText() {
-  std::string text = kUsageHead;
+  const LinkHello defaults;
+  const int length = std::snprintf(nullptr, 0, kUsageHead, defaults.vendorId, defaults.productId);
+  std::string text(static_cast<size_t>(length) + 1, '\0');
+  std::snprintf(text.data(), text.size(), kUsageHead, defaults.vendorId, defaults.productId);
+  text.pop_back();
   constexpr size_t kNameColumn = 26;
   for (const FaultHelp& fault : kFaultHelp) {
     std::string name = std::string("  ") + fault.name;

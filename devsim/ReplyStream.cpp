@@ -10,7 +10,6 @@ namespace ferrolt::devsim {
 
 namespace {
 
-constexpr size_t kChunk = 57;
 // How many IN blocks the stream keeps queued ahead of the host: enough to
 // keep the link busy between two polls, little enough that a long file never
 // sits in memory.
@@ -19,9 +18,8 @@ constexpr size_t kQueueAhead = 256;
 constexpr uint8_t kLongLength = 200;
 // Every this many data packets an interleave fault slips in another type.
 constexpr int32_t kNoiseEvery = 5;
-constexpr uint8_t kCrcFlip = 0xFF;
 
-int32_t PacketCount(int32_t size) { return size / static_cast<int32_t>(kChunk) + (size % kChunk != 0 ? 1 : 0); }
+int32_t PacketCount(int32_t size) { return size / static_cast<int32_t>(kPayloadSize) + (size % kPayloadSize != 0 ? 1 : 0); }
 
 bool Listed(const FaultPlan& faults, const std::string& name, long long number) {
   const auto numbers = faults.Numbers(name);
@@ -85,8 +83,8 @@ Block ReplyStream::NextBlock(DeviceContext& device) {
 }
 
 Block ReplyStream::DataBlock(const FaultPlan& faults) {
-  uint8_t chunk[kChunk] = {};
-  file_.read(reinterpret_cast<char*>(chunk), kChunk);
+  uint8_t chunk[kPayloadSize] = {};
+  file_.read(reinterpret_cast<char*>(chunk), kPayloadSize);
   const size_t got = static_cast<size_t>(file_.gcount());
   const int32_t number = next_++;
   uint32_t wireNumber = static_cast<uint32_t>(number);
@@ -94,10 +92,10 @@ Block ReplyStream::DataBlock(const FaultPlan& faults) {
   if (breakSequence) wireNumber = static_cast<uint32_t>(total_) + 1;
   Block block = MakePacket(texts_.type, wireNumber, chunk, got);
   if (Listed(faults, "long-length", number)) {
-    block[5] = kLongLength;
-    block[63] = Crc8(block.data(), 63);
+    block[kLengthOffset] = kLongLength;
+    block[kCrcOffset] = Crc8(block.data(), kCrcOffset);
   }
-  if (FiresOnce(faults, "corrupt-reply-crc", number)) block[63] ^= kCrcFlip;
+  if (FiresOnce(faults, "corrupt-reply-crc", number)) CorruptCrc(block);
   noiseDue_ = faults.Has("interleave") && number % kNoiseEvery == 0;
   // A broken sequence ends this attempt: the host asks again from the start.
   if (breakSequence || next_ == total_) phase_ = breakSequence ? Phase::Idle : Phase::End;

@@ -16,6 +16,10 @@ namespace ferrolt::devsim {
 
 using Block = std::array<uint8_t, 64>;
 
+// Decimal, or hexadecimal with a 0x prefix; false when text is not wholly a
+// number. Every number the device reads from its user goes through here.
+bool ParseNumber(const std::string& text, long long& value);
+
 // Fault injection: every "--fault NAME[=VALUE]" option of the command line.
 // Each service reads the names it knows; numbers are comma-separated lists.
 class FaultPlan {

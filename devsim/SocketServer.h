@@ -15,8 +15,9 @@ namespace ferrolt::devsim {
 
 // What the device announces when a host connects.
 struct LinkHello {
-  uint16_t vendorId = 0x1209;
-  uint16_t productId = 0x0001;
+  // The tool's own ids, from the same build settings.
+  uint16_t vendorId = FERROLT_VENDOR_ID;
+  uint16_t productId = FERROLT_PRODUCT_ID;
   uint8_t interfaceNumber = 4;
   uint8_t speed = 3;  // 1 low, 2 full, 3 high
   uint8_t state = 0;  // 0 ready, 3 no driver bound, 4 no bulk endpoints

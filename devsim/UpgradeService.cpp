@@ -24,9 +24,6 @@
 namespace ferrolt::devsim {
 namespace {
 
-constexpr size_t kPayloadOffset = 6;
-constexpr size_t kPayloadSize = 57;
-constexpr size_t kCrcOffset = 63;
 // NACK payload byte 0: why the packet is refused.
 constexpr uint8_t kCrcError = 0;
 constexpr uint8_t kSequenceError = 1;
@@ -182,7 +179,7 @@ class UpgradeService final : public Service {
       return;
     }
     if (offset != written_) bundle_.seekp(offset);
-    bundle_.write(reinterpret_cast<const char*>(packet.data() + kPayloadOffset), static_cast<std::streamsize>(length));
+    bundle_.write(reinterpret_cast<const char*>(PayloadOf(packet)), static_cast<std::streamsize>(length));
     written_ = offset + static_cast<long long>(length);
     accepted_ = written_;
     ++expected_;
@@ -214,7 +211,7 @@ class UpgradeService final : public Service {
     Block reply = MakeTextPacket(kTypeUpgrade, status);
     if (faults_.corruptStatusCrc) {
       Block corrupted = reply;
-      corrupted[kCrcOffset] ^= 0xFF;
+      CorruptCrc(corrupted);
       device.Send(corrupted);
     }
     device.Send(reply);

@@ -22,7 +22,6 @@ namespace fs = std::filesystem;
 
 constexpr char kStartPrefix[] = "Starting upload ";
 constexpr char kEndText[] = "Ending upload";
-constexpr size_t kChunk = 57;
 constexpr uint8_t kAccepted = 0;
 constexpr uint8_t kRefused = 1;
 
@@ -78,13 +77,13 @@ class UploadService final : public Service {
     }
     const bool faulted = device.Faults().Has("upload-nack") && Listed(device.Faults(), number) &&
                          nacked_.insert(number).second;
-    if (faulted || !CrcMatches(block) || LengthOf(block) > kChunk) {
+    if (faulted || !CrcMatches(block) || LengthOf(block) > kPayloadSize) {
       device.Note("upload packet " + std::to_string(number) + " refused");
       Reply(number, kRefused, device);
       return true;
     }
-    file_.seekp(static_cast<std::streamoff>(number) * static_cast<std::streamoff>(kChunk));
-    file_.write(reinterpret_cast<const char*>(block.data() + 6), LengthOf(block));
+    file_.seekp(static_cast<std::streamoff>(number) * static_cast<std::streamoff>(kPayloadSize));
+    file_.write(reinterpret_cast<const char*>(PayloadOf(block)), LengthOf(block));
     file_.flush();
     received_.insert(number);
     Reply(number, kAccepted, device);

@@ -6,7 +6,6 @@ namespace ferrolt::devsim {
 namespace {
 
 constexpr const char* kRequestText = "Version Retrieval";
-constexpr uint8_t kCorruptCrcMask = 0xFF;
 
 class VersionService final : public Service {
  public:
@@ -19,7 +18,7 @@ class VersionService final : public Service {
     }
     const auto replyType = static_cast<uint8_t>(faults.Number("version-reply-type", kTypeVersion));
     Block reply = MakeTextPacket(replyType, device.Version());
-    if (faults.Has("corrupt-version-crc")) reply[63] ^= kCorruptCrcMask;
+    if (faults.Has("corrupt-version-crc")) CorruptCrc(reply);
     device.Send(reply);
     device.Note("version request: replied " + device.Version());
     return true;
