@@ -8,11 +8,11 @@
 #include <cstdlib>
 #include <string>
 
-#include "tests/usb/UmockdevTestbed.h"
+#include "devsim/usbdevfs/UmockdevTestbed.h"
 
 int main(int argc, char** argv) {
-  using ferrolt::test::usb::PreloadList;
-  if (!ferrolt::test::usb::RunsPreloaded()) {
+  using ferrolt::devsim::PreloadList;
+  if (!ferrolt::devsim::RunsPreloaded()) {
     const char* inherited = std::getenv("LD_PRELOAD");
     const std::string preload =
         PreloadList() + (inherited != nullptr && *inherited != '\0' ? std::string(":") + inherited : "");

@@ -1,10 +1,10 @@
-#include "tests/usb/UsbDeviceModel.h"
+#include "devsim/usbdevfs/UsbDeviceModel.h"
 
 #include <cstdio>
 
 #include "devsim/DevicePackets.h"
 
-namespace ferrolt::test::usb {
+namespace ferrolt::devsim {
 namespace {
 
 constexpr uint8_t kDeviceDescriptorType = 1;
@@ -74,7 +74,7 @@ const char* SysfsSpeed(UsbSpeed speed) {
   return "480";
 }
 
-std::string Hex(const std::vector<uint8_t>& bytes) { return devsim::HexOf(bytes.data(), bytes.size()); }
+std::string Hex(const std::vector<uint8_t>& bytes) { return HexOf(bytes.data(), bytes.size()); }
 
 std::string Format(const char* format, int first, int second = 0) {
   char text[64];
@@ -126,4 +126,4 @@ std::string SysfsRecordOf(const UsbDeviceModel& model, const UsbAddress& address
   return record;
 }
 
-}  // namespace ferrolt::test::usb
+}  // namespace ferrolt::devsim

@@ -1,6 +1,6 @@
 // The device's end of an emulated USB device node: a umockdev ioctl handler
 // that answers the usbdevfs ioctls libusb sends and moves bulk URBs in and out
-// of a devsim::Device. OUT URBs wait in their endpoint's queue until the
+// of a Device. OUT URBs wait in their endpoint's queue until the
 // device takes their block (a device that NAKs has not taken it), then
 // complete when the device reports the write completed; IN URBs complete, in
 // order, each with one packet of the device's IN blocks. Claiming the vendor
@@ -28,7 +28,7 @@ typedef struct _UMockdevIoctlBase UMockdevIoctlBase;
 typedef struct _UMockdevIoctlClient UMockdevIoctlClient;
 typedef struct _UMockdevIoctlData UMockdevIoctlData;
 
-namespace ferrolt::test::usb {
+namespace ferrolt::devsim {
 
 // Faults of the USB bus itself, beside those the device logic injects.
 struct UsbFaults {
@@ -49,7 +49,7 @@ struct UsbFaults {
 class UsbdevfsDevice {
  public:
   // packetSize: wMaxPacketSize of the bulk endpoints.
-  UsbdevfsDevice(devsim::Device& device, uint8_t vendorInterface, uint16_t packetSize, const UsbFaults& faults);
+  UsbdevfsDevice(Device& device, uint8_t vendorInterface, uint16_t packetSize, const UsbFaults& faults);
   ~UsbdevfsDevice();
   UsbdevfsDevice(const UsbdevfsDevice&) = delete;
   UsbdevfsDevice& operator=(const UsbdevfsDevice&) = delete;
@@ -94,7 +94,7 @@ class UsbdevfsDevice {
   void LetTimePass();
   std::chrono::steady_clock::duration NextWait() const;
 
-  devsim::Device& device_;
+  Device& device_;
   const uint8_t vendorInterface_;
   const uint16_t packetSize_;
   const UsbFaults faults_;
@@ -133,4 +133,4 @@ class UsbdevfsDevice {
   std::thread clock_;  // last: it starts once everything it uses exists
 };
 
-}  // namespace ferrolt::test::usb
+}  // namespace ferrolt::devsim

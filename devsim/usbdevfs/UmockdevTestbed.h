@@ -1,16 +1,15 @@
 // A umockdev testbed: a private sysfs and /dev that programs started with the
 // umockdev preload library see instead of the machine's own. Devices added to
-// it get a device node whose ioctls a handler of ours answers.
+// it get a device node whose ioctls a handler of ours answers. A program
+// joins the testbed with LD_PRELOAD=PreloadList() and UMOCKDEV_DIR=Root().
 #pragma once
 
 #include <string>
 
-#include "tests/support/DeviceUnderTest.h"
-
 typedef struct _UMockdevTestbed UMockdevTestbed;
 typedef struct _UMockdevIoctlBase UMockdevIoctlBase;
 
-namespace ferrolt::test::usb {
+namespace ferrolt::devsim {
 
 class UmockdevTestbed {
  public:
@@ -19,7 +18,10 @@ class UmockdevTestbed {
   UmockdevTestbed(const UmockdevTestbed&) = delete;
   UmockdevTestbed& operator=(const UmockdevTestbed&) = delete;
 
-  // The testbed's folder (UMOCKDEV_DIR of the programs run in it).
+  // The testbed's folder (UMOCKDEV_DIR of the programs run in it). Every
+  // testbed of this process lies in one short scratch folder under /tmp,
+  // removed at exit: a device node's ioctl socket lies below it, and a
+  // socket path has room for 107 bytes only.
   const std::string& Root() const { return root_; }
 
   // Serves the ioctls of the device node with handler. Must come before the
@@ -35,9 +37,6 @@ class UmockdevTestbed {
   // the preload library (see RunsPreloaded).
   void SendUevent(const std::string& sysfsPath, const char* action);
 
-  // What a program needs to run in this testbed.
-  ToolEnvironment Environment() const;
-
  private:
   UMockdevTestbed* testbed_ = nullptr;
   std::string root_;
@@ -51,4 +50,4 @@ std::string PreloadList();
 // True when this process runs with the umockdev preload library.
 bool RunsPreloaded();
 
-}  // namespace ferrolt::test::usb
+}  // namespace ferrolt::devsim

@@ -1,4 +1,4 @@
-#include "tests/usb/UsbdevfsDevice.h"
+#include "devsim/usbdevfs/UsbdevfsDevice.h"
 
 #include <linux/usbdevice_fs.h>
 #include <sys/ioctl.h>
@@ -12,9 +12,9 @@
 #include <vector>
 
 #include "devsim/DeviceLimits.h"
-#include "tests/usb/UsbDeviceModel.h"
+#include "devsim/usbdevfs/UsbDeviceModel.h"
 
-namespace ferrolt::test::usb {
+namespace ferrolt::devsim {
 namespace {
 
 using std::chrono::milliseconds;
@@ -23,7 +23,7 @@ using std::chrono::milliseconds;
 // and then so a stop is never missed.
 constexpr milliseconds kIdleWait{100};
 constexpr const char* kPlugNumberKey = "ferrolt-plug-number";
-constexpr size_t kBlockBytes = sizeof(devsim::Block);
+constexpr size_t kBlockBytes = sizeof(Block);
 constexpr uint32_t kCapabilities = USBDEVFS_CAP_BULK_CONTINUATION | USBDEVFS_CAP_NO_PACKET_SIZE_LIM |
                                    USBDEVFS_CAP_REAP_AFTER_DISCONNECT | USBDEVFS_CAP_ZERO_PACKET;
 
@@ -83,7 +83,7 @@ struct UsbdevfsDevice::Urb {
   UMockdevIoctlData* buffer;  // null for an empty buffer
 };
 
-UsbdevfsDevice::UsbdevfsDevice(devsim::Device& device, uint8_t vendorInterface, uint16_t packetSize,
+UsbdevfsDevice::UsbdevfsDevice(Device& device, uint8_t vendorInterface, uint16_t packetSize,
                                const UsbFaults& faults)
     : device_(device),
       vendorInterface_(vendorInterface),
@@ -372,7 +372,7 @@ void UsbdevfsDevice::AdvanceOut() {
       outQueueStopped_ = true;
       return Finish(std::move(urb), -EPIPE, 0);
     }
-    devsim::Block block{};
+    Block block{};
     if (urb.buffer != nullptr)
       std::memcpy(block.data(), urb.buffer->data, std::min<size_t>(urb.Length(), block.size()));
     device_.OnOutBlock(block);
@@ -395,7 +395,7 @@ void UsbdevfsDevice::AnswerIn() {
     }
     std::vector<uint8_t> packet;
     while (packet.size() < blocksPerPacket * kBlockBytes) {
-      const std::optional<devsim::Block> block = device_.PopInBlock();
+      const std::optional<Block> block = device_.PopInBlock();
       if (!block) break;
       packet.insert(packet.end(), block->begin(), block->end());
     }
@@ -413,9 +413,9 @@ void UsbdevfsDevice::AnswerIn() {
 std::chrono::steady_clock::duration UsbdevfsDevice::NextWait() const {
   std::chrono::steady_clock::duration wait = kIdleWait;
   if (linkOwner_ == nullptr) return wait;
-  if (device_.Busy()) wait = devsim::limits::kBusyPollInterval;
+  if (device_.Busy()) wait = limits::kBusyPollInterval;
   if (const auto due = device_.NextDue()) {
-    wait = std::min(wait, std::max<std::chrono::steady_clock::duration>(*due - devsim::Device::Clock::now(), {}));
+    wait = std::min(wait, std::max<std::chrono::steady_clock::duration>(*due - Device::Clock::now(), {}));
   }
   return wait;
 }
@@ -428,4 +428,4 @@ void UsbdevfsDevice::LetTimePass() {
   }
 }
 
-}  // namespace ferrolt::test::usb
+}  // namespace ferrolt::devsim

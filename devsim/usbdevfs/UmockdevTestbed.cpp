@@ -1,12 +1,55 @@
-#include "tests/usb/UmockdevTestbed.h"
+#include "devsim/usbdevfs/UmockdevTestbed.h"
 
 #include <link.h>
 #include <umockdev.h>
 
-namespace ferrolt::test::usb {
+#include <cstdlib>
+#include <filesystem>
+
+namespace ferrolt::devsim {
 namespace {
 
 constexpr const char* kPreloadLibrary = "libumockdev-preload.so.0";
+constexpr const char* kScratchPattern = "/tmp/ferrolt-usb-XXXXXX";
+
+// GLib reads TMPDIR once, the first time a folder is asked of it, and umockdev
+// makes each testbed there. It is shown a short folder of ours that first
+// time, whatever TMPDIR says (a build folder's path can be long), and the
+// folder goes when the process ends.
+class ScratchFolder {
+ public:
+  ScratchFolder() {
+    std::string path = kScratchPattern;
+    if (mkdtemp(path.data()) == nullptr) return;
+    const char* inherited = std::getenv("TMPDIR");
+    const std::string saved = inherited != nullptr ? inherited : "";
+    setenv("TMPDIR", path.c_str(), 1);
+    const bool taken = path == g_get_tmp_dir();
+    if (inherited != nullptr) {
+      setenv("TMPDIR", saved.c_str(), 1);
+    } else {
+      unsetenv("TMPDIR");
+    }
+    // GLib had chosen its folder before: the testbeds stay there.
+    if (taken) {
+      path_ = path;
+    } else {
+      std::error_code ignored;
+      std::filesystem::remove(path, ignored);
+    }
+  }
+  ~ScratchFolder() {
+    std::error_code ignored;
+    if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
+  }
+  ScratchFolder(const ScratchFolder&) = delete;
+  ScratchFolder& operator=(const ScratchFolder&) = delete;
+
+ private:
+  std::filesystem::path path_;
+};
+
+void UseScratchFolder() { static const ScratchFolder folder; }
 
 std::string TakeError(GError* error) {
   std::string text = error != nullptr ? error->message : "unknown error";
@@ -34,7 +77,9 @@ std::string LoadedObject(const char* part) {
 
 }  // namespace
 
-UmockdevTestbed::UmockdevTestbed() : testbed_(umockdev_testbed_new()) {
+UmockdevTestbed::UmockdevTestbed() {
+  UseScratchFolder();
+  testbed_ = umockdev_testbed_new();
   gchar* root = umockdev_testbed_get_root_dir(testbed_);
   root_ = root;
   g_free(root);
@@ -64,10 +109,6 @@ void UmockdevTestbed::SendUevent(const std::string& sysfsPath, const char* actio
   umockdev_testbed_uevent(testbed_, sysfsPath.c_str(), action);
 }
 
-ToolEnvironment UmockdevTestbed::Environment() const {
-  return {{{"LD_PRELOAD", PreloadList()}, {"UMOCKDEV_DIR", root_}}, {"FERROLT_EMULATOR"}};
-}
-
 std::string PreloadList() {
   for (const char* runtime : {"libasan.so", "libtsan.so"}) {
     const std::string path = LoadedObject(runtime);
@@ -78,7 +119,7 @@ std::string PreloadList() {
 
 bool RunsPreloaded() { return !LoadedObject("libumockdev-preload").empty(); }
 
-}  // namespace ferrolt::test::usb
+}  // namespace ferrolt::devsim
 
 #if defined(__SANITIZE_THREAD__)
 // The testbed's worker thread and ours meet inside GLib, which is not built

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace ferrolt::test::usb {
+namespace ferrolt::devsim {
 
 inline constexpr uint8_t kBulkOutEndpoint = 0x01;
 inline constexpr uint8_t kBulkInEndpoint = 0x81;
@@ -17,8 +17,8 @@ inline constexpr uint8_t kVendorInterface = 4;
 enum class UsbSpeed { Low, Full, High };
 
 struct UsbDeviceModel {
-  uint16_t vendorId = 0x1209;
-  uint16_t productId = 0x0001;
+  uint16_t vendorId = FERROLT_VENDOR_ID;
+  uint16_t productId = FERROLT_PRODUCT_ID;
   UsbSpeed speed = UsbSpeed::High;
   // Interfaces 0 to interfaceCount - 1; the bulk pair sits on bulkInterface.
   uint8_t interfaceCount = kVendorInterface + 1;
@@ -50,4 +50,4 @@ std::string SysfsPathOf(const UsbAddress& address);
 // udev properties and the device node.
 std::string SysfsRecordOf(const UsbDeviceModel& model, const UsbAddress& address);
 
-}  // namespace ferrolt::test::usb
+}  // namespace ferrolt::devsim

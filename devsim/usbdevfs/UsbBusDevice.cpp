@@ -1,0 +1,79 @@
+#include "devsim/usbdevfs/UsbBusDevice.h"
+
+namespace ferrolt::devsim {
+namespace {
+
+constexpr uint8_t kHelloReady = 0;
+constexpr uint8_t kHelloNoDriver = 3;
+constexpr uint8_t kHelloLowSpeed = 1;
+constexpr uint8_t kHelloFullSpeed = 2;
+constexpr uint8_t kHelloHighSpeed = 3;
+
+bool ShapeFromHello(const LinkHello& hello, UsbDeviceModel& model, UsbFaults& faults, std::string& error) {
+  model.vendorId = hello.vendorId;
+  model.productId = hello.productId;
+  model.bulkInterface = hello.interfaceNumber;
+  model.interfaceCount = static_cast<uint8_t>(hello.interfaceNumber + 1);
+  switch (hello.speed) {
+    case kHelloLowSpeed:
+      model.speed = UsbSpeed::Low;
+      break;
+    case kHelloFullSpeed:
+      model.speed = UsbSpeed::Full;
+      break;
+    case kHelloHighSpeed:
+      model.speed = UsbSpeed::High;
+      break;
+    default:
+      error = "speed " + std::to_string(hello.speed) + " has no USB form";
+      return false;
+  }
+  if (hello.state == kHelloNoDriver) faults.claimable = false;
+  if (hello.state != kHelloReady && hello.state != kHelloNoDriver) {
+    error = "state " + std::to_string(hello.state) + " exists only on the emulator link";
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+UsbBusDevice::UsbBusDevice(const DeviceSettings& settings, const LinkHello& hello, const UsbFaults& faults) {
+  UsbFaults shaped = faults;
+  if (!ShapeFromHello(hello, model_, shaped, error_)) return;
+  device_ = Device::Create(settings, error_);
+  if (device_ == nullptr) return;
+  usb_ = std::make_unique<UsbdevfsDevice>(*device_, model_.bulkInterface, BulkPacketSizeOf(model_.speed), shaped);
+  Plug();
+}
+
+UsbBusDevice::~UsbBusDevice() = default;
+
+void UsbBusDevice::Unplug() {
+  if (!plugged_) return;
+  usb_->Unplug();
+  const std::string sysfsPath = SysfsPathOf(address_);
+  // Sent while the entries still exist: the event carries what they say.
+  if (RunsPreloaded()) testbed_.SendUevent(sysfsPath, "remove");
+  testbed_.RemoveDevice(sysfsPath);
+  plugged_ = false;
+}
+
+bool UsbBusDevice::Replug() {
+  if (plugged_ || usb_ == nullptr) return false;
+  ++address_.device;
+  // umockdev announces an added device itself.
+  return Plug();
+}
+
+bool UsbBusDevice::Plug() {
+  // The handler listens before the node exists: a program that opened a node
+  // with no handler behind it would be killed.
+  if (!testbed_.AttachHandler(DeviceNodeOf(address_), usb_->Handler(), error_)) return false;
+  usb_->Plug();
+  if (!testbed_.AddDevice(SysfsRecordOf(model_, address_), error_)) return false;
+  plugged_ = true;
+  return true;
+}
+
+}  // namespace ferrolt::devsim

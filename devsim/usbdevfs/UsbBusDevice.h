@@ -1,0 +1,54 @@
+// The device of ferrolt-devsim as a USB device on an emulated bus: a umockdev
+// testbed holding the device's sysfs entries and node, and the usbdevfs
+// handler that puts the device logic behind that node. A program on libusb
+// reaches it unchanged when started with LD_PRELOAD=PreloadList() and
+// UMOCKDEV_DIR=BusRoot(). The device's hello settings shape it: its ids, the
+// interface of its bulk pair, its speed, and "no driver bound" as an
+// interface no one can claim.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "devsim/Device.h"
+#include "devsim/SocketServer.h"
+#include "devsim/usbdevfs/UmockdevTestbed.h"
+#include "devsim/usbdevfs/UsbDeviceModel.h"
+#include "devsim/usbdevfs/UsbdevfsDevice.h"
+
+namespace ferrolt::devsim {
+
+class UsbBusDevice {
+ public:
+  UsbBusDevice(const DeviceSettings& settings, const LinkHello& hello, const UsbFaults& faults);
+  ~UsbBusDevice();
+  UsbBusDevice(const UsbBusDevice&) = delete;
+  UsbBusDevice& operator=(const UsbBusDevice&) = delete;
+
+  // False, with Error() saying why, when the device could not be set up.
+  bool Running() const { return error_.empty(); }
+  const std::string& Error() const { return error_; }
+  const std::string& BusRoot() const { return testbed_.Root(); }
+
+  // The cable is pulled: transfers in flight fail, the device's node and
+  // sysfs entries go, and programs watching for hotplug are told (when this
+  // process runs with the preload library).
+  void Unplug();
+  // Plugged in again, at the next free address, as the bus would number it.
+  bool Replug();
+  UsbdevfsDevice& Usb() { return *usb_; }
+
+ private:
+  bool Plug();
+
+  UsbDeviceModel model_;
+  UsbAddress address_;
+  bool plugged_ = false;
+  std::string error_;
+  std::unique_ptr<Device> device_;
+  std::unique_ptr<UsbdevfsDevice> usb_;
+  // Destroyed first: its worker thread is the one that calls the handler.
+  UmockdevTestbed testbed_;
+};
+
+}  // namespace ferrolt::devsim
