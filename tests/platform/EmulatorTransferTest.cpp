@@ -1,21 +1,22 @@
+// The emulator link under the transfer contract, with a scripted device at
+// its far end; and the wire's own rules: every A completes the oldest W, and
+// a device that breaks the framing or stops reading is a removed device.
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/emulator/EmulatorBackend.h"
+#include "tests/link/TransferContract.h"
 #include "tests/platform/ScriptedDevice.h"
 
-namespace ferrolt::platform {
+namespace ferrolt::test {
 namespace {
 
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
-using test::Block;
-using test::MarkedBlock;
-using test::ScriptedDevice;
-using test::ScriptOptions;
+using platform::Transfer;
 
 constexpr const char* kListedPath =
     "\\\\?\\USB#VID_1209&PID_0001&MI_04#EMULATOR#{A5DCBF10-6530-11D2-901F-00C04FB951ED}";
@@ -26,81 +27,79 @@ constexpr auto kArrival = 2000ms;
 // How long a transfer that should stay open is watched.
 constexpr auto kQuiet = 100ms;
 
-Block ReadBlock(Transfer& read) {
-  Block block{};
-  read.CopyData(block.data(), static_cast<uint32_t>(block.size()));
-  return block;
-}
+class EmulatorPeer : public ContractPeer {
+ public:
+  EmulatorPeer() { device_.AckWrites(true); }
+  platform::DeviceBackend& Backend() override { return *backend_; }
+  void Stall() override { device_.AckWrites(false); }
+  bool FailWrites() override { return false; }
+  void Send(const Block& block) override {
+    device_.SendBlock(block);
+    Settle();
+  }
+  bool SendShortPackets() override { return false; }
+  void Unplug() override {
+    device_.Hangup();
+    Settle();
+  }
+  std::vector<Block> Taken(size_t count) override {
+    device_.WaitForWrites(count, kArrival);
+    return device_.Writes();
+  }
 
-// Given an opened emulator link to a scripted device, blocks cross the wire
-// as frames, and each frame from the device completes the right transfer.
-class EmulatorTransferTest : public ::testing::Test {
+ private:
+  // The contract's calls wait 5 ms at least: what the device did must have
+  // reached the host's side of the socket before they start.
+  static void Settle() { std::this_thread::sleep_for(kQuiet); }
+
+  ScriptedDevice device_;
+  std::unique_ptr<platform::DeviceBackend> backend_ = platform::CreateEmulatorBackend(device_.Endpoint());
+};
+
+FERROLT_TRANSFER_CONTRACT(EmulatorLink, (PeerMaker{"emulator", [] { return std::make_unique<EmulatorPeer>(); }}));
+
+// Given an opened emulator link to a scripted device.
+class EmulatorWire : public ::testing::Test {
  protected:
-  explicit EmulatorTransferTest(ScriptOptions options = {}) : device(options) {}
+  explicit EmulatorWire(ScriptOptions options = {}) : device(options) {}
 
   void SetUp() override {
-    backend = CreateEmulatorBackend(device.Endpoint());
     ASSERT_EQ(backend->ListInterfaces().paths.size(), 1u);
     connection = backend->Open(kListedPath);
     ASSERT_NE(connection, nullptr);
   }
-
-  std::shared_ptr<Transfer> Write(const Block& block) {
-    auto write = connection->StartWrite(kOut, block.data(), static_cast<uint32_t>(block.size()));
-    EXPECT_NE(write, nullptr);
-    return write;
-  }
-
-  // Blocks until the link has taken in everything the device sent before
-  // this: the device's A for a fresh write follows all of it on the stream.
-  void Sync() {
-    auto marker = Write(MarkedBlock(0xEE, 0xEE));
-    device.SendAck();
-    ASSERT_TRUE(marker->Completion().WaitFor(kArrival));
-  }
-
-  // An open read stays open until the device sends a block, then holds it.
-  void ExpectOpenUntilTheNextBlock(Transfer& read, const Block& block) {
-    EXPECT_FALSE(read.Completion().WaitFor(kQuiet));
-    device.SendBlock(block);
-    ASSERT_TRUE(read.Completion().WaitFor(kArrival));
-    EXPECT_EQ(ReadBlock(read), block);
+  std::shared_ptr<Transfer> Write(uint8_t seq) {
+    const Block block = MarkedBlock(seq, seq);
+    return connection->StartWrite(kOut, block.data(), static_cast<uint32_t>(block.size()));
   }
 
   ScriptedDevice device;
-  std::unique_ptr<DeviceBackend> backend;
-  std::unique_ptr<DeviceConnection> connection;
+  std::unique_ptr<platform::DeviceBackend> backend = platform::CreateEmulatorBackend(device.Endpoint());
+  std::unique_ptr<platform::DeviceConnection> connection;
 };
 
-// Given open writes, each A completes the oldest, so a late A completes the
-// write whose wait ran out and not the retry sent after it.
-TEST_F(EmulatorTransferTest, AcksCompleteWritesInOrderSoALateAckCompletesItsOwnWrite) {
-  auto stalled = Write(MarkedBlock(1, 1));
-  // The caller's wait on the first write has run out; it sends again.
+// Given a write whose wait ran out, a retry and a flushed write, each A
+// completes the oldest W: a late A is its own write's, and a flushed write
+// keeps its failure though its A still counts.
+TEST_F(EmulatorWire, EachAckCompletesTheOldestWrite) {
+  auto stalled = Write(1);
   EXPECT_FALSE(stalled->Completion().WaitFor(kQuiet));
-  auto retry = Write(MarkedBlock(1, 1));
+  auto retry = Write(1);
   ASSERT_TRUE(device.WaitForWrites(2, kArrival));
-
   device.SendAck();
   ASSERT_TRUE(stalled->Completion().WaitFor(kArrival));
   EXPECT_TRUE(stalled->Succeeded());
   EXPECT_EQ(stalled->BytesTransferred(), 64u);
   EXPECT_FALSE(retry->Completion().WaitFor(kQuiet));
-
   device.SendAck();
   ASSERT_TRUE(retry->Completion().WaitFor(kArrival));
-  EXPECT_TRUE(retry->Succeeded());
-}
 
-TEST_F(EmulatorTransferTest, FlushOfOutFailsOpenWritesButTheirAcksStillCount) {
-  auto flushed = Write(MarkedBlock(1, 1));
+  auto flushed = Write(2);
   ASSERT_TRUE(connection->FlushPipe(kOut));
-  ASSERT_TRUE(flushed->Completion().WaitFor(kArrival));
   EXPECT_FALSE(flushed->Succeeded());
-
-  auto next = Write(MarkedBlock(2, 2));
-  ASSERT_TRUE(device.WaitForWrites(2, kArrival));
-  device.SendAck();  // belongs to the flushed write
+  auto next = Write(3);
+  ASSERT_TRUE(device.WaitForWrites(4, kArrival));
+  device.SendAck();  // the flushed write's
   EXPECT_FALSE(next->Completion().WaitFor(kQuiet));
   device.SendAck();
   ASSERT_TRUE(next->Completion().WaitFor(kArrival));
@@ -108,54 +107,23 @@ TEST_F(EmulatorTransferTest, FlushOfOutFailsOpenWritesButTheirAcksStillCount) {
   EXPECT_FALSE(flushed->Succeeded());
 }
 
-// Given blocks that come before any read, they wait and come out in order;
-// given a read that comes first, the next block completes it.
-TEST_F(EmulatorTransferTest, BlocksWaitForReadsInOrderAndAnOpenReadTakesTheNext) {
-  device.SendBlock(MarkedBlock(1, 0xA1));
-  device.SendBlock(MarkedBlock(2, 0xA2));
-  Sync();
-  for (uint8_t seq = 1; seq <= 2; ++seq) {
-    auto read = connection->StartRead(kIn, 64);
-    ASSERT_NE(read, nullptr);
-    ASSERT_TRUE(read->Completion().WaitFor(kArrival));
-    EXPECT_TRUE(read->Succeeded());
-    EXPECT_EQ(read->BytesTransferred(), 64u);
-    EXPECT_EQ(ReadBlock(*read), MarkedBlock(seq, static_cast<uint8_t>(0xA0 + seq)));
-  }
-
-  ExpectOpenUntilTheNextBlock(*connection->StartRead(kIn, 64), MarkedBlock(3, 0xB3));
-}
-
-// Given a flush of IN, open reads fail and queued blocks are gone; the next
-// read takes the next block the device sends.
-TEST_F(EmulatorTransferTest, FlushOfInFailsOpenReadsAndDiscardsQueuedBlocks) {
-  auto open = connection->StartRead(kIn, 64);
-  ASSERT_TRUE(connection->FlushPipe(kIn));
-  ASSERT_TRUE(open->Completion().WaitFor(kArrival));
-  EXPECT_FALSE(open->Succeeded());
-
+// Given blocks the host queued, a flush of IN drops them and fails the open
+// read; wrong pipes start nothing.
+TEST_F(EmulatorWire, FlushOfInDropsQueuedBlocksAndWrongPipesStartNothing) {
   device.SendBlock(MarkedBlock(1, 0xC1));
-  device.SendBlock(MarkedBlock(2, 0xC2));
-  Sync();
+  auto probe = Write(9);
+  device.SendAck();  // follows the block on the stream: the block has arrived
+  ASSERT_TRUE(probe->Completion().WaitFor(kArrival));
   ASSERT_TRUE(connection->FlushPipe(kIn));
-  ExpectOpenUntilTheNextBlock(*connection->StartRead(kIn, 64), MarkedBlock(3, 0xC3));
-}
+  auto read = connection->StartRead(kIn, 64);
+  EXPECT_FALSE(read->Completion().WaitFor(kQuiet));
+  ASSERT_TRUE(connection->FlushPipe(kIn));
+  EXPECT_FALSE(read->Succeeded());
 
-TEST_F(EmulatorTransferTest, WrongPipesStartNothing) {
   const Block block{};
   EXPECT_EQ(connection->StartWrite(kIn, block.data(), 64), nullptr);
   EXPECT_EQ(connection->StartRead(kOut, 64), nullptr);
   EXPECT_FALSE(connection->FlushPipe(0x02));
-}
-
-TEST_F(EmulatorTransferTest, ClosingTheConnectionFailsWhatIsOpen) {
-  auto write = Write(MarkedBlock(1, 1));
-  auto read = connection->StartRead(kIn, 64);
-  connection.reset();
-  EXPECT_TRUE(write->IsComplete());
-  EXPECT_FALSE(write->Succeeded());
-  EXPECT_TRUE(read->IsComplete());
-  EXPECT_FALSE(read->Succeeded());
 }
 
 // How the device goes: the bytes it sends last, and whether it hangs up.
@@ -165,11 +133,12 @@ struct Removal {
   bool hangsUp;
 };
 
-// Given a device that goes away, open transfers fail and new ones do not start.
-class EmulatorRemovedDeviceTest : public EmulatorTransferTest, public ::testing::WithParamInterface<Removal> {};
+class EmulatorRemoval : public EmulatorWire, public ::testing::WithParamInterface<Removal> {};
 
-TEST_P(EmulatorRemovedDeviceTest, OpenTransfersFailAndNewOnesDoNotStart) {
-  auto write = Write(MarkedBlock(1, 1));
+// Given a device that goes away or breaks the framing, open transfers fail
+// and new ones do not start.
+TEST_P(EmulatorRemoval, OpenTransfersFailAndNewOnesDoNotStart) {
+  auto write = Write(1);
   auto read = connection->StartRead(kIn, 64);
   ASSERT_TRUE(device.WaitForWrites(1, kArrival));
   if (!GetParam().lastBytes.empty()) device.SendRaw(GetParam().lastBytes);
@@ -178,38 +147,36 @@ TEST_P(EmulatorRemovedDeviceTest, OpenTransfersFailAndNewOnesDoNotStart) {
   EXPECT_FALSE(read->Succeeded());
   ASSERT_TRUE(write->Completion().WaitFor(kArrival));
   EXPECT_FALSE(write->Succeeded());
-  const Block block{};
-  EXPECT_EQ(connection->StartWrite(kOut, block.data(), 64), nullptr);
+  EXPECT_EQ(Write(2), nullptr);
   EXPECT_EQ(connection->StartRead(kIn, 64), nullptr);
 }
 
-INSTANTIATE_TEST_SUITE_P(Removals, EmulatorRemovedDeviceTest,
+INSTANTIATE_TEST_SUITE_P(Removals, EmulatorRemoval,
                          ::testing::Values(Removal{"Hangup", {}, true}, Removal{"TornFrame", {'R', 1, 2, 3}, true},
                                            Removal{"UnknownFrame", {'Z'}, false}),
                          [](const ::testing::TestParamInfo<Removal>& info) { return std::string(info.param.name); });
 
-// Given a device that stops reading, a write gives up within its bound
-// instead of holding its caller.
-class EmulatorDeafDeviceTest : public EmulatorTransferTest {
+// Given a device that stops reading, writes give up once the socket is full
+// instead of holding their caller.
+class EmulatorDeafDevice : public EmulatorWire {
  protected:
   static ScriptOptions Deaf() {
     ScriptOptions options;
     options.readsFrames = false;
     return options;
   }
-  EmulatorDeafDeviceTest() : EmulatorTransferTest(Deaf()) {}
+  EmulatorDeafDevice() : EmulatorWire(Deaf()) {}
 };
 
-TEST_F(EmulatorDeafDeviceTest, WritesStopOnceTheSocketIsFull) {
+TEST_F(EmulatorDeafDevice, WritesStopOnceTheSocketIsFull) {
   constexpr int kMostFrames = 200000;  // far beyond any socket buffer
-  const Block block{};
-  const auto start = Clock::now();
+  const auto start = std::chrono::steady_clock::now();
   int started = 0;
-  while (started < kMostFrames && connection->StartWrite(kOut, block.data(), 64) != nullptr) ++started;
+  while (started < kMostFrames && Write(0) != nullptr) ++started;
   EXPECT_LT(started, kMostFrames);
-  EXPECT_LT(Clock::now() - start, 10s);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
   EXPECT_EQ(connection->StartRead(kIn, 64), nullptr);
 }
 
 }  // namespace
-}  // namespace ferrolt::platform
+}  // namespace ferrolt::test

@@ -128,6 +128,7 @@ void ScriptedDevice::ReadFromHost() {
       Block block;
       std::memcpy(block.data(), pending_.data() + 1, block.size());
       writes_.push_back(block);
+      if (acksWrites_) SendEverything(client_, &kWireAck, 1);
     }
     pending_.erase(pending_.begin(), pending_.begin() + kFrameSize);
   }
@@ -153,6 +154,11 @@ std::vector<Block> ScriptedDevice::Writes() const {
 int ScriptedDevice::Connections() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return connections_;
+}
+
+void ScriptedDevice::AckWrites(bool on) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  acksWrites_ = on;
 }
 
 void ScriptedDevice::SendAck() { SendRaw({kWireAck}); }

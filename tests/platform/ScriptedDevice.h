@@ -50,6 +50,8 @@ class ScriptedDevice {
   std::vector<Block> Writes() const;
   int Connections() const;
 
+  // From now on, each W frame is answered with its A as it arrives (or not).
+  void AckWrites(bool on);
   void SendAck();
   void SendBlock(const Block& block);
   void SendRaw(const std::vector<uint8_t>& bytes);
@@ -74,6 +76,7 @@ class ScriptedDevice {
   int connections_ = 0;
   std::vector<uint8_t> pending_;  // bytes of a W frame still coming
   std::vector<Block> writes_;
+  bool acksWrites_ = false;
 
   std::thread server_;
 };
