@@ -1,5 +1,6 @@
-// The upgrade over the emulator link to a running ferrolt-devsim: whatever
-// the device refuses on the way, the bundle it stores equals the file.
+// The upgrade table: a DeviceAdmin upgrading devsim's device in process,
+// with the device's faults. Whatever the device refuses on the way, the
+// bundle it stores equals the file, and the console shows what it refused.
 #include <gtest/gtest.h>
 
 #include "devsim/Bundle.h"
@@ -12,37 +13,46 @@ namespace {
 constexpr size_t kLargeBundle = 300 * 1024;
 
 struct UpgradeCase {
+  const char* name;
   size_t size;
   std::vector<std::string> faults;
+  // A line the console must hold ("" for none), and whether the device
+  // refused anything (the worker then went back).
+  const char* consoleHas;
+  bool resends;
 };
-void PrintTo(const UpgradeCase& c, std::ostream* os) { *os << c.size << " bytes " << testing::PrintToString(c.faults); }
 
-// Given a device started with the fault options, an upgrade of a bundle
-// completes and the device stores it byte for byte.
-class UpgradeDespiteFault : public DevsimFixture, public testing::WithParamInterface<UpgradeCase> {};
+class UpgradeTable : public DevsimFixture, public testing::WithParamInterface<UpgradeCase> {};
 
-TEST_P(UpgradeDespiteFault, StoresTheBundle) {
-  Start(GetParam().faults);
-  const size_t size = GetParam().size;
-  const std::string bundle = RandomBytes(size, static_cast<unsigned>(size));
+TEST_P(UpgradeTable, StoresTheBundle) {
+  const UpgradeCase& row = GetParam();
+  Start(row.faults);
+  // A bundle whose first packet reads as the end text is still data.
+  std::string bundle = "Ending Upgrade" + RandomBytes(row.size, static_cast<unsigned>(row.size));
+  bundle.resize(row.size);
   const fs::path path = dir / "bundle.img";
   WriteFile(path, bundle);
-  const std::string console = Run([&](DeviceAdmin& a) {
-    return a.UpgradeBundleAsync(path.string(), &progress, &log, false);
-  });
+  const std::string console =
+      Run([&](DeviceAdmin& a) { return a.UpgradeBundleAsync(path.string(), &progress, &log, false); });
   EXPECT_TRUE(log.Has("Please wait until reboot of device is done."));
   EXPECT_EQ(ReadFile(devsim::BundleImagePath(root)), bundle);
-  EXPECT_NE(console.find("File Size = " + std::to_string(size) + "\n"), std::string::npos);
+  EXPECT_NE(console.find("File Size = " + std::to_string(row.size) + "\n"), std::string::npos);
+  EXPECT_NE(console.find(row.consoleHas), std::string::npos) << console.substr(0, 2000);
+  EXPECT_EQ(console.find("Resending NACK packet") != std::string::npos, row.resends);
 }
 
-INSTANTIATE_TEST_SUITE_P(Faults, UpgradeDespiteFault,
-                         testing::Values(UpgradeCase{57, {}}, UpgradeCase{kLargeBundle, {"nack=3,100,2000"}},
-                                         UpgradeCase{kLargeBundle, {"nack-always=50"}},
-                                         UpgradeCase{kLargeBundle, {"corrupt=7,1500"}},
-                                         UpgradeCase{kLargeBundle, {"nack-beyond=20"}},
-                                         UpgradeCase{kLargeBundle, {"double-nack=400"}},
-                                         UpgradeCase{kLargeBundle, {"corrupt-status-crc"}},
-                                         UpgradeCase{kLargeBundle, {"nack=10", "corrupt=900", "double-nack=3000"}}));
+INSTANTIATE_TEST_SUITE_P(
+    Faults, UpgradeTable,
+    testing::Values(UpgradeCase{"OnePacket", 57, {}, "", false},
+                    UpgradeCase{"Nacks", kLargeBundle, {"nack=3,100,2000"}, "Resending NACK packet, packet No : 100\n",
+                                true},
+                    UpgradeCase{"NackAlwaysUpToTheBound", kLargeBundle, {"nack-always=50"}, "", true},
+                    UpgradeCase{"CorruptPackets", kLargeBundle, {"corrupt=7,1500"}, "CRC error\n", true},
+                    UpgradeCase{"NackBeyondTheCount", kLargeBundle, {"nack-beyond=20"}, "", false},
+                    UpgradeCase{"DoubleNack", kLargeBundle, {"double-nack=400"}, "Sequence error\n", true},
+                    UpgradeCase{"CorruptEndStatus", kLargeBundle, {"corrupt-status-crc"}, "CRC failed.\n", false},
+                    UpgradeCase{"Mixed", kLargeBundle, {"nack=10", "corrupt=900", "double-nack=3000"}, "", true}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
 }  // namespace ferrolt::test

@@ -148,38 +148,46 @@ TEST_F(UpgradeWorker, RetriesAFailedWriteAndGivesUpOnAPacketAfterTheBound) {
 
 // Given a NACK while a chosen packet is written, the worker goes back to the
 // refused number n only at a step i with 0 <= n < i.
-TEST_F(UpgradeWorker, GoesBackToAnEarlierNackedPacketAndSendsOnInOrder) {
+// The NACKs the device sends while data packet `at` is written, and the
+// packets the worker then writes: it goes back to a refused number n only at
+// a step i with 0 <= n < i, acts on the later of two NACKs within one step,
+// and ignores a number at or beyond the packet count.
+struct NackCase {
+  const char* name;
+  uint32_t packets;
+  uint32_t at;
+  std::vector<uint32_t> nacks;
+  std::vector<uint32_t> written;
+  std::vector<uint32_t> resent;
+};
+
+class UpgradeNacks : public UpgradeWorker, public ::testing::WithParamInterface<NackCase> {};
+
+TEST_P(UpgradeNacks, GoesBackOnlyWhereTheRulesSay) {
+  const NackCase& row = GetParam();
+  NackWhileWriting(row.at, row.nacks);
+  const std::string console = Upgrade(MakeBundle(kPayloadSize * row.packets, 5));
+  EXPECT_EQ(DataNumbers(device.Written()), row.written);
+  EXPECT_EQ(Resent(console), row.resent);
+  for (uint32_t n : row.resent) EXPECT_TRUE(log.Has("Write data :" + BytesToHex(DataPacket(n).data(), 64)));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, UpgradeNacks,
+    ::testing::Values(NackCase{"EarlierPacket", 20, 10, {3}, Ranges({{0, 10}, {3, 19}}), {3}},
+                      NackCase{"NextPacketOnceItIsPassed", 10, 4, {5}, Ranges({{0, 5}, {5, 9}}), {5}},
+                      NackCase{"BeyondTheCount", 10, 2, {10}, Ranges({{0, 9}}), {}},
+                      NackCase{"LaterOfTwoInOneStep", 10, 8, {2, 4}, Ranges({{0, 8}, {4, 9}}), {4}}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// The percentage drops back with a rewind and is reported again.
+TEST_F(UpgradeWorker, ProgressDropsBackWithARewind) {
   NackWhileWriting(10, {3});
-  const std::string console = Upgrade(MakeBundle(57 * 20, 5));
-  EXPECT_EQ(DataNumbers(device.Written()), Ranges({{0, 10}, {3, 19}}));
-  EXPECT_EQ(Resent(console), std::vector<uint32_t>{3});
-  EXPECT_TRUE(log.Has("Write data :" + BytesToHex(DataPacket(3).data(), 64)));
-  // The percentage drops back with the rewind and is reported again.
+  Upgrade(MakeBundle(kPayloadSize * 20, 5));
   const auto lines = log.Lines();
   const auto p50 = std::find(lines.begin(), lines.end(), "Progress: 50%%");
   ASSERT_NE(p50, lines.end());
   EXPECT_NE(std::find(p50, lines.end(), "Progress: 15%%"), lines.end());
-}
-
-TEST_F(UpgradeWorker, ActsOnANackForTheNextPacketOnlyOnceItIsPassed) {
-  NackWhileWriting(4, {5});
-  const std::string console = Upgrade(MakeBundle(57 * 10));
-  EXPECT_EQ(DataNumbers(device.Written()), Ranges({{0, 5}, {5, 9}}));
-  EXPECT_EQ(Resent(console), std::vector<uint32_t>{5});
-}
-
-TEST_F(UpgradeWorker, IgnoresANackAtOrBeyondThePacketCount) {
-  NackWhileWriting(2, {10});
-  const std::string console = Upgrade(MakeBundle(57 * 10));
-  EXPECT_EQ(DataNumbers(device.Written()), Ranges({{0, 9}}));
-  EXPECT_TRUE(Resent(console).empty());
-}
-
-TEST_F(UpgradeWorker, ActsOnlyOnTheLaterOfTwoNacksWithinOneStep) {
-  NackWhileWriting(8, {2, 4});
-  const std::string console = Upgrade(MakeBundle(57 * 10));
-  EXPECT_EQ(DataNumbers(device.Written()), Ranges({{0, 8}, {4, 9}}));
-  EXPECT_EQ(Resent(console), std::vector<uint32_t>{4});
 }
 
 // Given a device that never sends its end report, a cancel ends the wait at
