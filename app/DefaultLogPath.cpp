@@ -1,20 +1,8 @@
 #include "app/DefaultLogPath.h"
 
+#include "platform/LocalTime.h"
+
 namespace ferrolt {
-
-namespace {
-
-std::tm ToLocalTime(std::time_t when) {
-  std::tm local{};
-#ifdef _WIN32
-  localtime_s(&local, &when);
-#else
-  localtime_r(&when, &local);
-#endif
-  return local;
-}
-
-}  // namespace
 
 std::string DefaultLogName(const std::tm& localTime) {
   char name[kLogNameBufferSize] = {};
@@ -22,6 +10,6 @@ std::string DefaultLogName(const std::tm& localTime) {
   return name;
 }
 
-std::string DefaultLogName(std::time_t when) { return DefaultLogName(ToLocalTime(when)); }
+std::string DefaultLogName(std::time_t when) { return DefaultLogName(platform::LocalTime(when)); }
 
 }  // namespace ferrolt

@@ -6,6 +6,8 @@
 #include <ctime>
 #include <string>
 
+#include "platform/TemporaryFolder.h"
+
 namespace ferrolt {
 
 // The name is formatted into a buffer of this size.
@@ -18,10 +20,7 @@ inline constexpr const char* kLogNameFormat = "TavrelLogs(%Y-%m-%d.%I`%M`%S).zip
 std::string DefaultLogName(const std::tm& localTime);
 std::string DefaultLogName(std::time_t when);
 
-// The temporary folder with its trailing separator, written into buffer: on
-// Windows as GetTempPathA gives it, elsewhere $TMPDIR, else /tmp/, with a
-// trailing '/'. Returns its length; 0 when there is no such folder; the
-// length it would need when that is size or more (nothing is written then).
-size_t TemporaryFolder(char* buffer, size_t size);
+// The folder the default log path goes in.
+using platform::TemporaryFolder;
 
 }  // namespace ferrolt

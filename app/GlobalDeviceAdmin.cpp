@@ -1,7 +1,7 @@
 #include "app/GlobalDeviceAdmin.h"
 
-#include "app/ControlHandler.h"
 #include "link/Limits.h"
+#include "platform/ConsoleSignals.h"
 
 namespace ferrolt {
 
@@ -10,7 +10,7 @@ namespace {
 DeviceAdmin* CreateGlobalDeviceAdmin() {
   // A backend may start threads of its own; they must inherit the blocked
   // control signals, or a Ctrl+C could kill the process on one of them.
-  PrepareControlHandler();
+  platform::PrepareConsoleSignals();
   return new DeviceAdmin(platform::CreateDefaultBackend());
 }
 

@@ -1,11 +1,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <string>
 #include <system_error>
 
-#include "app/DefaultLogPath.h"
+#include "platform/TemporaryFolder.h"
 
-namespace ferrolt {
+namespace ferrolt::platform {
 
 namespace {
 
@@ -26,4 +27,4 @@ size_t TemporaryFolder(char* buffer, size_t size) {
   return folder.size();
 }
 
-}  // namespace ferrolt
+}  // namespace ferrolt::platform

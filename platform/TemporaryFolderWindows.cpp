@@ -1,8 +1,8 @@
 #include <windows.h>
 
-#include "app/DefaultLogPath.h"
+#include "platform/TemporaryFolder.h"
 
-namespace ferrolt {
+namespace ferrolt::platform {
 
 size_t TemporaryFolder(char* buffer, size_t size) {
   const DWORD answer = GetTempPathA(static_cast<DWORD>(size), buffer);
@@ -12,4 +12,4 @@ size_t TemporaryFolder(char* buffer, size_t size) {
   return answer;
 }
 
-}  // namespace ferrolt
+}  // namespace ferrolt::platform
