@@ -1,5 +1,10 @@
+// The command line as a table: by argument count first, then by word, in
+// any letter case; -v only as the last argument the command reads; startort
+// checks only its second argument and the string's length.
 #include <gtest/gtest.h>
 
+#include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -10,41 +15,51 @@ namespace {
 
 using K = CommandKind;
 
-CommandKind KindOf(const std::vector<std::string>& args) { return DispatchCommand(args).kind; }
+struct Row {
+  std::vector<std::string> args;
+  CommandKind kind;
+  std::optional<std::string> first = {};
+  bool verbose = false;
+};
 
-// Given a command line, it picks the command by argument count first, then by word.
-TEST(CommandDispatchTest, WordsAndAliasesIgnoreCaseOnlyAtTheirCount) {
-  EXPECT_EQ(KindOf({"VersionRetrieval"}), K::Version);
-  EXPECT_EQ(KindOf({"PROGCAP"}), K::ProgramCaptouch);
-  EXPECT_EQ(KindOf({"CliCmd", "ls"}), K::CliCommand);
-  EXPECT_EQ(KindOf({"FileUpload", "a"}), K::Upload);
-  EXPECT_EQ(KindOf({"FILEDOWNLOAD", "a", "b"}), K::Download);
-  EXPECT_EQ(KindOf({"DownloadLogs"}), K::DefaultLogs);
-  EXPECT_EQ(KindOf({"versionx"}), K::Unrecognised);
-  EXPECT_EQ(KindOf({"upload", "a", "b"}), K::Unrecognised);
-  EXPECT_EQ(KindOf({"startcli", "x"}), K::Unrecognised);
+const Row kRows[] = {
+    {{"VersionRetrieval"}, K::Version},
+    {{"PROGCAP"}, K::ProgramCaptouch},
+    {{"CliCmd", "ls"}, K::CliCommand},
+    {{"FileUpload", "a"}, K::Upload},
+    {{"FILEDOWNLOAD", "a", "b"}, K::Download},
+    {{"DownloadLogs"}, K::DefaultLogs},
+    {{"versionx"}, K::Unrecognised},
+    {{"upload", "a", "b"}, K::Unrecognised},
+    {{"startcli", "x"}, K::Unrecognised},
+    {{"upgrade", "/b.img", "-v"}, K::Upgrade, "/b.img", true},
+    {{"upgrade", "/b.img", "-v", "x"}, K::Upgrade, "/b.img", false},
+    {{"upgrade", "-v"}, K::Upgrade, "-v", false},
+    {{"logs", "-v"}, K::Logs, "-v", false},
+    {{"logs", "/l.zip", "-v"}, K::Logs, "/l.zip", true},
+    {{"startort"}, K::StartOrt, "ort start"},
+    {{"startort", "Reboot"}, K::StartOrt},
+    {{"startort", "duration", "20"}, K::WrongOrt},
+    // "ort start reboot " is 17 characters: 62 more make 79, one more is too many.
+    {{"startort", "reboot", std::string(61, 'a')}, K::StartOrt},
+    {{"startort", "reboot", std::string(62, 'a')}, K::OrtTooLong},
+};
+
+void PrintTo(const Row& row, std::ostream* out) { *out << testing::PrintToString(row.args); }
+
+class CommandDispatchTable : public testing::TestWithParam<Row> {};
+
+TEST_P(CommandDispatchTable, PicksTheCommand) {
+  const Row& row = GetParam();
+  const Command command = DispatchCommand(row.args);
+  EXPECT_EQ(command.kind, row.kind);
+  if (row.first) {
+    EXPECT_EQ(command.first, *row.first);
+  }
+  EXPECT_EQ(command.verbose, row.verbose);
 }
 
-TEST(CommandDispatchTest, VerboseOnlyAsTheLastReadArgument) {
-  EXPECT_TRUE(DispatchCommand({"upgrade", "/b.img", "-v"}).verbose);
-  EXPECT_FALSE(DispatchCommand({"upgrade", "/b.img", "-v", "x"}).verbose);
-  const Command upgrade = DispatchCommand({"upgrade", "-v"});
-  EXPECT_FALSE(upgrade.verbose);
-  EXPECT_EQ(upgrade.first, "-v");
-  const Command logs = DispatchCommand({"logs", "-v"});
-  EXPECT_EQ(logs.kind, K::Logs);
-  EXPECT_EQ(logs.first, "-v");
-  EXPECT_TRUE(DispatchCommand({"logs", "/l.zip", "-v"}).verbose);
-}
-
-TEST(CommandDispatchTest, StartOrtChecksOnlyItsSecondArgumentAndItsLength) {
-  EXPECT_EQ(DispatchCommand({"startort"}).first, "ort start");
-  EXPECT_EQ(KindOf({"startort", "Reboot"}), K::StartOrt);
-  EXPECT_EQ(KindOf({"startort", "duration", "20"}), K::WrongOrt);
-  // "ort start reboot " is 17 characters: 62 more make 79, one more is too many.
-  EXPECT_EQ(KindOf({"startort", "reboot", std::string(61, 'a')}), K::StartOrt);
-  EXPECT_EQ(KindOf({"startort", "reboot", std::string(62, 'a')}), K::OrtTooLong);
-}
+INSTANTIATE_TEST_SUITE_P(Rows, CommandDispatchTable, testing::ValuesIn(kRows));
 
 }  // namespace
 }  // namespace ferrolt

@@ -74,7 +74,7 @@ inline std::string OutputOf(const std::vector<Block>& blocks) {
   std::string output;
   for (const Block& block : blocks) {
     if (PayloadText(block) == "ending testdata") continue;
-    output.append(reinterpret_cast<const char*>(block.data() + 6), LengthOf(block));
+    output.append(reinterpret_cast<const char*>(PayloadOf(block)), LengthOf(block));
   }
   return output;
 }

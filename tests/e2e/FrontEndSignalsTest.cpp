@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include "devsim/DevicePackets.h"
 #include "tests/e2e/FrontEndRuns.h"
 
 namespace ferrolt::test {
@@ -72,8 +73,8 @@ TEST_F(FrontEndSignalsTest, BreakDuringUpgradeSendsTheCancelPacket) {
 
   const std::vector<Block> received = device->Received();
   ASSERT_FALSE(received.empty());
-  EXPECT_EQ(received.back()[0], 7);
-  EXPECT_EQ(PayloadTextOf(received.back()), "Cancel");
+  EXPECT_EQ(devsim::TypeOf(received.back()), devsim::kTypeCancel);
+  EXPECT_EQ(devsim::PayloadText(received.back()), "Cancel");
 }
 
 }  // namespace

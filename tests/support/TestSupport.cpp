@@ -261,10 +261,4 @@ std::string DevsimServer::Events() const { return ReadFile(events_); }
 
 ToolEnvironment DevsimServer::Environment() const { return {{{"FERROLT_EMULATOR", endpoint_}}, {}}; }
 
-std::string PayloadTextOf(const Block& block) {
-  char text[58] = {};
-  std::memcpy(text, block.data() + 6, 57);
-  return text;
-}
-
 }  // namespace ferrolt::test

@@ -120,7 +120,4 @@ class DevsimServer final : public DeviceUnderTest {
   std::unique_ptr<Subprocess> process_;
 };
 
-// The text of a packet's payload (57 bytes plus a zero).
-std::string PayloadTextOf(const Block& block);
-
 }  // namespace ferrolt::test
