@@ -19,7 +19,6 @@
 #include "link/UsbLink.h"
 #include "platform/DeviceBackend.h"
 #include "platform/Event.h"
-#include "platform/Mutex.h"
 
 namespace ferrolt {
 
@@ -112,8 +111,9 @@ class DeviceAdmin {
   // download in the give-up line.
   bool SendDownloadRequest(const uint8_t* request, const char* subject, ILogMessageCallBack* log);
 
-  // Taken by the upgrade sender for each packet step.
-  platform::Mutex LinkMutex;
+  // Taken by the upgrade sender for each packet step; the response reader
+  // never takes it, so it paces nothing.
+  std::mutex LinkMutex;
   // Manual reset; reset at every launch, listed first by every waited transfer.
   platform::Event CancelEvent;
   std::unique_ptr<platform::DeviceBackend> Backend;

@@ -28,6 +28,12 @@ std::array<uint8_t, kCrcTableSize> BuildCrcTable() {
   return table;
 }
 
+// A function-local static: built once, and a concurrent first use waits for it.
+const std::array<uint8_t, kCrcTableSize>& CrcTable() {
+  static const std::array<uint8_t, kCrcTableSize> table = BuildCrcTable();
+  return table;
+}
+
 char AsciiLower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
 
 void PutNumber(uint8_t* packet, uint32_t number) {
@@ -36,15 +42,10 @@ void PutNumber(uint8_t* packet, uint32_t number) {
 
 }  // namespace
 
-const std::array<uint8_t, 256>& Crc8::Table() {
-  // A function-local static: built once, and a concurrent first use waits for it.
-  static const std::array<uint8_t, kCrcTableSize> table = BuildCrcTable();
-  return table;
-}
 
 uint8_t ComputeCrc8(const uint8_t* data, int count) {
   if (count <= 0 || data == nullptr) return 0x00;
-  const auto& table = Crc8::Table();
+  const auto& table = CrcTable();
   uint8_t c = 0;
   for (int i = 0; i < count; ++i) c = table[c ^ data[i]];
   return c ^ kCrcFinalXor;

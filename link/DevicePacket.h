@@ -29,38 +29,16 @@ enum class PacketType : uint8_t {
   Nack = 10,
 };
 
-// Field offsets of a DevicePacket (packed, little-endian number).
+// Field offsets of a DevicePacket: type, number (u32 little-endian), length,
+// 57 payload bytes, CRC-8 of bytes 0-62.
 inline constexpr size_t kTypeOffset = 0;
 inline constexpr size_t kNumberOffset = 1;
 inline constexpr size_t kLengthOffset = 5;
 inline constexpr size_t kPayloadOffset = 6;
 inline constexpr size_t kCrcOffset = 63;
 
-#pragma pack(push, 1)
-struct DevicePacket {
-  uint8_t type;
-  uint32_t number;  // little-endian on the wire; read it with PacketNumber()
-  uint8_t length;
-  uint8_t payload[kPayloadSize];
-  uint8_t crc;
-};
-#pragma pack(pop)
-static_assert(sizeof(DevicePacket) == kBlockSize);
-
-// 64 bytes of zero-terminated text from byte 0: no type byte, no CRC.
-struct RawTextBlock {
-  char text[kBlockSize];
-};
-static_assert(sizeof(RawTextBlock) == kBlockSize);
-
-// CRC-8: polynomial 0x07, initial 0x00, not reflected, result complemented.
-// The table is built once, safely against a concurrent first use.
-class Crc8 {
- public:
-  static const std::array<uint8_t, 256>& Table();
-};
-
-// The CRC-8 of the first count bytes; 0x00 for a count of 0.
+// The CRC-8 of the first count bytes (polynomial 0x07, initial 0x00, not
+// reflected, result complemented); 0x00 for a count of 0.
 uint8_t ComputeCrc8(const uint8_t* data, int count);
 
 // Fills a DevicePacket in packet (64 bytes): type, number, length, length
@@ -95,7 +73,8 @@ bool StartsWithIgnoringCase(const std::string& text, const char* prefix);
 // first 57 bytes as payload, number 0, length 57.
 Block BuildTextPacket(PacketType type, const std::string& text);
 
-// A RawTextBlock holding the text's first 64 bytes, zero-filled after it.
+// A RawTextBlock: the text's first 64 bytes from byte 0, zero-filled after
+// it; no type byte, no CRC.
 Block BuildRawTextBlock(const std::string& text);
 
 }  // namespace ferrolt

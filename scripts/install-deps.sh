@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev pkg-config libgtest-dev libgmock-dev
-          libusb-1.0-0-dev libzip-dev zip unzip libbenchmark-dev)
+          libusb-1.0-0-dev libzip-dev zip unzip)
 # The libusb backend's tests: an emulated USB bus (umockdev and its preload library).
 packages+=(umockdev libumockdev-dev)
 # The Windows build: MinGW-w64 with the posix thread model, GoogleTest's

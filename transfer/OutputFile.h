@@ -23,7 +23,6 @@ class OutputFile {
   // Cuts the file back to empty; the next Append starts at its beginning.
   bool Restart();
   void Close();
-  bool IsOpen() const { return file_ != nullptr; }
 
  private:
   std::string path_;

@@ -16,7 +16,6 @@
 #include "admin/DeviceAdmin.h"
 #include "link/DevicePacket.h"
 #include "link/Limits.h"
-#include "platform/Mutex.h"
 
 namespace ferrolt {
 namespace {
@@ -124,7 +123,7 @@ enum class StreamEnd {
 // earlier packet.
 class PacketStream {
  public:
-  PacketStream(UsbLink& link, platform::Mutex& linkMutex, const std::atomic<bool>& running, ReaderState& reader,
+  PacketStream(UsbLink& link, std::mutex& linkMutex, const std::atomic<bool>& running, ReaderState& reader,
                ILogMessageCallBack* log)
       : link_(link), linkMutex_(linkMutex), running_(running), reader_(reader), log_(log) {}
 
@@ -132,7 +131,7 @@ class PacketStream {
     int lastPercent = kNoPercentYet;
     for (index_ = 0; index_ < packetCount; ++index_) {
       if (!running_.load()) return StreamEnd::Stopped;
-      std::unique_lock<platform::Mutex> step(linkMutex_);
+      std::unique_lock<std::mutex> step(linkMutex_);
       const bool resend = TakeNack(file);
       uint8_t piece[kPayloadSize];
       uint8_t count = 0;
@@ -169,7 +168,7 @@ class PacketStream {
   // Writes until the packet is written, the run is stopped, or the retry
   // bound is reached. The step's lock is released after the first attempt so
   // a slow device never holds it across retries.
-  bool WriteWithRetries(const Block& packet, std::unique_lock<platform::Mutex>& step) {
+  bool WriteWithRetries(const Block& packet, std::unique_lock<std::mutex>& step) {
     int failures = 0;
     while (running_.load()) {
       const TransferStatus status = link_.WritePacket(packet.data(), kBlockSize, log_);
@@ -189,7 +188,7 @@ class PacketStream {
   }
 
   UsbLink& link_;
-  platform::Mutex& linkMutex_;
+  std::mutex& linkMutex_;
   const std::atomic<bool>& running_;
   ReaderState& reader_;
   ILogMessageCallBack* log_;
