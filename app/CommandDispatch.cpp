@@ -5,6 +5,7 @@
 
 #include "app/DefaultLogPath.h"
 #include "app/OrtString.h"
+#include "platform/AsciiText.h"
 
 namespace ferrolt {
 
@@ -12,13 +13,11 @@ namespace {
 
 using Arguments = std::vector<std::string>;
 
-char FoldAscii(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
-
 // Command words, aliases and switches ignore case (ASCII only).
 bool IsWord(const std::string& argument, const char* word) {
   size_t i = 0;
   for (; i < argument.size() && word[i] != '\0'; ++i)
-    if (FoldAscii(argument[i]) != FoldAscii(word[i])) return false;
+    if (platform::AsciiLower(argument[i]) != platform::AsciiLower(word[i])) return false;
   return i == argument.size() && word[i] == '\0';
 }
 

@@ -6,6 +6,7 @@
 
 #include "link/DeviceIds.h"
 #include "link/UsbLink.h"
+#include "platform/AsciiText.h"
 
 namespace ferrolt {
 
@@ -17,8 +18,6 @@ constexpr const char* kVendorMarker = "#vid_";
 constexpr const char* kProductMarker = "&pid_";
 constexpr const char* kVendorInterfaceMarker = "mi_04";
 constexpr size_t kIdDigits = 4;
-constexpr unsigned kHexRadix = 16;
-constexpr unsigned kDecimalDigits = 10;
 
 void CopyBounded(const std::string& path, char* out, size_t size) {
   const size_t count = path.size() < size - 1 ? path.size() : size - 1;
@@ -27,27 +26,15 @@ void CopyBounded(const std::string& path, char* out, size_t size) {
 }
 
 void LowerCaseInPlace(char* text) {
-  for (; *text != '\0'; ++text)
-    if (*text >= 'A' && *text <= 'Z') *text = static_cast<char>(*text - 'A' + 'a');
+  for (; *text != '\0'; ++text) *text = platform::AsciiLower(*text);
 }
 
-int HexDigitValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + static_cast<int>(kDecimalDigits);
-  if (c >= 'A' && c <= 'F') return c - 'A' + static_cast<int>(kDecimalDigits);
-  return -1;
-}
-
-// The id written in the (up to) four characters at text, read through a
-// scratch string as the search always has: parsing stops at the first
-// character that is not a hex digit.
+// The id written in the (up to) four characters at text: parsing stops at
+// the first character that is not a hex digit.
 int ParseId(const char* text) {
-  char scratch[kIdDigits + 1] = {};
-  std::strncpy(scratch, text, kIdDigits);
-  int value = 0;
-  for (const char* c = scratch; *c != '\0' && HexDigitValue(*c) >= 0; ++c)
-    value = value * static_cast<int>(kHexRadix) + HexDigitValue(*c);
-  return value;
+  unsigned value = 0;
+  platform::ReadHexDigits(text, kIdDigits, value);
+  return static_cast<int>(value);
 }
 
 bool PathNamesDevice(const char* path, int productId, int vendorId) {

@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/AsciiText.h"
+
 namespace ferrolt {
 
 namespace {
@@ -33,8 +35,6 @@ const std::array<uint8_t, kCrcTableSize>& CrcTable() {
   static const std::array<uint8_t, kCrcTableSize> table = BuildCrcTable();
   return table;
 }
-
-char AsciiLower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
 
 void PutNumber(uint8_t* packet, uint32_t number) {
   for (size_t i = 0; i < sizeof(number); ++i) packet[kNumberOffset + i] = static_cast<uint8_t>(number >> (8 * i));
@@ -105,7 +105,7 @@ bool StartsWithIgnoringCase(const std::string& text, const char* prefix) {
   const size_t length = std::strlen(prefix);
   if (text.size() < length) return false;
   return std::equal(prefix, prefix + length, text.begin(),
-                    [](char a, char b) { return AsciiLower(a) == AsciiLower(b); });
+                    [](char a, char b) { return platform::AsciiLower(a) == platform::AsciiLower(b); });
 }
 
 Block BuildTextPacket(PacketType type, const std::string& text) {

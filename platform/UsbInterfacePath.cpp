@@ -1,8 +1,8 @@
 #include "platform/UsbInterfacePath.h"
 
-#include <algorithm>
-#include <cctype>
 #include <cstdio>
+
+#include "platform/AsciiText.h"
 
 namespace ferrolt::platform {
 namespace {
@@ -12,13 +12,6 @@ constexpr const char* kUsbDeviceClassGuid = "{A5DCBF10-6530-11D2-901F-00C04FB951
 constexpr size_t kIdsBufferSize = 64;
 constexpr size_t kIdDigits = 4;
 constexpr size_t kInterfaceDigits = 2;
-
-std::string Lowered(const std::string& text) {
-  std::string lowered(text);
-  std::transform(lowered.begin(), lowered.end(), lowered.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return lowered;
-}
 
 // Reads a lower-cased path from front to back, one expected piece at a time.
 class PathReader {
@@ -33,13 +26,7 @@ class PathReader {
 
   // Exactly digits hexadecimal digits.
   bool Hex(size_t digits, unsigned& value) {
-    if (at_ + digits > text_.size()) return false;
-    value = 0;
-    for (size_t i = 0; i < digits; ++i) {
-      const unsigned char c = static_cast<unsigned char>(text_[at_ + i]);
-      if (std::isxdigit(c) == 0) return false;
-      value = value * 16 + static_cast<unsigned>(std::isdigit(c) != 0 ? c - '0' : c - 'a' + 10);
-    }
+    if (ReadHexDigits(text_.c_str() + at_, digits, value) != digits) return false;
     at_ += digits;
     return true;
   }
@@ -61,8 +48,8 @@ std::string FormatInterfacePath(const UsbInterfaceId& id, const std::string& ins
 }
 
 std::optional<ParsedInterfacePath> ParseInterfacePath(const std::string& path) {
-  const std::string lowered = Lowered(path);
-  const std::string suffix = "#" + Lowered(kUsbDeviceClassGuid);
+  const std::string lowered = AsciiLowered(path);
+  const std::string suffix = "#" + AsciiLowered(kUsbDeviceClassGuid);
   PathReader reader(lowered);
   unsigned vendorId = 0;
   unsigned productId = 0;
@@ -83,6 +70,6 @@ std::optional<ParsedInterfacePath> ParseInterfacePath(const std::string& path) {
   return parsed;
 }
 
-bool SamePath(const std::string& left, const std::string& right) { return Lowered(left) == Lowered(right); }
+bool SamePath(const std::string& left, const std::string& right) { return AsciiLowered(left) == AsciiLowered(right); }
 
 }  // namespace ferrolt::platform
