@@ -18,8 +18,6 @@ constexpr const char* kCliOff = "CLI Off";
 // The device closes a command's output with "ending testdata".
 constexpr const char* kOutputEnd = "ending test";
 
-void PrintOpenFailure() { std::printf("Failed to open device\n"); }
-
 // The first length bytes of an output packet, never more than its payload.
 void PrintOutput(const Block& packet) {
   char text[kTextBufferSize] = {};
@@ -34,7 +32,7 @@ void PrintOutput(const Block& packet) {
 
 void DeviceAdmin::StartCli(IProgressChangeCallBack*, ILogMessageCallBack* log) {
   if (!ConnectDefaultDevice(log)) {
-    PrintOpenFailure();
+    ReportOpenFailure();
     EndOperation();
     return;
   }
@@ -42,24 +40,23 @@ void DeviceAdmin::StartCli(IProgressChangeCallBack*, ILogMessageCallBack* log) {
   const Block packet = BuildTextPacket(PacketType::Cli, kCliOn);
   if (Link.WritePacket(packet.data(), kBlockSize, log) == TransferStatus::Done) {
     if (log != nullptr) log->LogMessageCallBack("STARTING CLI MODE...\n");
-  } else if (!Reconnect(log)) {
+  } else {
     // Not resent: the device may have switched already.
-    PrintOpenFailure();
+    Reconnect(log);
   }
   EndOperation();
 }
 
 void DeviceAdmin::StopCli(IProgressChangeCallBack*, ILogMessageCallBack* log) {
   if (!Reconnect(log)) {
-    PrintOpenFailure();
     EndOperation();
     return;
   }
   const Block packet = BuildTextPacket(PacketType::Cli, kCliOff);
   if (Link.WritePacket(packet.data(), kBlockSize, log) == TransferStatus::Done) {
     if (log != nullptr) log->LogMessageCallBack("Ending CLI Mode now.");
-  } else if (!Reconnect(log)) {
-    PrintOpenFailure();
+  } else {
+    Reconnect(log);
   }
   EndOperation();
 }
@@ -74,7 +71,6 @@ void DeviceAdmin::SendCliCommand(std::string command, IProgressChangeCallBack*, 
   if (Link.WritePacket(packet.data(), kBlockSize, log) != TransferStatus::Done) {
     if (log != nullptr) log->LogMessageCallBack("Failed in writing CLI command to device.");
     if (!Reconnect(log)) {
-      PrintOpenFailure();
       EndOperation();
       return;
     }

@@ -191,8 +191,12 @@ bool DeviceAdmin::ConnectDefaultDevice(ILogMessageCallBack* log) {
 bool DeviceAdmin::Reconnect(ILogMessageCallBack* log) {
   Link.CloseDevice();
   std::this_thread::sleep_for(limits::kReconnectPause);
-  return Link.ConnectDevice(kProductId, kVendorId, log);
+  if (Link.ConnectDevice(kProductId, kVendorId, log)) return true;
+  ReportOpenFailure();
+  return false;
 }
+
+void DeviceAdmin::ReportOpenFailure() { std::printf("Failed to open device\n"); }
 
 void DeviceAdmin::EndOperation() {
   Link.CloseDevice();

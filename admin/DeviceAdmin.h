@@ -19,6 +19,7 @@
 #include "link/UsbLink.h"
 #include "platform/DeviceBackend.h"
 #include "platform/Event.h"
+#include "transfer/OutputFile.h"
 
 namespace ferrolt {
 
@@ -71,9 +72,11 @@ class DeviceAdmin {
   // ConnectDevice with the device's ids.
   bool ConnectDefaultDevice(ILogMessageCallBack* log);
   // After a failed write: CloseDevice, pause limits::kReconnectPause,
-  // ConnectDevice with log. False when the link could not be reopened (the
-  // caller prints its own line).
+  // ConnectDevice with log. False, after ReportOpenFailure, when the link
+  // could not be reopened.
   bool Reconnect(ILogMessageCallBack* log);
+  // The console line of a link that could not be opened.
+  static void ReportOpenFailure();
   // A worker's normal way out: CloseDevice, then clear OperationRunning.
   void EndOperation();
   // The read of the download loops: a failed read is retried after
@@ -92,7 +95,7 @@ class DeviceAdmin {
   void EndOrt(IProgressChangeCallBack* progress, ILogMessageCallBack* log, bool verbose);
   // The one-block exchange of captouch and the ORT workers: open, progress 5,
   // send until written (reconnecting after each failed write, at most
-  // limits::kMaxReconnectRounds attempts), progress 100, close. subject names
+  // limits::kMaxReconnectRounds writes), progress 100, close. subject names
   // the block in the give-up line.
   void SendCommandBlock(const uint8_t* block, const char* sentMessage, const char* failedMessage,
                         const char* subject, IProgressChangeCallBack* progress, ILogMessageCallBack* log);
@@ -104,9 +107,16 @@ class DeviceAdmin {
                     ILogMessageCallBack* log);
   void DownloadLogs(std::string zipPath, IProgressChangeCallBack* progress, ILogMessageCallBack* log,
                     bool verbose);
+  // The opening both downloads share, once the link is open: progress 5,
+  // then (unless the run was stopped, which closes the link) refusal as an
+  // error line when not empty, then the output file created, which
+  // destination names in its error line. False when the download must not
+  // go on; the operation has then ended.
+  bool OpenDownload(OutputFile& output, const std::string& savePath, const char* destination,
+                    const std::string& refusal, IProgressChangeCallBack* progress, ILogMessageCallBack* log);
   // The request block that opens a download, written; after each failed
   // write a reconnect and the request again (a device that never saw it
-  // would send nothing), at most limits::kMaxReconnectRounds times. False,
+  // would send nothing), at most limits::kMaxReconnectRounds writes. False,
   // after its own line, when the download must stop; subject names the
   // download in the give-up line.
   bool SendDownloadRequest(const uint8_t* request, const char* subject, ILogMessageCallBack* log);

@@ -49,7 +49,6 @@ void DeviceAdmin::SendCommandBlock(const uint8_t* block, const char* sentMessage
       return;
     }
     if (!Reconnect(log)) {
-      std::printf("Failed to open device\n");
       EndOperation();
       return;
     }

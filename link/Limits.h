@@ -24,7 +24,8 @@ inline constexpr milliseconds kFailedReadPause{20};
 // A device that sends nothing for this long ends the operation (except a CLI
 // command's output, which keeps no bound).
 inline constexpr milliseconds kDeviceSilenceLimit{15000};
-// Rounds of close, pause, reopen and resend before an operation gives up.
+// Writes of one block before an operation gives up on it: the first, then
+// one after each close, pause and reopen.
 inline constexpr int kMaxReconnectRounds = 5;
 // Log download attempts started over after a sequence error before the
 // download gives up.

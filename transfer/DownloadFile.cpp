@@ -14,7 +14,6 @@ namespace ferrolt {
 
 namespace {
 
-constexpr int kProgressStarted = 5;
 constexpr int kProgressDone = 100;
 constexpr char kRequestPrefix[] = "Starting download ";
 // The request text and its terminating zero must fit the payload.
@@ -25,24 +24,12 @@ static_assert(kMaxDevicePathLength == 38);
 
 void DeviceAdmin::DownloadFile(std::string devicePath, std::string savePath, IProgressChangeCallBack* progress,
                                ILogMessageCallBack* log) {
-  ReportProgress(progress, kProgressStarted);
-  if (!OperationRunning.load()) {
-    Link.CloseDevice();
-    return;
-  }
-  if (devicePath.size() > kMaxDevicePathLength) {
-    LogText(log, "Error: The device path is longer than " + std::to_string(kMaxDevicePathLength) +
-                     " characters - " + devicePath);
-    EndOperation();
-    return;
-  }
+  const std::string refusal = devicePath.size() > kMaxDevicePathLength
+                                  ? "Error: The device path is longer than " + std::to_string(kMaxDevicePathLength) +
+                                        " characters - " + devicePath
+                                  : std::string();
   OutputFile output;
-  if (!output.Create(savePath)) {
-    LogText(log, "Error: Can not find specified file destination path - " + savePath);
-    EndOperation();
-    return;
-  }
-  std::printf("SPI SUPPORT IS TURNED ON!\n");
+  if (!OpenDownload(output, savePath, "file", refusal, progress, log)) return;
 
   const Block request = BuildTextPacket(PacketType::Download, std::string(kRequestPrefix) + devicePath);
   if (!SendDownloadRequest(request.data(), "download", log)) {
@@ -98,10 +85,7 @@ void DeviceAdmin::DownloadFile(std::string devicePath, std::string savePath, IPr
     log->LogMessageCallBack("Total file size = %d , Total packets = %d\n", static_cast<int>(fileSize),
                             static_cast<int>(total));
   }
-  if (total > 0 && written != total) {
-    std::fprintf(stderr, "ferrolt: %d of %d data packets arrived; %s is incomplete.\n", static_cast<int>(written),
-                 static_cast<int>(total), savePath.c_str());
-  }
+  ReportShortDownload(written, total, savePath);
   ReportProgress(progress, kProgressDone);
   std::fflush(stdout);
   EndOperation();

@@ -9,6 +9,7 @@
 #include "link/DevicePacket.h"
 #include "link/Limits.h"
 #include "transfer/DownloadReply.h"
+#include "transfer/FilePackets.h"
 #include "transfer/OutputFile.h"
 #include "transfer/Reports.h"
 
@@ -16,7 +17,6 @@ namespace ferrolt {
 
 namespace {
 
-constexpr int kProgressConnected = 5;
 constexpr int kProgressDone = 100;
 constexpr const char* kRequestText = "Download Logs";
 
@@ -55,18 +55,8 @@ void DeviceAdmin::DownloadLogs(std::string zipPath, IProgressChangeCallBack* pro
     EndOperation();
     return;
   }
-  ReportProgress(progress, kProgressConnected);
-  if (!OperationRunning.load()) {
-    Link.CloseDevice();
-    return;
-  }
   OutputFile output;
-  if (!output.Create(zipPath)) {
-    LogText(log, "Error: Can not find specified log destination path - " + zipPath);
-    EndOperation();
-    return;
-  }
-  std::printf("SPI SUPPORT IS TURNED ON!\n");
+  if (!OpenDownload(output, zipPath, "log", std::string(), progress, log)) return;
 
   const Block request = BuildTextPacket(PacketType::Logs, kRequestText);
   // Attempts that ended in a sequence error are bounded.
@@ -125,10 +115,7 @@ void DeviceAdmin::DownloadLogs(std::string zipPath, IProgressChangeCallBack* pro
     log->LogMessageCallBack("Total file size = %d , Total packets = %d\n", static_cast<int>(receipt.archiveSize),
                             static_cast<int>(receipt.total));
     if (end == AttemptEnd::Complete) {
-      if (receipt.total > 0 && receipt.written != receipt.total) {
-        std::fprintf(stderr, "ferrolt: %d of %d data packets arrived; %s is incomplete.\n",
-                     static_cast<int>(receipt.written), static_cast<int>(receipt.total), zipPath.c_str());
-      }
+      ReportShortDownload(receipt.written, receipt.total, zipPath);
       break;
     }
     if (++restarts > limits::kMaxLogDownloadRestarts) {

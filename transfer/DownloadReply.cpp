@@ -26,8 +26,4 @@ void ReadStartNumbers(const uint8_t* block, const ReplyMarkers& markers, int32_t
 
 size_t DataLength(const uint8_t* block) { return std::min<size_t>(PacketLength(block), kPayloadSize); }
 
-int PercentOf(int32_t done, int32_t total) {
-  return static_cast<int>(static_cast<int64_t>(done) * 100 / total);
-}
-
 }  // namespace ferrolt

@@ -33,7 +33,4 @@ void ReadStartNumbers(const uint8_t* block, const ReplyMarkers& markers, int32_t
 // The payload bytes a data packet carries: its length byte, cut to 57.
 size_t DataLength(const uint8_t* block);
 
-// Truncated percentage of done out of total; total must not be 0.
-int PercentOf(int32_t done, int32_t total);
-
 }  // namespace ferrolt

@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
-#include <limits>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -16,19 +15,14 @@
 #include "admin/DeviceAdmin.h"
 #include "link/DevicePacket.h"
 #include "link/Limits.h"
+#include "transfer/FilePackets.h"
 
 namespace ferrolt {
 namespace {
 
 // Progress reported once the bundle file is open.
 constexpr int kFileOpenedProgress = 10;
-constexpr int kFullPercent = 100;
 constexpr int kNoPercentYet = -1;
-// NackedPacketNumber's "none" as the sender compares it.
-constexpr int32_t kNoNackSigned = -1;
-// Size and packet count travel as signed 32-bit numbers: larger files cannot
-// be described to the device.
-constexpr int64_t kLargestBundleSize = std::numeric_limits<int32_t>::max();
 constexpr int64_t kPieceSize = static_cast<int64_t>(kPayloadSize);
 
 // A log message that carries no arguments. The console reporter formats a
@@ -42,14 +36,6 @@ std::string ShownAsTyped(const std::string& text) {
   escaped.reserve(text.size());
   for (char c : text) escaped += (c == '%') ? std::string("%%%%") : std::string(1, c);
   return escaped;
-}
-
-int32_t PacketCountFor(int32_t size) {
-  return static_cast<int32_t>((static_cast<int64_t>(size) + kPieceSize - 1) / kPieceSize);
-}
-
-int PercentOf(int32_t index, int32_t count) {
-  return static_cast<int>(static_cast<int64_t>(index) * kFullPercent / count);
 }
 
 // The bundle file, read in 57-byte pieces from its position; nothing of it is
@@ -156,7 +142,8 @@ class PacketStream {
   bool TakeNack(BundleFile& file) {
     uint32_t stored = reader_.NackedPacketNumber.load();
     const int32_t nacked = static_cast<int32_t>(stored);
-    if (nacked == kNoNackSigned || nacked < 0 || nacked >= index_) return false;
+    // kNoNack reads as -1 here.
+    if (nacked < 0 || nacked >= index_) return false;
     std::printf("Resending NACK packet, packet No : %d\n", nacked);
     index_ = nacked;
     file.SeekToPacket(nacked);
@@ -206,12 +193,6 @@ bool WaitForEndReport(const ReaderState& reader, const std::atomic<bool>& runnin
   return true;
 }
 
-void PrintSummary(int32_t size, int32_t packetCount) {
-  std::printf("\n-------------------------------------------\n");
-  std::printf("File Size = %d\n", size);
-  std::printf("Packet Count = %d\n", packetCount);
-}
-
 void ReportStreamFailure(StreamEnd streamEnd, int32_t index, ILogMessageCallBack* log) {
   if (log == nullptr) return;
   if (streamEnd == StreamEnd::WriteFailed) {
@@ -243,7 +224,7 @@ void DeviceAdmin::UpgradeBundle(std::string bundlePath, IProgressChangeCallBack*
 
   const int64_t fileSize = file.SeekToEnd(log);
   file.SeekToStart(log);
-  if (fileSize > kLargestBundleSize) {
+  if (fileSize > kLargestFileSize) {
     LogText(log, "Error: The bundle file is 2 GiB or larger, more than the device can take - " + shownPath);
     EndOperation();
     return;
@@ -281,7 +262,7 @@ void DeviceAdmin::UpgradeBundle(std::string bundlePath, IProgressChangeCallBack*
   } else {
     LogText(log, "Download of upgrade bundle to device has completed.");
   }
-  PrintSummary(size, packetCount);
+  PrintPacketSummary(size, packetCount);
 
   if (!WaitForEndReport(Reader, OperationRunning) && OperationRunning.load()) {
     if (log != nullptr) {

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cstdio>
 #include <functional>
-#include <limits>
 #include <memory>
 #include <string>
 #include <thread>
@@ -13,6 +12,7 @@
 #include "admin/DeviceAdmin.h"
 #include "link/DevicePacket.h"
 #include "link/Limits.h"
+#include "transfer/FilePackets.h"
 #include "transfer/Reports.h"
 
 namespace ferrolt {
@@ -25,8 +25,6 @@ constexpr int kProgressStartWritten = 15;
 constexpr int kProgressDone = 100;
 // The start text must leave room for its terminating zero in the block.
 constexpr size_t kMaxStartTextLength = kBlockSize - 1;
-// Size and packet count travel as signed 32-bit numbers.
-constexpr long kMaxUploadSize = std::numeric_limits<int32_t>::max();
 // Byte 6 of a type-4 reply that refuses the last data packet.
 constexpr uint8_t kNackMark = 1;
 
@@ -36,10 +34,6 @@ using FileHandle = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
 std::string FileNameOf(const std::string& localPath) {
   const size_t slash = localPath.rfind('\\');
   return slash == std::string::npos ? localPath : localPath.substr(slash + 1);
-}
-
-int32_t PacketCountFor(int32_t size) {
-  return size / static_cast<int32_t>(kPayloadSize) + (size % static_cast<int32_t>(kPayloadSize) != 0 ? 1 : 0);
 }
 
 // The file's size from its end position, the read position back at the start;
@@ -58,23 +52,23 @@ bool IsNack(const Block& reply) {
 enum class WriteOutcome { Written, LinkLost, GaveUp, Cancelled };
 
 // Writes one block; after a failed write: reconnect, pause, write again, at
-// most limits::kMaxReconnectRounds times. The running flag is looked at
+// most limits::kMaxReconnectRounds writes in all. The running flag is looked at
 // before every round so a cancel does not wait out the rounds.
 WriteOutcome WriteWithReconnect(UsbLink& link, const Block& block, ILogMessageCallBack* log,
                                 const char* failureLine, const std::function<bool()>& reconnect,
                                 const std::atomic<bool>& running) {
-  for (int round = 0;; ++round) {
+  for (int attempt = 1;; ++attempt) {
     if (link.WritePacket(block.data(), kBlockSize, log) == TransferStatus::Done) return WriteOutcome::Written;
     if (failureLine != nullptr) LogText(log, failureLine);
     if (!running.load()) return WriteOutcome::Cancelled;
-    if (round == limits::kMaxReconnectRounds) return WriteOutcome::GaveUp;
+    if (attempt == limits::kMaxReconnectRounds) return WriteOutcome::GaveUp;
     if (!reconnect()) return WriteOutcome::LinkLost;
     std::this_thread::sleep_for(limits::kReconnectPause);
   }
 }
 
 void PrintProgressIfChanged(int32_t index, int32_t count, int& lastPercent) {
-  const int percent = static_cast<int>(static_cast<int64_t>(index) * 100 / count);
+  const int percent = PercentOf(index, count);
   if (percent == lastPercent) return;
   std::printf("\rProgress: %d%%", percent);
   std::fflush(stdout);
@@ -102,7 +96,7 @@ void DeviceAdmin::UploadFile(std::string localPath, IProgressChangeCallBack* pro
   ReportProgress(progress, kProgressFileOpen);
 
   const long measured = MeasureFile(file.get());
-  if (measured < 0 || measured > kMaxUploadSize) {
+  if (measured < 0 || measured > kLargestFileSize) {
     LogText(log, "Error: Files of 2 GiB or more can not be uploaded - " + localPath);
     EndOperation();
     return;
@@ -121,11 +115,9 @@ void DeviceAdmin::UploadFile(std::string localPath, IProgressChangeCallBack* pro
   Link.FlushPipes();
   const std::function<bool()> reconnect = [this, log] { return Reconnect(log); };
   auto endAfter = [&](WriteOutcome outcome, int32_t index) {
-    if (outcome == WriteOutcome::LinkLost) {
-      std::printf("Failed to open device\n");
-    } else if (outcome == WriteOutcome::GaveUp) {
+    if (outcome == WriteOutcome::GaveUp) {
       LogText(log, "Error: The device did not take the upload after " + std::to_string(limits::kMaxReconnectRounds) +
-                       " reconnects; upload stopped.");
+                       " attempts; upload stopped.");
     } else if (outcome == WriteOutcome::Cancelled) {
       // "Ending upload" is not sent: the device would keep the part that
       // arrived as if it were the whole file.
@@ -189,9 +181,7 @@ void DeviceAdmin::UploadFile(std::string localPath, IProgressChangeCallBack* pro
   } else {
     LogText(log, "Failed in writing 'Ending upload' to device.");
   }
-  std::printf("\n-------------------------------------------\n");
-  std::printf("File Size = %d\n", static_cast<int>(size));
-  std::printf("Packet Count = %d\n", static_cast<int>(count));
+  PrintPacketSummary(size, count);
   ReportProgress(progress, kProgressDone);
   std::printf("Finished File Upload!\n");
   std::fflush(stdout);
