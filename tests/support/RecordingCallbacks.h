@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "admin/Callbacks.h"
+#include "link/Callbacks.h"
 
 namespace ferrolt::test {
 
