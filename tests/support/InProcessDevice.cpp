@@ -60,7 +60,7 @@ struct InProcessDevice::State {
   // it reports, IN blocks for pending reads. The lock is held.
   void Step() {
     if (logic) {
-      while (!held.empty() && !logic->DroppedLink() && logic->TakesOutBlocks()) {
+      while (!held.empty() && !logic->DroppedLink() && logic->TakesOutBlocks() && !AwaitsNextRead()) {
         inFlight.push_back(held.front());
         held.pop_front();
         logic->OutBlock(inFlight.back().block);
@@ -81,6 +81,8 @@ struct InProcessDevice::State {
       takenBy = readsStarted;
     }
   }
+
+  bool AwaitsNextRead() const { return paceOutByReads && takenBy > 0 && takenBy == readsStarted; }
 
   bool NextPacket(Packet& packet) {
     if (!outgoing.empty()) {
@@ -152,6 +154,7 @@ struct InProcessDevice::State {
   std::vector<uint8_t> flushed;
   int readsStarted = 0;
   int takenBy = 0;  // the read that took the last IN block
+  bool paceOutByReads = false;
   int liveConnections = 0;
 
   std::thread clock;  // last: it starts once the rest is built
@@ -323,6 +326,11 @@ void InProcessDevice::Stall(bool stalled) {
   std::lock_guard<std::mutex> lock(state_->mutex);
   state_->stalled = stalled;
   state_->Step();
+}
+
+void InProcessDevice::PaceOutByReads(bool paced) {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  state_->paceOutByReads = paced;
 }
 
 bool InProcessDevice::CompleteOldestWrite() {

@@ -69,6 +69,10 @@ class InProcessDevice : public platform::DeviceBackend {
   // late completion (false when none is pending).
   void Stall(bool stalled);
   bool CompleteOldestWrite();
+  // Once the device has sent an IN block it takes no OUT block until the host
+  // has started its next read: the host has handled every answer (a NACK
+  // above all) before its next packet goes out, however fast the writes are.
+  void PaceOutByReads(bool paced);
   // Called on the writer's thread, without the device's lock, with each block
   // before the device takes it; false fails the write (the block never
   // reaches the device). It may send blocks.
