@@ -5,7 +5,8 @@
 #include <cstring>
 #include <thread>
 
-#include "admin/DeviceAdmin.h"
+#include "admin/CliSession.h"
+
 #include "link/DevicePacket.h"
 #include "link/Limits.h"
 
@@ -30,48 +31,48 @@ void PrintOutput(const Block& packet) {
 
 }  // namespace
 
-void DeviceAdmin::StartCli(IProgressChangeCallBack*, ILogMessageCallBack* log) {
-  if (!ConnectDefaultDevice(log)) {
+void StartCli(const OperationContext& op) {
+  if (!op.Connect()) {
     ReportOpenFailure();
-    EndOperation();
+    op.End();
     return;
   }
   std::printf("SPI SUPPORT IS TURNED ON!\n");
   const Block packet = BuildTextPacket(PacketType::Cli, kCliOn);
-  if (Link.WritePacket(packet.data(), kBlockSize, log) == TransferStatus::Done) {
-    if (log != nullptr) log->LogMessageCallBack("STARTING CLI MODE...\n");
+  if (op.link.WritePacket(packet.data(), kBlockSize, op.log) == TransferStatus::Done) {
+    if (op.log != nullptr) op.log->LogMessageCallBack("STARTING CLI MODE...\n");
   } else {
     // Not resent: the device may have switched already.
-    Reconnect(log);
+    op.Reconnect();
   }
-  EndOperation();
+  op.End();
 }
 
-void DeviceAdmin::StopCli(IProgressChangeCallBack*, ILogMessageCallBack* log) {
-  if (!Reconnect(log)) {
-    EndOperation();
+void StopCli(const OperationContext& op) {
+  if (!op.Reconnect()) {
+    op.End();
     return;
   }
   const Block packet = BuildTextPacket(PacketType::Cli, kCliOff);
-  if (Link.WritePacket(packet.data(), kBlockSize, log) == TransferStatus::Done) {
-    if (log != nullptr) log->LogMessageCallBack("Ending CLI Mode now.");
+  if (op.link.WritePacket(packet.data(), kBlockSize, op.log) == TransferStatus::Done) {
+    if (op.log != nullptr) op.log->LogMessageCallBack("Ending CLI Mode now.");
   } else {
-    Reconnect(log);
+    op.Reconnect();
   }
-  EndOperation();
+  op.End();
 }
 
-void DeviceAdmin::SendCliCommand(std::string command, IProgressChangeCallBack*, ILogMessageCallBack* log) {
-  if (!ConnectDefaultDevice(log) || !OperationRunning.load()) {
-    EndOperation();
+void SendCliCommand(const OperationContext& op, const std::string& command) {
+  if (!op.Connect() || !op.Running()) {
+    op.End();
     return;
   }
   // A command of 57 bytes or more fills the payload without a terminator.
   const Block packet = BuildTextPacket(PacketType::Cli, command);
-  if (Link.WritePacket(packet.data(), kBlockSize, log) != TransferStatus::Done) {
-    if (log != nullptr) log->LogMessageCallBack("Failed in writing CLI command to device.");
-    if (!Reconnect(log)) {
-      EndOperation();
+  if (op.link.WritePacket(packet.data(), kBlockSize, op.log) != TransferStatus::Done) {
+    if (op.log != nullptr) op.log->LogMessageCallBack("Failed in writing CLI command to device.");
+    if (!op.Reconnect()) {
+      op.End();
       return;
     }
   }
@@ -80,8 +81,8 @@ void DeviceAdmin::SendCliCommand(std::string command, IProgressChangeCallBack*, 
   // No bound: a command may run long, and Ctrl+C ends the run. Only process
   // teardown stops the loop early.
   Block block{};
-  while (!Reader.StopRequested.load()) {
-    if (Link.ReadPacketBlocking(block.data(), kBlockSize, log) != 0) {
+  while (!op.TearingDown()) {
+    if (op.link.ReadPacketBlocking(block.data(), kBlockSize, op.log) != 0) {
       std::this_thread::sleep_for(limits::kFailedReadPause);
       continue;
     }
@@ -90,7 +91,7 @@ void DeviceAdmin::SendCliCommand(std::string command, IProgressChangeCallBack*, 
     if (StartsWithIgnoringCase(PayloadText(block.data()), kOutputEnd)) break;
     PrintOutput(block);
   }
-  EndOperation();
+  op.End();
 }
 
 }  // namespace ferrolt

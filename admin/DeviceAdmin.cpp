@@ -1,15 +1,20 @@
 // The operation runner: the one-operation-at-a-time launch, the waits, the
-// cancel and the teardown, and the small helpers every worker shares.
+// cancel and the teardown, and the worker shims.
 #include "admin/DeviceAdmin.h"
 
 #include <cstdio>
-#include <thread>
 #include <utility>
 
-#include "admin/DeviceSilence.h"
+#include "admin/CliSession.h"
+#include "admin/ProgramCaptouch.h"
+#include "admin/ReliabilityTest.h"
+#include "admin/RetrieveVersion.h"
 #include "link/DeviceIds.h"
 #include "link/DevicePacket.h"
-#include "link/Limits.h"
+#include "transfer/DownloadFile.h"
+#include "transfer/DownloadLogs.h"
+#include "transfer/UpgradeBundle.h"
+#include "transfer/UploadFile.h"
 
 namespace ferrolt {
 
@@ -30,93 +35,60 @@ DeviceAdmin::~DeviceAdmin() { Link.CloseDevice(); }
 
 int DeviceAdmin::RetrieveVersionAsync(IVersionInfoReadyCallBack* version, IProgressChangeCallBack* progress,
                                       ILogMessageCallBack* log, bool verbose) {
-  if (!BeginLaunch(log)) return 1;
-  ConnectDefaultDevice(nullptr);
-  StartWorker([this, version, progress, log, verbose] { RetrieveVersion(version, progress, log, verbose); });
-  return 0;
+  return Launch(log, BeforeWorker::OpenLink,
+                [=, this] { RetrieveVersion(version, progress, log, verbose); });
 }
 
 int DeviceAdmin::StartCliAsync(IProgressChangeCallBack* progress, ILogMessageCallBack* log) {
-  if (!BeginLaunch(log)) return 1;
-  StartWorker([this, progress, log] { StartCli(progress, log); });
-  return 0;
+  return Launch(log, BeforeWorker::Nothing, [=, this] { StartCli(progress, log); });
 }
 
 int DeviceAdmin::StopCliAsync(IProgressChangeCallBack* progress, ILogMessageCallBack* log) {
-  if (!BeginLaunch(log)) return 1;
-  StartWorker([this, progress, log] { StopCli(progress, log); });
-  return 0;
+  return Launch(log, BeforeWorker::Nothing, [=, this] { StopCli(progress, log); });
 }
 
 int DeviceAdmin::SendCliCommandAsync(std::string command, IProgressChangeCallBack* progress, ILogMessageCallBack* log) {
-  if (!BeginLaunch(log)) return 1;
-  StartWorker([this, command = std::move(command), progress, log]() mutable {
-    SendCliCommand(std::move(command), progress, log);
+  return Launch(log, BeforeWorker::Nothing, [=, this, command = std::move(command)] {
+    SendCliCommand(command, progress, log);
   });
-  return 0;
 }
 
 int DeviceAdmin::ProgramCaptouchAsync(IProgressChangeCallBack* progress, ILogMessageCallBack* log) {
-  if (!BeginLaunch(log)) return 1;
-  StartWorker([this, progress, log] { ProgramCaptouch(progress, log); });
-  return 0;
+  return Launch(log, BeforeWorker::Nothing, [=, this] { ProgramCaptouch(progress, log); });
 }
 
 int DeviceAdmin::StartOrtAsync(IProgressChangeCallBack* progress, ILogMessageCallBack* log, char* ortString) {
-  if (!BeginLaunch(log)) return 1;
-  StartWorker([this, progress, log, ortString] { StartOrt(progress, log, ortString); });
-  return 0;
+  return Launch(log, BeforeWorker::Nothing, [=, this] { StartOrt(progress, log, ortString); });
 }
 
 int DeviceAdmin::EndOrtAsync(IProgressChangeCallBack* progress, ILogMessageCallBack* log, bool verbose) {
-  if (!BeginLaunch(log)) return 1;
-  StartWorker([this, progress, log, verbose] { EndOrt(progress, log, verbose); });
-  return 0;
+  return Launch(log, BeforeWorker::Nothing, [=, this] { EndOrt(progress, log, verbose); });
 }
 
 int DeviceAdmin::UpgradeBundleAsync(std::string bundlePath, IProgressChangeCallBack* progress, ILogMessageCallBack* log,
                                     bool verbose) {
-  if (!BeginLaunch(log)) return 1;
-  ConnectDefaultDevice(nullptr);
-  // A reader left from an earlier upgrade must not hand its state over.
-  Reader.NackedPacketNumber.exchange(kNoNack);
-  Reader.ReaderDone.exchange(false);
-  {
-    std::lock_guard<std::mutex> lock(taskMutex_);
-    ReaderFuture = Task::Start([this, log] { ReadResponses(Link, Reader, log); });
-  }
-  StartWorker([this, bundlePath = std::move(bundlePath), progress, log, verbose]() mutable {
-    UpgradeBundle(std::move(bundlePath), progress, log, verbose);
+  return Launch(log, BeforeWorker::OpenLinkAndStartReader, [=, this, bundlePath = std::move(bundlePath)] {
+    UpgradeBundle(bundlePath, progress, log, verbose);
   });
-  return 0;
 }
 
 int DeviceAdmin::UploadFileAsync(std::string localPath, IProgressChangeCallBack* progress, ILogMessageCallBack* log) {
-  if (!BeginLaunch(log)) return 1;
-  ConnectDefaultDevice(nullptr);
-  StartWorker([this, localPath = std::move(localPath), progress, log]() mutable {
-    UploadFile(std::move(localPath), progress, log);
-  });
-  return 0;
+  return Launch(log, BeforeWorker::OpenLink,
+                [=, this, localPath = std::move(localPath)] { UploadFile(localPath, progress, log); });
 }
 
 int DeviceAdmin::DownloadFileAsync(std::string devicePath, std::string savePath, IProgressChangeCallBack* progress,
                                    ILogMessageCallBack* log) {
-  if (!BeginLaunch(log)) return 1;
-  ConnectDefaultDevice(nullptr);
-  StartWorker([this, devicePath = std::move(devicePath), savePath = std::move(savePath), progress, log]() mutable {
-    DownloadFile(std::move(devicePath), std::move(savePath), progress, log);
-  });
-  return 0;
+  return Launch(log, BeforeWorker::OpenLink,
+                [=, this, devicePath = std::move(devicePath), savePath = std::move(savePath)] {
+                  DownloadFile(devicePath, savePath, progress, log);
+                });
 }
 
 int DeviceAdmin::DownloadLogsAsync(std::string zipPath, IProgressChangeCallBack* progress, ILogMessageCallBack* log,
                                    bool verbose) {
-  if (!BeginLaunch(log)) return 1;
-  StartWorker([this, zipPath = std::move(zipPath), progress, log, verbose]() mutable {
-    DownloadLogs(std::move(zipPath), progress, log, verbose);
-  });
-  return 0;
+  return Launch(log, BeforeWorker::Nothing,
+                [=, this, zipPath = std::move(zipPath)] { DownloadLogs(zipPath, progress, log, verbose); });
 }
 
 void DeviceAdmin::WaitForOperation() {
@@ -166,54 +138,80 @@ bool DeviceAdmin::Shutdown(std::chrono::milliseconds bound) {
   return workerEnded && readerEnded;
 }
 
-bool DeviceAdmin::BeginLaunch(ILogMessageCallBack* log) {
+int DeviceAdmin::Launch(ILogMessageCallBack* log, BeforeWorker before, std::function<void()> worker) {
   if (OperationRunning.load()) {
     if (log != nullptr) log->LogMessageCallBack(kBusyMessage);
-    return false;
+    return 1;
   }
   CancelEvent.Reset();
   Link.DrainAtNextOpen();
   OperationRunning.exchange(true);
-  return true;
-}
-
-// Started under the lock, so a cancel that comes meanwhile waits for this
-// worker rather than the last one.
-void DeviceAdmin::StartWorker(std::function<void()> worker) {
+  if (before != BeforeWorker::Nothing) Link.ConnectDevice(kProductId, kVendorId, nullptr);
+  // Started under the lock, so a cancel that comes meanwhile waits for this
+  // worker rather than the last one.
   std::lock_guard<std::mutex> lock(taskMutex_);
-  OperationFuture = Task::Start(std::move(worker));
-}
-
-bool DeviceAdmin::ConnectDefaultDevice(ILogMessageCallBack* log) {
-  return Link.ConnectDevice(kProductId, kVendorId, log);
-}
-
-bool DeviceAdmin::Reconnect(ILogMessageCallBack* log) {
-  Link.CloseDevice();
-  std::this_thread::sleep_for(limits::kReconnectPause);
-  if (Link.ConnectDevice(kProductId, kVendorId, log)) return true;
-  ReportOpenFailure();
-  return false;
-}
-
-void DeviceAdmin::ReportOpenFailure() { std::printf("Failed to open device\n"); }
-
-void DeviceAdmin::EndOperation() {
-  Link.CloseDevice();
-  OperationRunning.exchange(false);
-}
-
-bool DeviceAdmin::ReadBlockWithinSilenceLimit(uint8_t* block, ILogMessageCallBack* log) {
-  const auto start = std::chrono::steady_clock::now();
-  while (!Reader.StopRequested.load()) {
-    if (Link.ReadPacketBlocking(block, kBlockSize, log) == 0) return true;
-    if (std::chrono::steady_clock::now() - start >= limits::kDeviceSilenceLimit) {
-      ReportDeviceSilence(log);
-      return false;
-    }
-    std::this_thread::sleep_for(limits::kFailedReadPause);
+  if (before == BeforeWorker::OpenLinkAndStartReader) {
+    // A reader left from an earlier upgrade must not hand its state over.
+    Reader.NackedPacketNumber.exchange(kNoNack);
+    Reader.ReaderDone.exchange(false);
+    ReaderFuture = Task::Start([this, log] { ReadResponses(Link, Reader, log); });
   }
-  return false;
+  OperationFuture = Task::Start(std::move(worker));
+  return 0;
+}
+
+OperationContext DeviceAdmin::Context(IProgressChangeCallBack* progress, ILogMessageCallBack* log) {
+  return OperationContext{Link, OperationRunning, Reader, LinkMutex, progress, log};
+}
+
+// The workers: each hands its operation's free function the context.
+
+void DeviceAdmin::RetrieveVersion(IVersionInfoReadyCallBack* version, IProgressChangeCallBack* progress,
+                                  ILogMessageCallBack* log, bool verbose) {
+  ferrolt::RetrieveVersion(Context(progress, log), version, verbose);
+}
+
+void DeviceAdmin::StartCli(IProgressChangeCallBack* progress, ILogMessageCallBack* log) {
+  ferrolt::StartCli(Context(progress, log));
+}
+
+void DeviceAdmin::StopCli(IProgressChangeCallBack* progress, ILogMessageCallBack* log) {
+  ferrolt::StopCli(Context(progress, log));
+}
+
+void DeviceAdmin::SendCliCommand(std::string command, IProgressChangeCallBack* progress, ILogMessageCallBack* log) {
+  ferrolt::SendCliCommand(Context(progress, log), command);
+}
+
+void DeviceAdmin::ProgramCaptouch(IProgressChangeCallBack* progress, ILogMessageCallBack* log) {
+  ferrolt::ProgramCaptouch(Context(progress, log));
+}
+
+void DeviceAdmin::StartOrt(IProgressChangeCallBack* progress, ILogMessageCallBack* log, char* ortString) {
+  ferrolt::StartOrt(Context(progress, log), ortString);
+}
+
+void DeviceAdmin::EndOrt(IProgressChangeCallBack* progress, ILogMessageCallBack* log, bool verbose) {
+  ferrolt::EndOrt(Context(progress, log), verbose);
+}
+
+void DeviceAdmin::UpgradeBundle(std::string bundlePath, IProgressChangeCallBack* progress, ILogMessageCallBack* log,
+                                bool /*verbose: the upgrade reports the same either way*/) {
+  ferrolt::UpgradeBundle(Context(progress, log), bundlePath);
+}
+
+void DeviceAdmin::UploadFile(std::string localPath, IProgressChangeCallBack* progress, ILogMessageCallBack* log) {
+  ferrolt::UploadFile(Context(progress, log), localPath);
+}
+
+void DeviceAdmin::DownloadFile(std::string devicePath, std::string savePath, IProgressChangeCallBack* progress,
+                               ILogMessageCallBack* log) {
+  ferrolt::DownloadFile(Context(progress, log), devicePath, savePath);
+}
+
+void DeviceAdmin::DownloadLogs(std::string zipPath, IProgressChangeCallBack* progress, ILogMessageCallBack* log,
+                               bool /*verbose: the log download reports the same either way*/) {
+  ferrolt::DownloadLogs(Context(progress, log), zipPath);
 }
 
 }  // namespace ferrolt

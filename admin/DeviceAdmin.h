@@ -1,8 +1,9 @@
 // DeviceAdmin: the one object through which the front end reaches the
 // device. One operation runs at a time, on a task of its own; its public
 // entry points start it and return at once (0 started, 1 refused as busy).
-// The workers are private members defined in admin/ and transfer/, one file
-// per operation.
+// The workers are private members, each a thin shim over its operation's
+// free function in admin/ or transfer/, which takes an explicit
+// OperationContext.
 #pragma once
 
 #include <atomic>
@@ -13,13 +14,13 @@
 #include <mutex>
 #include <string>
 
-#include "link/Callbacks.h"
 #include "admin/Task.h"
+#include "link/Callbacks.h"
 #include "link/ResponseReader.h"
 #include "link/UsbLink.h"
 #include "platform/DeviceBackend.h"
 #include "platform/Event.h"
-#include "transfer/OutputFile.h"
+#include "transfer/OperationContext.h"
 
 namespace ferrolt {
 
@@ -65,26 +66,15 @@ class DeviceAdmin {
   bool IsOperationRunning() const { return OperationRunning.load(); }
 
  private:
-  // Busy guard, CancelEvent reset, running flag; false (and the busy message)
-  // when an operation runs.
-  bool BeginLaunch(ILogMessageCallBack* log);
-  void StartWorker(std::function<void()> worker);
-  // ConnectDevice with the device's ids.
-  bool ConnectDefaultDevice(ILogMessageCallBack* log);
-  // After a failed write: CloseDevice, pause limits::kReconnectPause,
-  // ConnectDevice with log. False, after ReportOpenFailure, when the link
-  // could not be reopened.
-  bool Reconnect(ILogMessageCallBack* log);
-  // The console line of a link that could not be opened.
-  static void ReportOpenFailure();
-  // A worker's normal way out: CloseDevice, then clear OperationRunning.
-  void EndOperation();
-  // The read of the download loops: a failed read is retried after
-  // limits::kFailedReadPause; false, after one log line, once the device has
-  // sent nothing for limits::kDeviceSilenceLimit.
-  bool ReadBlockWithinSilenceLimit(uint8_t* block, ILogMessageCallBack* log);
+  // What an entry point does before its worker starts.
+  enum class BeforeWorker { Nothing, OpenLink, OpenLinkAndStartReader };
+  // The launch every entry point shares: the busy guard (1, and the busy
+  // message, when an operation runs), CancelEvent reset, the running flag,
+  // what happens before the worker, then the worker on a task of its own.
+  int Launch(ILogMessageCallBack* log, BeforeWorker before, std::function<void()> worker);
+  OperationContext Context(IProgressChangeCallBack* progress, ILogMessageCallBack* log);
 
-  // Workers (admin/).
+  // Workers.
   void RetrieveVersion(IVersionInfoReadyCallBack* version, IProgressChangeCallBack* progress,
                        ILogMessageCallBack* log, bool verbose);
   void StartCli(IProgressChangeCallBack* progress, ILogMessageCallBack* log);
@@ -93,13 +83,6 @@ class DeviceAdmin {
   void ProgramCaptouch(IProgressChangeCallBack* progress, ILogMessageCallBack* log);
   void StartOrt(IProgressChangeCallBack* progress, ILogMessageCallBack* log, char* ortString);
   void EndOrt(IProgressChangeCallBack* progress, ILogMessageCallBack* log, bool verbose);
-  // The one-block exchange of captouch and the ORT workers: open, progress 5,
-  // send until written (reconnecting after each failed write, at most
-  // limits::kMaxReconnectRounds writes), progress 100, close. subject names
-  // the block in the give-up line.
-  void SendCommandBlock(const uint8_t* block, const char* sentMessage, const char* failedMessage,
-                        const char* subject, IProgressChangeCallBack* progress, ILogMessageCallBack* log);
-  // Workers (transfer/).
   void UpgradeBundle(std::string bundlePath, IProgressChangeCallBack* progress, ILogMessageCallBack* log,
                      bool verbose);
   void UploadFile(std::string localPath, IProgressChangeCallBack* progress, ILogMessageCallBack* log);
@@ -107,19 +90,6 @@ class DeviceAdmin {
                     ILogMessageCallBack* log);
   void DownloadLogs(std::string zipPath, IProgressChangeCallBack* progress, ILogMessageCallBack* log,
                     bool verbose);
-  // The opening both downloads share, once the link is open: progress 5,
-  // then (unless the run was stopped, which closes the link) refusal as an
-  // error line when not empty, then the output file created, which
-  // destination names in its error line. False when the download must not
-  // go on; the operation has then ended.
-  bool OpenDownload(OutputFile& output, const std::string& savePath, const char* destination,
-                    const std::string& refusal, IProgressChangeCallBack* progress, ILogMessageCallBack* log);
-  // The request block that opens a download, written; after each failed
-  // write a reconnect and the request again (a device that never saw it
-  // would send nothing), at most limits::kMaxReconnectRounds writes. False,
-  // after its own line, when the download must stop; subject names the
-  // download in the give-up line.
-  bool SendDownloadRequest(const uint8_t* request, const char* subject, ILogMessageCallBack* log);
 
   // Taken by the upgrade sender for each packet step; the response reader
   // never takes it, so it paces nothing.

@@ -1,8 +1,8 @@
-// Captouch programming: the device reprograms its touch controller when it
-// receives the plain-text reboot request.
+#include "admin/ProgramCaptouch.h"
+
 #include <string>
 
-#include "admin/DeviceAdmin.h"
+#include "admin/SendCommandBlock.h"
 #include "link/DevicePacket.h"
 
 namespace ferrolt {
@@ -16,10 +16,10 @@ Block RebootRequest() { return BuildRawTextBlock("\rreboot\r" + std::string(kReb
 
 }  // namespace
 
-void DeviceAdmin::ProgramCaptouch(IProgressChangeCallBack* progress, ILogMessageCallBack* log) {
+void ProgramCaptouch(const OperationContext& op) {
   const Block request = RebootRequest();
-  SendCommandBlock(request.data(), "Sent reboot message to device successfully.",
-                   "Failed to send reboot message to device.", "the reboot message", progress, log);
+  SendCommandBlock(op, request.data(), "Sent reboot message to device successfully.",
+                   "Failed to send reboot message to device.", "the reboot message");
 }
 
 }  // namespace ferrolt

@@ -1,8 +1,8 @@
-// The Operational Reliability Test: the device runs it by itself; the tool
-// only starts and ends it, one ORT packet each.
+#include "admin/ReliabilityTest.h"
+
 #include <cstdio>
 
-#include "admin/DeviceAdmin.h"
+#include "admin/SendCommandBlock.h"
 #include "link/DevicePacket.h"
 
 namespace ferrolt {
@@ -13,18 +13,18 @@ constexpr const char* kOrtEnd = "ort end";
 
 }  // namespace
 
-void DeviceAdmin::StartOrt(IProgressChangeCallBack* progress, ILogMessageCallBack* log, char* ortString) {
+void StartOrt(const OperationContext& op, const char* ortString) {
   // Copied unchanged: a '%' in the ORT string is an ordinary character.
   const Block packet = BuildTextPacket(PacketType::Ort, ortString != nullptr ? ortString : "");
-  SendCommandBlock(packet.data(), "Sent ORT message to device successfully.", "Failed to send ORT message to device.",
-                   "the ORT message", progress, log);
+  SendCommandBlock(op, packet.data(), "Sent ORT message to device successfully.",
+                   "Failed to send ORT message to device.", "the ORT message");
 }
 
-void DeviceAdmin::EndOrt(IProgressChangeCallBack* progress, ILogMessageCallBack* log, bool verbose) {
+void EndOrt(const OperationContext& op, bool verbose) {
   std::printf(verbose ? "VERBOSE MODE DETECTED!\n" : "NONVERBOSE MODE DETECTED!\n");
   const Block packet = BuildTextPacket(PacketType::Ort, kOrtEnd);
-  SendCommandBlock(packet.data(), "Sent 'ort end' to device successfully.", "Failed in writing 'ort end' to device.",
-                   "'ort end'", progress, log);
+  SendCommandBlock(op, packet.data(), "Sent 'ort end' to device successfully.",
+                   "Failed in writing 'ort end' to device.", "'ort end'");
 }
 
 }  // namespace ferrolt

@@ -1,19 +1,19 @@
-// The version exchange: one request, one reply, the version text to the
-// version callback.
+#include "admin/RetrieveVersion.h"
+
 #include <chrono>
 #include <cstdio>
 #include <thread>
 
-#include "admin/DeviceAdmin.h"
-#include "admin/DeviceSilence.h"
 #include "link/DevicePacket.h"
 #include "link/Limits.h"
+#include "transfer/Reports.h"
 
 namespace ferrolt {
 
 namespace {
 
 constexpr const char* kVersionRequest = "Version Retrieval";
+constexpr int kProgressDone = 100;
 
 void PrintModeLines(bool verbose) {
   std::printf(verbose ? "VERBOSE MODE DETECTED!\n" : "NONVERBOSE MODE DETECTED!\n");
@@ -29,31 +29,30 @@ void ReportReply(const Block& reply, IVersionInfoReadyCallBack* version) {
 
 }  // namespace
 
-void DeviceAdmin::RetrieveVersion(IVersionInfoReadyCallBack* version, IProgressChangeCallBack* progress,
-                                  ILogMessageCallBack* log, bool verbose) {
+void RetrieveVersion(const OperationContext& op, IVersionInfoReadyCallBack* version, bool verbose) {
   PrintModeLines(verbose);
   const Block request = BuildTextPacket(PacketType::Version, kVersionRequest);
   Block reply{};
   const auto start = std::chrono::steady_clock::now();
   // A failed read sends the request again: the device may have missed it.
   for (;;) {
-    if (Link.WritePacket(request.data(), kBlockSize, log) != TransferStatus::Done) {
-      if (log != nullptr) log->LogMessageCallBack("Failed in writing 'Version Retrieval' to device.");
-      EndOperation();
+    if (op.link.WritePacket(request.data(), kBlockSize, op.log) != TransferStatus::Done) {
+      if (op.log != nullptr) op.log->LogMessageCallBack("Failed in writing 'Version Retrieval' to device.");
+      op.End();
       return;
     }
-    if (Link.ReadPacketBlocking(reply.data(), kBlockSize, log) == 0) break;
+    if (op.link.ReadPacketBlocking(reply.data(), kBlockSize, op.log) == 0) break;
     const bool silent = std::chrono::steady_clock::now() - start >= limits::kDeviceSilenceLimit;
-    if (silent || Reader.StopRequested.load()) {
-      if (silent) ReportDeviceSilence(log);
-      EndOperation();
+    if (silent || op.TearingDown()) {
+      if (silent) op.ReportDeviceSilence();
+      op.End();
       return;
     }
     std::this_thread::sleep_for(limits::kFailedReadPause);
   }
   ReportReply(reply, version);
-  if (progress != nullptr) progress->ProgressChangeCallBack(100);
-  EndOperation();
+  ReportProgress(op.progress, kProgressDone);
+  op.End();
 }
 
 }  // namespace ferrolt

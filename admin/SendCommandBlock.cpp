@@ -1,60 +1,56 @@
-// The exchange that sends the device one command block and reads no answer.
+#include "admin/SendCommandBlock.h"
+
 #include <cstdio>
 
-#include "admin/DeviceAdmin.h"
 #include "link/DevicePacket.h"
 #include "link/Limits.h"
+#include "transfer/Reports.h"
 
 namespace ferrolt {
 
 namespace {
 
+constexpr int kProgressStarted = 5;
+constexpr int kProgressDone = 100;
+
 void Report(ILogMessageCallBack* log, const char* message) {
   if (log != nullptr) log->LogMessageCallBack(message);
 }
 
-void ReportProgress(IProgressChangeCallBack* progress, int percent) {
-  if (progress != nullptr) progress->ProgressChangeCallBack(percent);
-}
-
 }  // namespace
 
-void DeviceAdmin::SendCommandBlock(const uint8_t* block, const char* sentMessage, const char* failedMessage,
-                                   const char* subject, IProgressChangeCallBack* progress, ILogMessageCallBack* log) {
-  if (!ConnectDefaultDevice(log)) {
-    EndOperation();
+void SendCommandBlock(const OperationContext& op, const uint8_t* block, const char* sentMessage,
+                      const char* failedMessage, const char* subject) {
+  if (!op.Connect()) {
+    op.End();
     return;
   }
-  ReportProgress(progress, 5);
-  if (!OperationRunning.load()) {
-    EndOperation();
+  ReportProgress(op.progress, kProgressStarted);
+  if (!op.Running()) {
+    op.End();
     return;
   }
   std::printf("SPI SUPPORT IS TURNED ON!\n");
   for (int attempt = 1;; ++attempt) {
-    if (Link.WritePacket(block, kBlockSize, log) == TransferStatus::Done) {
-      Report(log, sentMessage);
+    if (op.link.WritePacket(block, kBlockSize, op.log) == TransferStatus::Done) {
+      Report(op.log, sentMessage);
       break;
     }
-    Report(log, failedMessage);
+    Report(op.log, failedMessage);
     // A cancel does not reach this loop, so it needs a bound of its own.
     if (attempt >= limits::kMaxReconnectRounds) {
-      if (log != nullptr)
-        log->LogMessageCallBack("Error: Giving up after %d failed attempts to send %s.", attempt, subject);
-      EndOperation();
+      if (op.log != nullptr)
+        op.log->LogMessageCallBack("Error: Giving up after %d failed attempts to send %s.", attempt, subject);
+      op.End();
       return;
     }
-    if (Reader.StopRequested.load()) {  // process teardown
-      EndOperation();
-      return;
-    }
-    if (!Reconnect(log)) {
-      EndOperation();
+    if (op.TearingDown() || !op.Reconnect()) {
+      op.End();
       return;
     }
   }
-  ReportProgress(progress, 100);
-  EndOperation();
+  ReportProgress(op.progress, kProgressDone);
+  op.End();
 }
 
 }  // namespace ferrolt

@@ -4,8 +4,10 @@
 #include <cstdio>
 #include <string>
 
-#include "admin/DeviceAdmin.h"
+#include "transfer/DownloadFile.h"
+
 #include "link/DevicePacket.h"
+#include "transfer/DownloadOpening.h"
 #include "transfer/DownloadReply.h"
 #include "transfer/OutputFile.h"
 #include "transfer/Reports.h"
@@ -22,18 +24,18 @@ static_assert(kMaxDevicePathLength == 38);
 
 }  // namespace
 
-void DeviceAdmin::DownloadFile(std::string devicePath, std::string savePath, IProgressChangeCallBack* progress,
-                               ILogMessageCallBack* log) {
+void DownloadFile(const OperationContext& op, const std::string& devicePath, const std::string& savePath) {
+  ILogMessageCallBack* const log = op.log;
   const std::string refusal = devicePath.size() > kMaxDevicePathLength
                                   ? "Error: The device path is longer than " + std::to_string(kMaxDevicePathLength) +
                                         " characters - " + devicePath
                                   : std::string();
   OutputFile output;
-  if (!OpenDownload(output, savePath, "file", refusal, progress, log)) return;
+  if (!OpenDownload(op, output, savePath, "file", refusal)) return;
 
   const Block request = BuildTextPacket(PacketType::Download, std::string(kRequestPrefix) + devicePath);
-  if (!SendDownloadRequest(request.data(), "download", log)) {
-    EndOperation();
+  if (!SendDownloadRequest(op, request.data(), "download")) {
+    op.End();
     return;
   }
   LogText(log, "Starting file download now.");
@@ -46,8 +48,8 @@ void DeviceAdmin::DownloadFile(std::string devicePath, std::string savePath, IPr
   int32_t written = 0;
   for (bool done = false; !done;) {
     Block block{};
-    if (!ReadBlockWithinSilenceLimit(block.data(), log)) {
-      EndOperation();
+    if (!op.ReadWithinSilenceLimit(block.data())) {
+      op.End();
       return;
     }
     const std::string hex = BytesToHex(block.data(), kBlockSize);
@@ -86,9 +88,9 @@ void DeviceAdmin::DownloadFile(std::string devicePath, std::string savePath, IPr
                             static_cast<int>(total));
   }
   ReportShortDownload(written, total, savePath);
-  ReportProgress(progress, kProgressDone);
+  ReportProgress(op.progress, kProgressDone);
   std::fflush(stdout);
-  EndOperation();
+  op.End();
 }
 
 }  // namespace ferrolt

@@ -5,9 +5,11 @@
 #include <cstdio>
 #include <string>
 
-#include "admin/DeviceAdmin.h"
+#include "transfer/DownloadLogs.h"
+
 #include "link/DevicePacket.h"
 #include "link/Limits.h"
+#include "transfer/DownloadOpening.h"
 #include "transfer/DownloadReply.h"
 #include "transfer/FilePackets.h"
 #include "transfer/OutputFile.h"
@@ -49,21 +51,21 @@ void Accept(const Block& block, LogReceipt& receipt, OutputFile& output) {
 
 }  // namespace
 
-void DeviceAdmin::DownloadLogs(std::string zipPath, IProgressChangeCallBack* progress, ILogMessageCallBack* log,
-                               bool /*verbose*/) {
-  if (!ConnectDefaultDevice(log)) {
-    EndOperation();
+void DownloadLogs(const OperationContext& op, const std::string& zipPath) {
+  ILogMessageCallBack* const log = op.log;
+  if (!op.Connect()) {
+    op.End();
     return;
   }
   OutputFile output;
-  if (!OpenDownload(output, zipPath, "log", std::string(), progress, log)) return;
+  if (!OpenDownload(op, output, zipPath, "log", std::string())) return;
 
   const Block request = BuildTextPacket(PacketType::Logs, kRequestText);
   // Attempts that ended in a sequence error are bounded.
   int restarts = 0;
   for (;;) {
-    if (!SendDownloadRequest(request.data(), "log download", log)) {
-      EndOperation();
+    if (!SendDownloadRequest(op, request.data(), "log download")) {
+      op.End();
       return;
     }
     LogText(log, "Starting download logs now.");
@@ -72,7 +74,7 @@ void DeviceAdmin::DownloadLogs(std::string zipPath, IProgressChangeCallBack* pro
     AttemptEnd end = AttemptEnd::DeviceSilent;
     for (bool attempting = true; attempting;) {
       Block block{};
-      if (!ReadBlockWithinSilenceLimit(block.data(), log)) break;
+      if (!op.ReadWithinSilenceLimit(block.data())) break;
       if (PacketTypeOf(block.data()) != static_cast<uint8_t>(PacketType::Logs)) continue;
       const std::string hex = BytesToHex(block.data(), kBlockSize);
       if (!PacketCrcMatches(block.data())) {
@@ -108,7 +110,7 @@ void DeviceAdmin::DownloadLogs(std::string zipPath, IProgressChangeCallBack* pro
       }
     }
     if (end == AttemptEnd::DeviceSilent) {
-      EndOperation();
+      op.End();
       return;
     }
     std::printf("\n");
@@ -121,15 +123,15 @@ void DeviceAdmin::DownloadLogs(std::string zipPath, IProgressChangeCallBack* pro
     if (++restarts > limits::kMaxLogDownloadRestarts) {
       LogText(log, "Error: The log archive arrived out of sequence " + std::to_string(restarts) +
                        " times; log download stopped.");
-      EndOperation();
+      op.End();
       return;
     }
     // The next attempt sends the archive from its beginning.
     output.Restart();
   }
-  ReportProgress(progress, kProgressDone);
+  ReportProgress(op.progress, kProgressDone);
   std::fflush(stdout);
-  EndOperation();
+  op.End();
 }
 
 }  // namespace ferrolt

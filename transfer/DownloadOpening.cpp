@@ -1,9 +1,8 @@
-// The opening both downloads share: the output file created, then the
-// request sent.
+#include "transfer/DownloadOpening.h"
+
 #include <cstdio>
 #include <string>
 
-#include "admin/DeviceAdmin.h"
 #include "link/DevicePacket.h"
 #include "link/Limits.h"
 #include "transfer/Reports.h"
@@ -16,37 +15,36 @@ constexpr int kProgressStarted = 5;
 
 }  // namespace
 
-bool DeviceAdmin::OpenDownload(OutputFile& output, const std::string& savePath, const char* destination,
-                               const std::string& refusal, IProgressChangeCallBack* progress,
-                               ILogMessageCallBack* log) {
-  ReportProgress(progress, kProgressStarted);
-  if (!OperationRunning.load()) {
-    Link.CloseDevice();
+bool OpenDownload(const OperationContext& op, OutputFile& output, const std::string& savePath,
+                  const char* destination, const std::string& refusal) {
+  ReportProgress(op.progress, kProgressStarted);
+  if (!op.Running()) {
+    op.link.CloseDevice();
     return false;
   }
   if (!refusal.empty()) {
-    LogText(log, refusal);
-    EndOperation();
+    LogText(op.log, refusal);
+    op.End();
     return false;
   }
   if (!output.Create(savePath)) {
-    LogText(log, std::string("Error: Can not find specified ") + destination + " destination path - " + savePath);
-    EndOperation();
+    LogText(op.log, std::string("Error: Can not find specified ") + destination + " destination path - " + savePath);
+    op.End();
     return false;
   }
   std::printf("SPI SUPPORT IS TURNED ON!\n");
   return true;
 }
 
-bool DeviceAdmin::SendDownloadRequest(const uint8_t* request, const char* subject, ILogMessageCallBack* log) {
+bool SendDownloadRequest(const OperationContext& op, const uint8_t* request, const char* subject) {
   for (int attempt = 1;; ++attempt) {
-    if (Link.WritePacket(request, kBlockSize, log) == TransferStatus::Done) return true;
+    if (op.link.WritePacket(request, kBlockSize, op.log) == TransferStatus::Done) return true;
     if (attempt == limits::kMaxReconnectRounds) {
-      LogText(log, std::string("Error: The ") + subject + " request could not be sent after " +
+      LogText(op.log, std::string("Error: The ") + subject + " request could not be sent after " +
                        std::to_string(attempt) + " attempts; " + subject + " stopped.");
       return false;
     }
-    if (!Reconnect(log)) return false;
+    if (!op.Reconnect()) return false;
   }
 }
 

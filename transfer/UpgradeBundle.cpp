@@ -12,7 +12,8 @@
 #include <string>
 #include <thread>
 
-#include "admin/DeviceAdmin.h"
+#include "transfer/UpgradeBundle.h"
+
 #include "link/DevicePacket.h"
 #include "link/Limits.h"
 #include "transfer/FilePackets.h"
@@ -109,15 +110,13 @@ enum class StreamEnd {
 // earlier packet.
 class PacketStream {
  public:
-  PacketStream(UsbLink& link, std::mutex& linkMutex, const std::atomic<bool>& running, ReaderState& reader,
-               ILogMessageCallBack* log)
-      : link_(link), linkMutex_(linkMutex), running_(running), reader_(reader), log_(log) {}
+  explicit PacketStream(const OperationContext& op) : op_(op) {}
 
   StreamEnd Send(BundleFile& file, int32_t packetCount) {
     int lastPercent = kNoPercentYet;
     for (index_ = 0; index_ < packetCount; ++index_) {
-      if (!running_.load()) return StreamEnd::Stopped;
-      std::unique_lock<std::mutex> step(linkMutex_);
+      if (!op_.Running()) return StreamEnd::Stopped;
+      std::unique_lock<std::mutex> step(op_.linkMutex);
       const bool resend = TakeNack(file);
       uint8_t piece[kPayloadSize];
       uint8_t count = 0;
@@ -127,7 +126,7 @@ class PacketStream {
       Block packet{};
       BuildPacket(static_cast<uint8_t>(PacketType::Upgrade), static_cast<uint32_t>(index_), piece, count,
                   packet.data());
-      if (resend) LogText(log_, "Write data :" + BytesToHex(packet.data(), static_cast<int>(kBlockSize)));
+      if (resend) LogText(op_.log, "Write data :" + BytesToHex(packet.data(), static_cast<int>(kBlockSize)));
       if (!WriteWithRetries(packet, step)) return StreamEnd::WriteFailed;
       ReportProgress(PercentOf(index_, packetCount), lastPercent);
     }
@@ -140,7 +139,7 @@ class PacketStream {
   // A NACK for a packet already sent moves the stream back to it. Numbers at
   // or above the current index stay stored for a later step.
   bool TakeNack(BundleFile& file) {
-    uint32_t stored = reader_.NackedPacketNumber.load();
+    uint32_t stored = op_.reader.NackedPacketNumber.load();
     const int32_t nacked = static_cast<int32_t>(stored);
     // kNoNack reads as -1 here.
     if (nacked < 0 || nacked >= index_) return false;
@@ -148,7 +147,7 @@ class PacketStream {
     index_ = nacked;
     file.SeekToPacket(nacked);
     // Only clear the number we acted on: a NACK stored since then must survive.
-    reader_.NackedPacketNumber.compare_exchange_strong(stored, kNoNack);
+    op_.reader.NackedPacketNumber.compare_exchange_strong(stored, kNoNack);
     return true;
   }
 
@@ -157,8 +156,8 @@ class PacketStream {
   // a slow device never holds it across retries.
   bool WriteWithRetries(const Block& packet, std::unique_lock<std::mutex>& step) {
     int failures = 0;
-    while (running_.load()) {
-      const TransferStatus status = link_.WritePacket(packet.data(), kBlockSize, log_);
+    while (op_.Running()) {
+      const TransferStatus status = op_.link.WritePacket(packet.data(), kBlockSize, op_.log);
       if (step.owns_lock()) step.unlock();
       if (status == TransferStatus::Done) return true;
       std::printf("A write retry was detected!\n");
@@ -169,16 +168,12 @@ class PacketStream {
 
   void ReportProgress(int percent, int& lastPercent) {
     if (percent == lastPercent) return;
-    if (log_ != nullptr) log_->LogMessageCallBack("Progress: %d%%%%", percent);
+    if (op_.log != nullptr) op_.log->LogMessageCallBack("Progress: %d%%%%", percent);
     lastPercent = percent;
     std::fflush(stdout);
   }
 
-  UsbLink& link_;
-  std::mutex& linkMutex_;
-  const std::atomic<bool>& running_;
-  ReaderState& reader_;
-  ILogMessageCallBack* log_;
+  const OperationContext& op_;
   int32_t index_ = 0;
 };
 
@@ -209,46 +204,46 @@ int SecondsOf(std::chrono::milliseconds wait) {
 
 }  // namespace
 
-void DeviceAdmin::UpgradeBundle(std::string bundlePath, IProgressChangeCallBack* progress, ILogMessageCallBack* log,
-                                bool /*verbose: the upgrade reports the same either way*/) {
+void UpgradeBundle(const OperationContext& op, const std::string& bundlePath) {
+  ILogMessageCallBack* const log = op.log;
   const std::string shownPath = ShownAsTyped(bundlePath);
   BundleFile file;
   if (!file.Open(bundlePath)) {
     LogText(log, "Error: Can not find specified file - " + shownPath);
-    EndOperation();
+    op.End();
     return;
   }
   LogText(log, "I found specified file - " + shownPath);
   std::printf("SPI SUPPORT IS TURNED ON!\n");
-  if (progress != nullptr) progress->ProgressChangeCallBack(kFileOpenedProgress);
+  if (op.progress != nullptr) op.progress->ProgressChangeCallBack(kFileOpenedProgress);
 
   const int64_t fileSize = file.SeekToEnd(log);
   file.SeekToStart(log);
   if (fileSize > kLargestFileSize) {
     LogText(log, "Error: The bundle file is 2 GiB or larger, more than the device can take - " + shownPath);
-    EndOperation();
+    op.End();
     return;
   }
   const int32_t size = static_cast<int32_t>(fileSize);
   const int32_t packetCount = PacketCountFor(size);
 
   const Block start = BuildRawTextBlock("Starting Upgrade " + std::to_string(size) + " " + std::to_string(packetCount));
-  if (Link.WritePacket(start.data(), kBlockSize, log) != TransferStatus::Done) {
+  if (op.link.WritePacket(start.data(), kBlockSize, log) != TransferStatus::Done) {
     LogText(log, "Failed in writing 'Starting Upgrade' to device.");
-    EndOperation();
+    op.End();
     return;
   }
   LogText(log, "Successful in writing 'Starting Upgrade' to device.");
   LogText(log, "Downloading Upgrade Bundle now.");
 
-  PacketStream stream(Link, LinkMutex, OperationRunning, Reader, log);
+  PacketStream stream(op);
   const StreamEnd streamEnd = stream.Send(file, packetCount);
   if (streamEnd == StreamEnd::WriteFailed || streamEnd == StreamEnd::ReadFailed) {
     ReportStreamFailure(streamEnd, stream.Index(), log);
-    EndOperation();
+    op.End();
     return;
   }
-  if (!OperationRunning.load()) {
+  if (!op.Running()) {
     std::printf("Upgrading is aborted.\n");
     return;
   }
@@ -256,7 +251,7 @@ void DeviceAdmin::UpgradeBundle(std::string bundlePath, IProgressChangeCallBack*
   LogText(log, "Progress: 100%%%%");
   file.Close();
   const Block end = BuildTextPacket(PacketType::Upgrade, "Ending Upgrade");
-  const TransferStatus endStatus = Link.WritePacket(end.data(), kBlockSize, log);
+  const TransferStatus endStatus = op.link.WritePacket(end.data(), kBlockSize, log);
   if (endStatus != TransferStatus::Done) {
     std::printf("The error code is: %d\n", static_cast<int>(endStatus));
   } else {
@@ -264,22 +259,22 @@ void DeviceAdmin::UpgradeBundle(std::string bundlePath, IProgressChangeCallBack*
   }
   PrintPacketSummary(size, packetCount);
 
-  if (!WaitForEndReport(Reader, OperationRunning) && OperationRunning.load()) {
+  if (!WaitForEndReport(op.reader, op.running) && op.Running()) {
     if (log != nullptr) {
       log->LogMessageCallBack("Error: The device sent no end report within %d seconds.",
                               SecondsOf(limits::kUpgradeEndReportWait));
     }
-    EndOperation();
+    op.End();
     return;
   }
-  if (Reader.ReaderDone.load()) std::printf("I am done with the reader thread.\n");
-  if (!OperationRunning.load()) {
+  if (op.reader.ReaderDone.load()) std::printf("I am done with the reader thread.\n");
+  if (!op.Running()) {
     std::printf("Upgrading is aborted.\n");
     return;
   }
-  Link.CloseDevice();
+  op.link.CloseDevice();
   LogText(log, "Please wait until reboot of device is done.");
-  OperationRunning.store(false);
+  op.running.store(false);
 }
 
 }  // namespace ferrolt

@@ -2,14 +2,13 @@
 // packets sent stop-and-wait (a refused packet goes again at once), and an end
 // command. A failed write closes, reopens and writes again, a bounded number
 // of times.
-#include <atomic>
+#include "transfer/UploadFile.h"
+
 #include <cstdio>
-#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
 
-#include "admin/DeviceAdmin.h"
 #include "link/DevicePacket.h"
 #include "link/Limits.h"
 #include "transfer/FilePackets.h"
@@ -54,15 +53,13 @@ enum class WriteOutcome { Written, LinkLost, GaveUp, Cancelled };
 // Writes one block; after a failed write: reconnect, pause, write again, at
 // most limits::kMaxReconnectRounds writes in all. The running flag is looked at
 // before every round so a cancel does not wait out the rounds.
-WriteOutcome WriteWithReconnect(UsbLink& link, const Block& block, ILogMessageCallBack* log,
-                                const char* failureLine, const std::function<bool()>& reconnect,
-                                const std::atomic<bool>& running) {
+WriteOutcome WriteWithReconnect(const OperationContext& op, const Block& block, const char* failureLine) {
   for (int attempt = 1;; ++attempt) {
-    if (link.WritePacket(block.data(), kBlockSize, log) == TransferStatus::Done) return WriteOutcome::Written;
-    if (failureLine != nullptr) LogText(log, failureLine);
-    if (!running.load()) return WriteOutcome::Cancelled;
+    if (op.link.WritePacket(block.data(), kBlockSize, op.log) == TransferStatus::Done) return WriteOutcome::Written;
+    if (failureLine != nullptr) LogText(op.log, failureLine);
+    if (!op.Running()) return WriteOutcome::Cancelled;
     if (attempt == limits::kMaxReconnectRounds) return WriteOutcome::GaveUp;
-    if (!reconnect()) return WriteOutcome::LinkLost;
+    if (!op.Reconnect()) return WriteOutcome::LinkLost;
     std::this_thread::sleep_for(limits::kReconnectPause);
   }
 }
@@ -77,10 +74,11 @@ void PrintProgressIfChanged(int32_t index, int32_t count, int& lastPercent) {
 
 }  // namespace
 
-void DeviceAdmin::UploadFile(std::string localPath, IProgressChangeCallBack* progress, ILogMessageCallBack* log) {
-  ReportProgress(progress, kProgressStarted);
-  if (!OperationRunning.load()) {
-    Link.CloseDevice();
+void UploadFile(const OperationContext& op, const std::string& localPath) {
+  ILogMessageCallBack* const log = op.log;
+  ReportProgress(op.progress, kProgressStarted);
+  if (!op.Running()) {
+    op.link.CloseDevice();
     return;
   }
   const std::string name = FileNameOf(localPath);
@@ -89,16 +87,16 @@ void DeviceAdmin::UploadFile(std::string localPath, IProgressChangeCallBack* pro
   FileHandle file(std::fopen(localPath.c_str(), "rb"), &std::fclose);
   if (file == nullptr) {
     LogText(log, "Error: Can not find specified file - " + localPath);
-    EndOperation();
+    op.End();
     return;
   }
   std::printf("SPI SUPPORT IS TURNED ON!\n");
-  ReportProgress(progress, kProgressFileOpen);
+  ReportProgress(op.progress, kProgressFileOpen);
 
   const long measured = MeasureFile(file.get());
   if (measured < 0 || measured > kLargestFileSize) {
     LogText(log, "Error: Files of 2 GiB or more can not be uploaded - " + localPath);
-    EndOperation();
+    op.End();
     return;
   }
   const int32_t size = static_cast<int32_t>(measured);
@@ -108,12 +106,11 @@ void DeviceAdmin::UploadFile(std::string localPath, IProgressChangeCallBack* pro
                                         static_cast<int>(count), name.c_str());
   if (startLength < 0 || static_cast<size_t>(startLength) > kMaxStartTextLength) {
     LogText(log, "Error: The file name is too long for the device - " + name);
-    EndOperation();
+    op.End();
     return;
   }
 
-  Link.FlushPipes();
-  const std::function<bool()> reconnect = [this, log] { return Reconnect(log); };
+  op.link.FlushPipes();
   auto endAfter = [&](WriteOutcome outcome, int32_t index) {
     if (outcome == WriteOutcome::GaveUp) {
       LogText(log, "Error: The device did not take the upload after " + std::to_string(limits::kMaxReconnectRounds) +
@@ -124,20 +121,19 @@ void DeviceAdmin::UploadFile(std::string localPath, IProgressChangeCallBack* pro
       LogText(log, "Upload canceled after " + std::to_string(index) + " of " + std::to_string(count) +
                        " packets; the end command was not sent.");
     }
-    EndOperation();
+    op.End();
   };
 
   const Block startBlock = BuildRawTextBlock(startText);
   const WriteOutcome started =
-      WriteWithReconnect(Link, startBlock, log, "Failed in writing 'File Upload' to device.", reconnect,
-                         OperationRunning);
+      WriteWithReconnect(op, startBlock, "Failed in writing 'File Upload' to device.");
   if (started != WriteOutcome::Written) {
     endAfter(started, 0);
     return;
   }
   LogText(log, "Succeeded in writing 'File Upload' to device.");
   std::this_thread::sleep_for(limits::kReconnectPause);
-  ReportProgress(progress, kProgressStartWritten);
+  ReportProgress(op.progress, kProgressStartWritten);
   std::printf("FILE UPLOADING TO DEVICE...\n");
 
   int lastPercent = -1;
@@ -147,15 +143,15 @@ void DeviceAdmin::UploadFile(std::string localPath, IProgressChangeCallBack* pro
     if (got == 0) {
       if (std::ferror(file.get()) == 0) break;
       LogText(log, "Error: Reading the local file failed at packet " + std::to_string(index) + "; upload stopped.");
-      EndOperation();
+      op.End();
       return;
     }
     Block packet{};
     BuildPacket(static_cast<uint8_t>(PacketType::Upload), static_cast<uint32_t>(index), chunk,
                 static_cast<uint8_t>(got), packet.data());
     for (;;) {
-      const WriteOutcome sent = WriteWithReconnect(Link, packet, log, nullptr, reconnect, OperationRunning);
-      if (sent == WriteOutcome::Written && !OperationRunning.load()) {
+      const WriteOutcome sent = WriteWithReconnect(op, packet, nullptr);
+      if (sent == WriteOutcome::Written && !op.Running()) {
         endAfter(WriteOutcome::Cancelled, index + 1);
         return;
       }
@@ -166,7 +162,7 @@ void DeviceAdmin::UploadFile(std::string localPath, IProgressChangeCallBack* pro
       PrintProgressIfChanged(index, count, lastPercent);
       Block reply{};
       uint32_t received = 0;
-      if (Link.ReadPacket(reply.data(), kBlockSize, log, &received) != TransferStatus::Done) break;
+      if (op.link.ReadPacket(reply.data(), kBlockSize, log, &received) != TransferStatus::Done) break;
       LogText(log, "Write data:" + BytesToHex(packet.data(), kBlockSize));
       if (!IsNack(reply)) break;
       LogText(log, "A NACK has occurred!");
@@ -176,16 +172,16 @@ void DeviceAdmin::UploadFile(std::string localPath, IProgressChangeCallBack* pro
   file.reset();
 
   const Block endBlock = BuildRawTextBlock("Ending upload");
-  if (Link.WritePacket(endBlock.data(), kBlockSize, log) == TransferStatus::Done) {
+  if (op.link.WritePacket(endBlock.data(), kBlockSize, log) == TransferStatus::Done) {
     LogText(log, "Succeeded in writing 'Ending upload' to device.");
   } else {
     LogText(log, "Failed in writing 'Ending upload' to device.");
   }
   PrintPacketSummary(size, count);
-  ReportProgress(progress, kProgressDone);
+  ReportProgress(op.progress, kProgressDone);
   std::printf("Finished File Upload!\n");
   std::fflush(stdout);
-  EndOperation();
+  op.End();
 }
 
 }  // namespace ferrolt

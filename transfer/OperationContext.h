@@ -1,0 +1,52 @@
+// What a worker works with: the open link, the running flag it obeys, the
+// response reader's state, and the callbacks it reports through. The
+// operation runner builds one per launch; the workers of admin/ and
+// transfer/ take it explicitly, so each can be read and run on its own.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+
+#include "link/Callbacks.h"
+#include "link/ResponseReader.h"
+#include "link/UsbLink.h"
+
+namespace ferrolt {
+
+struct OperationContext {
+  UsbLink& link;
+  // Cleared by a cancel; the only stop signal a worker obeys.
+  std::atomic<bool>& running;
+  // NackedPacketNumber and ReaderDone for the upgrade, and the teardown stop
+  // every unbounded loop looks at.
+  ReaderState& reader;
+  // Taken by the upgrade sender for each packet step.
+  std::mutex& linkMutex;
+  IProgressChangeCallBack* progress;
+  ILogMessageCallBack* log;
+
+  bool Running() const { return running.load(); }
+  bool TearingDown() const { return reader.StopRequested.load(); }
+
+  // ConnectDevice with the device's ids, logging a failure.
+  bool Connect() const;
+  // After a failed write: CloseDevice, pause limits::kReconnectPause,
+  // ConnectDevice. False, after the console line of a failed open, when the
+  // link could not be reopened.
+  bool Reconnect() const;
+  // A worker's normal way out: CloseDevice, then clear the running flag.
+  void End() const;
+  // The read of the download loops: a failed read is retried after
+  // limits::kFailedReadPause; false, after one log line, once the device has
+  // sent nothing for limits::kDeviceSilenceLimit or the process tears down.
+  bool ReadWithinSilenceLimit(uint8_t* block) const;
+  // The one log line of an operation that ends because the device has sent
+  // nothing for limits::kDeviceSilenceLimit.
+  void ReportDeviceSilence() const;
+};
+
+// The console line of a link that could not be opened.
+void ReportOpenFailure();
+
+}  // namespace ferrolt
