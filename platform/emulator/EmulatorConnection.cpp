@@ -69,7 +69,9 @@ std::shared_ptr<Transfer> EmulatorConnection::StartRead(uint8_t pipeId, uint32_t
   auto transfer = std::make_shared<Transfer>(length);
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (removed_) return nullptr;
+    // Blocks that came before the device closed the link were delivered:
+    // reads take them before they fail.
+    if (removed_ && receivedBlocks_.empty()) return nullptr;
     if (receivedBlocks_.empty()) {
       pendingReads_.push_back(transfer);
       return transfer;
@@ -163,7 +165,6 @@ void EmulatorConnection::FailOutstandingLocked() {
   for (const auto& read : pendingReads_) read->Complete(false, nullptr, 0);
   sentWrites_.clear();
   pendingReads_.clear();
-  receivedBlocks_.clear();
 }
 
 }  // namespace ferrolt::platform::emulator

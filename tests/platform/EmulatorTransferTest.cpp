@@ -156,6 +156,29 @@ INSTANTIATE_TEST_SUITE_P(Removals, EmulatorRemoval,
                                            Removal{"UnknownFrame", {'Z'}, false}),
                          [](const ::testing::TestParamInfo<Removal>& info) { return std::string(info.param.name); });
 
+// Given a device that sends two blocks and hangs up, both blocks are still
+// read, in order, before reads fail: they were delivered.
+TEST_F(EmulatorWire, BlocksSentBeforeAHangupStayReadable) {
+  auto write = Write(1);
+  ASSERT_TRUE(device.WaitForWrites(1, kArrival));
+  device.SendBlock(MarkedBlock(1, 1));
+  device.SendBlock(MarkedBlock(2, 2));
+  device.Hangup();
+  // The unanswered write fails once the link has seen the hangup.
+  ASSERT_TRUE(write->Completion().WaitFor(kArrival));
+  for (uint8_t seq : {1, 2}) {
+    auto read = connection->StartRead(kIn, 64);
+    ASSERT_NE(read, nullptr);
+    ASSERT_TRUE(read->Completion().WaitFor(kArrival));
+    ASSERT_TRUE(read->Succeeded());
+    Block got{};
+    read->CopyData(got.data(), 64);
+    EXPECT_EQ(got, MarkedBlock(seq, seq));
+  }
+  auto after = connection->StartRead(kIn, 64);
+  EXPECT_TRUE(after == nullptr || (after->Completion().WaitFor(kArrival) && !after->Succeeded()));
+}
+
 // Given a device that stops reading, writes give up once the socket is full
 // instead of holding their caller.
 class EmulatorDeafDevice : public EmulatorWire {
