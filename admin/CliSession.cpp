@@ -1,8 +1,10 @@
 // The CLI session: switching the device's CLI mode on and off, and running
 // one shell command with its output printed as it arrives.
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <thread>
 
 #include "admin/CliSession.h"
@@ -27,6 +29,13 @@ void PrintOutput(const Block& packet) {
   // Device text is printed as text: a '%' in it is no conversion.
   std::printf("%s", text);
   std::fflush(stdout);
+}
+
+void ReportLinkLost(ILogMessageCallBack* log) {
+  if (log == nullptr) return;
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(limits::kLinkLostLimit);
+  log->LogMessageCallBack("Error: Reading from the device has failed for %d seconds; the device is gone.",
+                          static_cast<int>(seconds.count()));
 }
 
 }  // namespace
@@ -78,11 +87,20 @@ void SendCliCommand(const OperationContext& op, const std::string& command) {
   }
   std::printf("\n");
   std::fflush(stdout);
-  // No bound: a command may run long, and Ctrl+C ends the run. Only process
-  // teardown stops the loop early.
+  // No bound while the device is there: a command may run long, and Ctrl+C
+  // ends the run. A link that is gone ends it, as does process teardown.
   Block block{};
+  std::optional<std::chrono::steady_clock::time_point> failingSince;
   while (!op.TearingDown()) {
-    if (op.link.ReadPacketBlocking(block.data(), kBlockSize, op.log) != 0) {
+    const TransferStatus read = op.link.ReadPacketWithStatus(block.data(), kBlockSize);
+    if (read != TransferStatus::Failed) failingSince.reset();
+    if (read != TransferStatus::Done) {
+      const auto now = std::chrono::steady_clock::now();
+      if (read == TransferStatus::Failed && !failingSince) failingSince = now;
+      if (failingSince && now - *failingSince >= limits::kLinkLostLimit) {
+        ReportLinkLost(op.log);
+        break;
+      }
       std::this_thread::sleep_for(limits::kFailedReadPause);
       continue;
     }

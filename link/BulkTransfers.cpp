@@ -80,10 +80,12 @@ TransferStatus UsbLink::ReadPacket(uint8_t* buffer, uint32_t length, ILogMessage
 }
 
 int UsbLink::ReadPacketBlocking(uint8_t* buffer, uint32_t length, ILogMessageCallBack* /*log*/) {
+  return ReadPacketWithStatus(buffer, length) == TransferStatus::Done ? 0 : 1;
+}
+
+TransferStatus UsbLink::ReadPacketWithStatus(uint8_t* buffer, uint32_t length) {
   uint32_t bytesReceived = 0;
-  const TransferStatus status =
-      ReadBlock(buffer, length, limits::kBlockingReadWait, ReadWait::WithoutCancel, &bytesReceived);
-  return status == TransferStatus::Done ? 0 : 1;
+  return ReadBlock(buffer, length, limits::kBlockingReadWait, ReadWait::WithoutCancel, &bytesReceived);
 }
 
 TransferStatus UsbLink::ReadBlock(uint8_t* buffer, uint32_t length, std::chrono::milliseconds wait, ReadWait kind,
@@ -94,7 +96,7 @@ TransferStatus UsbLink::ReadBlock(uint8_t* buffer, uint32_t length, std::chrono:
   if (bytesReceived != nullptr) *bytesReceived = 0;
   for (;;) {
     const std::shared_ptr<platform::Transfer> transfer = PendingRead(length);
-    if (transfer == nullptr && !withCancel) return TransferStatus::TimedOut;
+    if (transfer == nullptr && !withCancel) return TransferStatus::Failed;
 
     const platform::Event* completion = transfer ? &transfer->Completion() : nullptr;
     const int woke = platform::WaitAny({withCancel ? &cancelEvent_ : nullptr, completion}, platform::TimeLeft(deadline));

@@ -24,14 +24,23 @@ inline constexpr milliseconds kFailedReadPause{20};
 // A device that sends nothing for this long ends the operation (except a CLI
 // command's output, which keeps no bound).
 inline constexpr milliseconds kDeviceSilenceLimit{15000};
+// A CLI command's output wait, which keeps no bound while the device is
+// there, ends once reads have failed (not timed out: the link or the device
+// is gone) for this long.
+inline constexpr milliseconds kLinkLostLimit{5000};
 // Writes of one block before an operation gives up on it: the first, then
 // one after each close, pause and reopen.
 inline constexpr int kMaxReconnectRounds = 5;
+// A download may grow past the size its device announced by this many bytes
+// before it is stopped rather than let fill the disk.
+inline constexpr long long kDownloadOverrunMargin = 1 << 20;
 // Log download attempts started over after a sequence error before the
 // download gives up.
 inline constexpr int kMaxLogDownloadRestarts = 5;
 // Failed write attempts of one upgrade data packet before the upgrade gives up.
 inline constexpr int kMaxWriteRetries = 20;
+// Refusals of one upload data packet before the upload gives up.
+inline constexpr int kMaxUploadRefusals = 20;
 // The upgrade's wait for the device's closing status text.
 inline constexpr milliseconds kUpgradeEndReportWait{60000};
 // How often that wait looks at the reader and at a cancel.

@@ -61,6 +61,10 @@ class UsbLink {
   // Read without the cancel event: 0 when a block arrived, 1 when the read
   // failed or nothing came within limits::kBlockingReadWait.
   int ReadPacketBlocking(uint8_t* buffer, uint32_t length, ILogMessageCallBack* log);
+  // The same read with its status: Done, TimedOut when the device sent
+  // nothing in time, Failed when the read could not be made (the link or the
+  // device is gone).
+  TransferStatus ReadPacketWithStatus(uint8_t* buffer, uint32_t length);
   // Discards leftover IN blocks, then flushes the OUT pipe.
   void FlushPipes();
   // A new operation: its first open drops what the device still had queued

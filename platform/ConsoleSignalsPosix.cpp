@@ -56,6 +56,9 @@ void* SignalThreadMain(void*) {
 void PrepareConsoleSignals() {
   const sigset_t signals = ControlSignals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  // Past a file-size limit a write fails (EFBIG) and the download says so,
+  // instead of the run being killed.
+  signal(SIGXFSZ, SIG_IGN);
 }
 
 bool HandleConsoleSignals(ConsoleEventHandler handler) {

@@ -1,12 +1,14 @@
 // The file download: one request naming the device path, then the device's
 // start reply, the file's data packets in arrival order, and its end reply.
 // The host acknowledges nothing; it reads, checks and writes.
+#include <chrono>
 #include <cstdio>
 #include <string>
 
 #include "transfer/DownloadFile.h"
 
 #include "link/DevicePacket.h"
+#include "transfer/DownloadAudit.h"
 #include "transfer/DownloadOpening.h"
 #include "transfer/DownloadReply.h"
 #include "transfer/OutputFile.h"
@@ -21,6 +23,12 @@ constexpr char kRequestPrefix[] = "Starting download ";
 // The request text and its terminating zero must fit the payload.
 constexpr size_t kMaxDevicePathLength = kPayloadSize - 1 - (sizeof kRequestPrefix - 1);
 static_assert(kMaxDevicePathLength == 38);
+
+// A device serves a file it does not have as an empty one.
+void ReportEmptyDownload(const std::string& devicePath) {
+  std::fprintf(stderr, "ferrolt: the device sent no bytes of %s; the file may not exist on the device.\n",
+               devicePath.c_str());
+}
 
 }  // namespace
 
@@ -43,12 +51,12 @@ void DownloadFile(const OperationContext& op, const std::string& devicePath, con
   int32_t received = 0;
   int32_t fileSize = 0;
   int32_t total = 0;
-  // Data packets written since the start reply, kept apart from the
-  // received count (which the end reply resets) to tell a short file.
-  int32_t written = 0;
+  DownloadAudit audit(savePath);
+  auto lastProgress = std::chrono::steady_clock::now();
   for (bool done = false; !done;) {
     Block block{};
-    if (!op.ReadWithinSilenceLimit(block.data())) {
+    if (!op.ReadWithinSilenceLimit(block.data(), lastProgress)) {
+      audit.Finish(false);
       op.End();
       return;
     }
@@ -59,12 +67,14 @@ void DownloadFile(const OperationContext& op, const std::string& devicePath, con
       LogText(log, "ERROR: CRC FAILED - " + hex);
       continue;
     }
+    lastProgress = std::chrono::steady_clock::now();
     switch (ClassifyReply(block.data(), kFileDownloadMarkers)) {
-      case ReplyKind::Start:
-        ReadStartNumbers(block.data(), kFileDownloadMarkers, fileSize, total);
+      case ReplyKind::Start: {
+        const bool readable = ReadStartNumbers(block.data(), kFileDownloadMarkers, fileSize, total);
+        audit.StartReply(fileSize, total, readable);
         received = 0;
-        written = 0;
         break;
+      }
       case ReplyKind::End:
         output.Close();
         received = 0;
@@ -77,8 +87,11 @@ void DownloadFile(const OperationContext& op, const std::string& devicePath, con
           done = total == 1;
         }
         ++received;
-        ++written;
-        output.Append(block.data() + kPayloadOffset, DataLength(block.data()));
+        if (!SaveDataPacket(block, output, audit)) {
+          audit.Finish(false);
+          op.End();
+          return;
+        }
         break;
     }
   }
@@ -87,7 +100,8 @@ void DownloadFile(const OperationContext& op, const std::string& devicePath, con
     log->LogMessageCallBack("Total file size = %d , Total packets = %d\n", static_cast<int>(fileSize),
                             static_cast<int>(total));
   }
-  ReportShortDownload(written, total, savePath);
+  audit.Finish(true);
+  if (audit.BytesArrived() == 0) ReportEmptyDownload(devicePath);
   ReportProgress(op.progress, kProgressDone);
   std::fflush(stdout);
   op.End();

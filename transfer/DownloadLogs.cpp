@@ -2,6 +2,7 @@
 // sequence check whose failure asks for the whole archive again. The file is
 // emptied before each new attempt, so the archive on disk is the one attempt
 // that reached the end reply.
+#include <chrono>
 #include <cstdio>
 #include <string>
 
@@ -9,6 +10,7 @@
 
 #include "link/DevicePacket.h"
 #include "link/Limits.h"
+#include "transfer/DownloadAudit.h"
 #include "transfer/DownloadOpening.h"
 #include "transfer/DownloadReply.h"
 #include "transfer/FilePackets.h"
@@ -22,7 +24,7 @@ namespace {
 constexpr int kProgressDone = 100;
 constexpr const char* kRequestText = "Download Logs";
 
-enum class AttemptEnd { Complete, SequenceError, DeviceSilent };
+enum class AttemptEnd { Complete, SequenceError, Stopped };
 
 // The receive state of one attempt.
 struct LogReceipt {
@@ -30,7 +32,6 @@ struct LogReceipt {
   int32_t archiveSize = 0;
   int32_t total = 0;
   int lastPercent = -1;
-  int32_t written = 0;  // since the start reply, to tell a short archive
 };
 
 // Logs the percentage before this packet is counted; while no total is known
@@ -41,12 +42,6 @@ void LogPercent(ILogMessageCallBack* log, LogReceipt& receipt, bool always) {
   if (!always && percent == receipt.lastPercent) return;
   receipt.lastPercent = percent;
   log->LogMessageCallBack("Download Log Progress: %d%%%%", percent);
-}
-
-void Accept(const Block& block, LogReceipt& receipt, OutputFile& output) {
-  ++receipt.received;
-  ++receipt.written;
-  output.Append(block.data() + kPayloadOffset, DataLength(block.data()));
 }
 
 }  // namespace
@@ -63,6 +58,7 @@ void DownloadLogs(const OperationContext& op, const std::string& zipPath) {
   const Block request = BuildTextPacket(PacketType::Logs, kRequestText);
   // Attempts that ended in a sequence error are bounded.
   int restarts = 0;
+  DownloadAudit audit(zipPath);
   for (;;) {
     if (!SendDownloadRequest(op, request.data(), "log download")) {
       op.End();
@@ -71,24 +67,27 @@ void DownloadLogs(const OperationContext& op, const std::string& zipPath) {
     LogText(log, "Starting download logs now.");
 
     LogReceipt receipt;
-    AttemptEnd end = AttemptEnd::DeviceSilent;
+    AttemptEnd end = AttemptEnd::Stopped;
+    auto lastProgress = std::chrono::steady_clock::now();
     for (bool attempting = true; attempting;) {
       Block block{};
-      if (!op.ReadWithinSilenceLimit(block.data())) break;
+      if (!op.ReadWithinSilenceLimit(block.data(), lastProgress)) break;
       if (PacketTypeOf(block.data()) != static_cast<uint8_t>(PacketType::Logs)) continue;
       const std::string hex = BytesToHex(block.data(), kBlockSize);
       if (!PacketCrcMatches(block.data())) {
         LogText(log, "ERROR: CRC FAILED - " + hex);
         continue;
       }
+      lastProgress = std::chrono::steady_clock::now();
       const int32_t number = static_cast<int32_t>(PacketNumber(block.data()));
       switch (ClassifyReply(block.data(), kLogDownloadMarkers)) {
-        case ReplyKind::Start:
-          ReadStartNumbers(block.data(), kLogDownloadMarkers, receipt.archiveSize, receipt.total);
+        case ReplyKind::Start: {
+          const bool readable = ReadStartNumbers(block.data(), kLogDownloadMarkers, receipt.archiveSize, receipt.total);
+          audit.StartReply(receipt.archiveSize, receipt.total, readable);
           std::printf("%s\n", zipPath.c_str());
           receipt.received = 0;
-          receipt.written = 0;
           break;
+        }
         case ReplyKind::End:
           output.Close();
           receipt.received = 0;
@@ -105,11 +104,13 @@ void DownloadLogs(const OperationContext& op, const std::string& zipPath) {
             break;
           }
           LogPercent(log, receipt, number == 0);
-          Accept(block, receipt, output);
+          ++receipt.received;
+          if (!SaveDataPacket(block, output, audit)) attempting = false;
           break;
       }
     }
-    if (end == AttemptEnd::DeviceSilent) {
+    if (end == AttemptEnd::Stopped) {
+      audit.Finish(false);
       op.End();
       return;
     }
@@ -117,17 +118,19 @@ void DownloadLogs(const OperationContext& op, const std::string& zipPath) {
     log->LogMessageCallBack("Total file size = %d , Total packets = %d\n", static_cast<int>(receipt.archiveSize),
                             static_cast<int>(receipt.total));
     if (end == AttemptEnd::Complete) {
-      ReportShortDownload(receipt.written, receipt.total, zipPath);
+      audit.Finish(true);
       break;
     }
     if (++restarts > limits::kMaxLogDownloadRestarts) {
       LogText(log, "Error: The log archive arrived out of sequence " + std::to_string(restarts) +
                        " times; log download stopped.");
+      audit.Finish(false);
       op.End();
       return;
     }
     // The next attempt sends the archive from its beginning.
     output.Restart();
+    audit.Restart();
   }
   ReportProgress(op.progress, kProgressDone);
   std::fflush(stdout);

@@ -27,8 +27,8 @@ enum class ReplyKind { Start, End, Data };
 ReplyKind ClassifyReply(const uint8_t* block, const ReplyMarkers& markers);
 
 // Reads "%d  %d" from the start reply's text at markers.numbersAt; a number
-// that cannot be read keeps the value it had.
-void ReadStartNumbers(const uint8_t* block, const ReplyMarkers& markers, int32_t& size, int32_t& total);
+// that cannot be read keeps the value it had. True when both were read.
+bool ReadStartNumbers(const uint8_t* block, const ReplyMarkers& markers, int32_t& size, int32_t& total);
 
 // The payload bytes a data packet carries: its length byte, cut to 57.
 size_t DataLength(const uint8_t* block);

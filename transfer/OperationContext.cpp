@@ -25,14 +25,14 @@ void OperationContext::End() const {
   running.exchange(false);
 }
 
-bool OperationContext::ReadWithinSilenceLimit(uint8_t* block) const {
-  const auto start = std::chrono::steady_clock::now();
+bool OperationContext::ReadWithinSilenceLimit(uint8_t* block,
+                                              std::chrono::steady_clock::time_point lastProgress) const {
   while (!TearingDown()) {
-    if (link.ReadPacketBlocking(block, kBlockSize, log) == 0) return true;
-    if (std::chrono::steady_clock::now() - start >= limits::kDeviceSilenceLimit) {
+    if (std::chrono::steady_clock::now() - lastProgress >= limits::kDeviceSilenceLimit) {
       ReportDeviceSilence();
       return false;
     }
+    if (link.ReadPacketBlocking(block, kBlockSize, log) == 0) return true;
     std::this_thread::sleep_for(limits::kFailedReadPause);
   }
   return false;
@@ -41,7 +41,7 @@ bool OperationContext::ReadWithinSilenceLimit(uint8_t* block) const {
 void OperationContext::ReportDeviceSilence() const {
   if (log == nullptr) return;
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(limits::kDeviceSilenceLimit);
-  log->LogMessageCallBack("Error: The device sent nothing for %d seconds. Giving up.",
+  log->LogMessageCallBack("Error: The device sent nothing usable for %d seconds. Giving up.",
                           static_cast<int>(seconds.count()));
 }
 

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <mutex>
 
@@ -38,9 +39,10 @@ struct OperationContext {
   // A worker's normal way out: CloseDevice, then clear the running flag.
   void End() const;
   // The read of the download loops: a failed read is retried after
-  // limits::kFailedReadPause; false, after one log line, once the device has
-  // sent nothing for limits::kDeviceSilenceLimit or the process tears down.
-  bool ReadWithinSilenceLimit(uint8_t* block) const;
+  // limits::kFailedReadPause; false, after one log line, once nothing has
+  // moved the operation on for limits::kDeviceSilenceLimit since lastProgress
+  // (blocks the caller threw away do not count), or the process tears down.
+  bool ReadWithinSilenceLimit(uint8_t* block, std::chrono::steady_clock::time_point lastProgress) const;
   // The one log line of an operation that ends because the device has sent
   // nothing for limits::kDeviceSilenceLimit.
   void ReportDeviceSilence() const;

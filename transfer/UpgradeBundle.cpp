@@ -17,6 +17,7 @@
 #include "link/DevicePacket.h"
 #include "link/Limits.h"
 #include "transfer/FilePackets.h"
+#include "transfer/LocalPath.h"
 
 namespace ferrolt {
 namespace {
@@ -207,6 +208,11 @@ int SecondsOf(std::chrono::milliseconds wait) {
 void UpgradeBundle(const OperationContext& op, const std::string& bundlePath) {
   ILogMessageCallBack* const log = op.log;
   const std::string shownPath = ShownAsTyped(bundlePath);
+  if (NamesAFolder(bundlePath)) {
+    LogText(log, kFolderRefusal + shownPath);
+    op.End();
+    return;
+  }
   BundleFile file;
   if (!file.Open(bundlePath)) {
     LogText(log, "Error: Can not find specified file - " + shownPath);

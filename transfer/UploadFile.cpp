@@ -12,6 +12,7 @@
 #include "link/DevicePacket.h"
 #include "link/Limits.h"
 #include "transfer/FilePackets.h"
+#include "transfer/LocalPath.h"
 #include "transfer/Reports.h"
 
 namespace ferrolt {
@@ -64,6 +65,27 @@ WriteOutcome WriteWithReconnect(const OperationContext& op, const Block& block, 
   }
 }
 
+// Tells a device whose answers run late: one that had answered every packet
+// until a packet's wait ran out, and whose answer then came in the next
+// packet's wait. A refusal names no packet, so one that comes late is taken
+// for the next packet and the refused one is never sent again.
+class ReplyTiming {
+ public:
+  void Reply(bool came) {
+    if (came && missedAfterAnswers_) late_ = true;
+    missedAfterAnswers_ = !came && answeredEvery_ && answered_ > 0;
+    answeredEvery_ = answeredEvery_ && came;
+    if (came) ++answered_;
+  }
+  bool Late() const { return late_; }
+
+ private:
+  int answered_ = 0;
+  bool answeredEvery_ = true;
+  bool missedAfterAnswers_ = false;
+  bool late_ = false;
+};
+
 void PrintProgressIfChanged(int32_t index, int32_t count, int& lastPercent) {
   const int percent = PercentOf(index, count);
   if (percent == lastPercent) return;
@@ -84,6 +106,11 @@ void UploadFile(const OperationContext& op, const std::string& localPath) {
   const std::string name = FileNameOf(localPath);
   std::printf("File to send: %s\n", name.c_str());
 
+  if (NamesAFolder(localPath)) {
+    LogText(log, kFolderRefusal + localPath);
+    op.End();
+    return;
+  }
   FileHandle file(std::fopen(localPath.c_str(), "rb"), &std::fclose);
   if (file == nullptr) {
     LogText(log, "Error: Can not find specified file - " + localPath);
@@ -137,6 +164,7 @@ void UploadFile(const OperationContext& op, const std::string& localPath) {
   std::printf("FILE UPLOADING TO DEVICE...\n");
 
   int lastPercent = -1;
+  ReplyTiming timing;
   for (int32_t index = 0; index < count; ++index) {
     uint8_t chunk[kPayloadSize];
     const size_t got = std::fread(chunk, 1, kPayloadSize, file.get());
@@ -149,7 +177,7 @@ void UploadFile(const OperationContext& op, const std::string& localPath) {
     Block packet{};
     BuildPacket(static_cast<uint8_t>(PacketType::Upload), static_cast<uint32_t>(index), chunk,
                 static_cast<uint8_t>(got), packet.data());
-    for (;;) {
+    for (int refusals = 0;;) {
       const WriteOutcome sent = WriteWithReconnect(op, packet, nullptr);
       if (sent == WriteOutcome::Written && !op.Running()) {
         endAfter(WriteOutcome::Cancelled, index + 1);
@@ -162,11 +190,19 @@ void UploadFile(const OperationContext& op, const std::string& localPath) {
       PrintProgressIfChanged(index, count, lastPercent);
       Block reply{};
       uint32_t received = 0;
-      if (op.link.ReadPacket(reply.data(), kBlockSize, log, &received) != TransferStatus::Done) break;
+      const bool answered = op.link.ReadPacket(reply.data(), kBlockSize, log, &received) == TransferStatus::Done;
+      timing.Reply(answered);
+      if (!answered) break;
       LogText(log, "Write data:" + BytesToHex(packet.data(), kBlockSize));
       if (!IsNack(reply)) break;
       LogText(log, "A NACK has occurred!");
       LogText(log, "Read data :" + BytesToHex(reply.data(), static_cast<int>(received)));
+      if (++refusals == limits::kMaxUploadRefusals) {
+        LogText(log, "Error: The device refused packet " + std::to_string(index) + " " + std::to_string(refusals) +
+                         " times; upload stopped.");
+        op.End();
+        return;
+      }
     }
   }
   file.reset();
@@ -178,6 +214,12 @@ void UploadFile(const OperationContext& op, const std::string& localPath) {
     LogText(log, "Failed in writing 'Ending upload' to device.");
   }
   PrintPacketSummary(size, count);
+  if (timing.Late()) {
+    std::fprintf(stderr,
+                 "ferrolt: the device answered later than the %d ms wait, so a refusal may have been taken for the "
+                 "next packet: the copy of %s on the device may be damaged.\n",
+                 static_cast<int>(limits::kReadWait.count()), name.c_str());
+  }
   ReportProgress(op.progress, kProgressDone);
   std::printf("Finished File Upload!\n");
   std::fflush(stdout);

@@ -116,8 +116,30 @@ TEST_F(FileTransferTest, DownloadUnderReplyFaultsIsWholeOrTheLossIsSaid) {
   Start({"--fault", "interleave", "--fault", "long-length=4", "--fault", "corrupt-reply-crc=10"});
   const ProcessResult run = Ferrolt({"download", "/tmp/f", "f"});
   EXPECT_NE(run.out.find("LogMessageCallBack:\tERROR: CRC FAILED - 060A000000"), std::string::npos);
-  EXPECT_NE(run.err.find("100 of 101 data packets arrived"), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find("f is incomplete: packet 11 came where 10 was due"), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find("5648 bytes in 100 packets arrived"), std::string::npos) << run.err;
+  EXPECT_TRUE(fs::exists(dir / "f.incomplete"));
   EXPECT_EQ(ReadFile(dir / "f"), bytes.substr(0, 10 * 57) + bytes.substr(11 * 57));
+}
+
+// Given a file-size limit smaller than the download, the write fails: the
+// run says so and ends normally, it is not killed by the limit's signal.
+TEST_F(FileTransferTest, ADownloadPastAFileSizeLimitSaysSoAndIsNotKilled) {
+  if (std::getenv("FERROLT_E2E_TOOL") != nullptr) GTEST_SKIP() << "the limit is set by a POSIX shell around the native tool";
+  fs::create_directories(root / "tmp");
+  WriteFile(root / "tmp" / "big", RandomBytes(64 << 10, 2));
+  Start();
+  ProcessOptions options;
+  // 16 blocks of 512 bytes at most, whichever unit the shell's ulimit counts.
+  options.args = {"-c", "ulimit -f 16 && exec \"$0\" \"$@\"", FERROLT_BIN, "download", "/tmp/big", "big"};
+  options.cwd = dir.Path();
+  options.env = server->Environment().set;
+  options.unsetEnv = server->Environment().unset;
+  const ProcessResult run = RunProcess("/bin/sh", options);
+  EXPECT_EQ(run.termSignal, 0);
+  EXPECT_EQ(run.exitStatus, 0);
+  EXPECT_NE(run.err.find("writing big failed: File too large"), std::string::npos) << run.err;
+  EXPECT_TRUE(fs::exists(dir / "big.incomplete"));
 }
 
 }  // namespace

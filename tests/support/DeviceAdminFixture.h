@@ -36,34 +36,39 @@ inline Block MakeDevicePacket(uint8_t type, uint8_t length, const std::string& p
   return block;
 }
 
-// Standard output captured into a file for the capture's lifetime, readable
-// while it is being written.
-class StdoutCapture {
+// Standard output (or error) captured into a file for the capture's
+// lifetime, readable while it is being written.
+template <int Fd>
+class StreamCapture {
  public:
-  StdoutCapture() {
+  StreamCapture() {
     const int fd = open(path_.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0600);
-    std::fflush(stdout);
-    dup2(fd, STDOUT_FILENO);
+    Flush();
+    dup2(fd, Fd);
     close(fd);
   }
-  ~StdoutCapture() {
-    // A failing test's messages went into the capture too: show them.
-    if (::testing::Test::HasFailure()) std::fprintf(stderr, "captured stdout:\n%s\n", Text().c_str());
-    std::fflush(stdout);
-    dup2(savedFd_, STDOUT_FILENO);
+  ~StreamCapture() {
+    Flush();
+    dup2(savedFd_, Fd);
     close(savedFd_);
+    // A failing test's messages went into the capture too: show them.
+    if (::testing::Test::HasFailure()) std::fprintf(stderr, "captured output:\n%s\n", ReadFile(path_).c_str());
   }
   // Everything written so far.
   std::string Text() const {
-    std::fflush(stdout);
+    Flush();
     return ReadFile(path_);
   }
 
  private:
+  static void Flush() { std::fflush(Fd == STDOUT_FILENO ? stdout : stderr); }
+
   TempDir dir_;
-  fs::path path_ = dir_ / "stdout";
-  int savedFd_ = dup(STDOUT_FILENO);
+  fs::path path_ = dir_ / "captured";
+  int savedFd_ = dup(Fd);
 };
+using StdoutCapture = StreamCapture<STDOUT_FILENO>;
+using StderrCapture = StreamCapture<STDERR_FILENO>;
 
 inline constexpr std::chrono::milliseconds kOperationBound{15000};
 inline constexpr std::chrono::milliseconds kShutdownBound{5000};

@@ -1,0 +1,181 @@
+// Devices that lie, refuse or go away: every run ends within its bound, and a
+// saved file that disagrees with what the device announced says so on
+// standard error and is marked incomplete beside it.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "link/Limits.h"
+#include "tests/support/DeviceAdminFixture.h"
+
+namespace ferrolt::test {
+namespace {
+
+constexpr uint8_t kDownloadType = 6;
+constexpr uint8_t kCliType = 4;
+constexpr uint8_t kUploadType = 5;
+constexpr uint8_t kNackMark = 1;
+
+Block Numbered(uint8_t type, uint32_t number, uint8_t length, const std::string& payload) {
+  Block block = MakeDevicePacket(type, length, payload);
+  std::memcpy(block.data() + kNumberOffset, &number, sizeof number);
+  block[kCrcOffset] = ComputeCrc8(block.data(), kCrcOffset);
+  return block;
+}
+
+Block StartReply(int size, int total) {
+  return Numbered(kDownloadType, 0, 57, "starting download " + std::to_string(size) + " " + std::to_string(total));
+}
+Block EndReply() { return Numbered(kDownloadType, 0, 57, "ending download"); }
+Block Data(uint32_t number) { return Numbered(kDownloadType, number, 57, std::string(57, 'a' + number % 26)); }
+
+class HostileDevice : public RawDeviceFixture {
+ protected:
+  // Waits until the host has written count blocks, then answers with replies.
+  void AnswerAfterWrites(size_t count, const std::vector<Block>& replies) {
+    ASSERT_TRUE(WaitUntil([&] { return device.Written().size() >= count; }));
+    for (const Block& reply : replies) device.Send(reply);
+  }
+  std::string Download(const std::vector<Block>& replies) {
+    EXPECT_EQ(admin.DownloadFileAsync("/tmp/f", saved.string(), &progress, &log), 0);
+    AnswerAfterWrites(1, replies);
+    EXPECT_TRUE(OperationEnds(admin));
+    return err.Text();
+  }
+
+  StderrCapture err;
+  TempDir dir;
+  fs::path saved = dir / "saved.bin";
+  fs::path mark = dir / "saved.bin.incomplete";
+};
+
+struct DownloadCase {
+  const char* name;
+  std::vector<Block> replies;
+  // What standard error holds ("" for nothing), and whether the file is marked.
+  const char* said;
+  bool marked;
+};
+
+class DownloadReplies : public HostileDevice, public testing::WithParamInterface<DownloadCase> {};
+
+// Whatever the device sends, the file holds the data packets as they came.
+TEST_P(DownloadReplies, AreSavedAsTheyCameAndAMisfitIsSaid) {
+  WriteFile(mark, "left by an earlier run");
+  const DownloadCase& row = GetParam();
+  const std::string said = Download(row.replies);
+  std::string expected;
+  for (const Block& reply : row.replies) {
+    const char* payload = reinterpret_cast<const char*>(&reply[kPayloadOffset]);
+    if (reply != EndReply() && std::strncmp(payload, "starting", 8) != 0) expected.append(payload, 57);
+  }
+  EXPECT_EQ(ReadFile(saved), expected);
+  if (*row.said == '\0') {
+    EXPECT_EQ(said, "");
+  } else {
+    EXPECT_NE(said.find(row.said), std::string::npos) << said;
+  }
+  EXPECT_EQ(fs::exists(mark), row.marked);
+  if (row.marked) {
+    EXPECT_NE(ReadFile(mark).find(row.said), std::string::npos);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Misfits, DownloadReplies,
+    testing::Values(
+        DownloadCase{"Whole", {StartReply(114, 2), Data(0), Data(1), EndReply()}, "", false},
+        DownloadCase{"Repeated", {StartReply(171, 3), Data(0), Data(1), Data(1), EndReply()},
+                     "packet 1 came where 2 was due", true},
+        DownloadCase{"Skipped", {StartReply(171, 3), Data(0), Data(2), EndReply()}, "packet 2 came where 1 was due",
+                     true},
+        DownloadCase{"Backwards", {StartReply(171, 3), Data(0), Data(2), Data(1), EndReply()},
+                     "packet 2 came where 1 was due", true},
+        DownloadCase{"DataBeforeTheStart", {Data(0), StartReply(57, 2), Data(1), EndReply()},
+                     "came before the start reply", true},
+        DownloadCase{"Short", {StartReply(171, 3), Data(0), Data(1), EndReply()},
+                     "announced 171 bytes in 3 packets; 114 bytes in 2 packets arrived", true},
+        DownloadCase{"Empty", {StartReply(0, 0), EndReply()}, "the file may not exist on the device", false}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// Given a device that keeps sending data past what it announced, the
+// download stops rather than fill the disk.
+TEST_F(HostileDevice, DataPastTheAnnouncedSizeStopsTheDownload) {
+  std::vector<Block> replies{StartReply(57, 1)};
+  const size_t beyond = limits::kDownloadOverrunMargin / 57 + 2;
+  for (uint32_t number = 1; number <= beyond; ++number) replies.push_back(Data(number));
+  const std::string said = Download(replies);
+  EXPECT_LE(fs::file_size(saved), 57 + limits::kDownloadOverrunMargin);
+  EXPECT_NE(said.find("more kept coming; the download was stopped"), std::string::npos) << said;
+  EXPECT_TRUE(fs::exists(mark));
+}
+
+// Given a device that streams blocks the download cannot use, the silence
+// bound still ends it: only usable blocks reset it.
+TEST_F(HostileDevice, JunkForeverTripsTheSilenceBound) {
+  const Block junk = Numbered(kCliType, 0, 57, "junk");
+  device.OnReadWhenEmpty([&] { device.Send(junk); });
+  const auto start = std::chrono::steady_clock::now();
+  ASSERT_EQ(admin.DownloadFileAsync("/tmp/f", saved.string(), &progress, &log), 0);
+  EXPECT_TRUE(OperationEnds(admin, limits::kDeviceSilenceLimit * 3));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, limits::kDeviceSilenceLimit);
+  EXPECT_EQ(log.CountStartingWith("Error: The device sent nothing usable for "), 1u);
+  EXPECT_TRUE(fs::exists(mark));
+}
+
+// Given a device that refuses a packet every time, the upload gives up on it
+// after the bound, without the end command.
+TEST_F(HostileDevice, AnUploadRefusedForeverGivesUp) {
+  device.OnWrite([&](const DeviceBlock& block) {
+    if (block[0] == kUploadType) device.Send(Numbered(kCliType, 0, 57, std::string(1, kNackMark)));
+    return true;
+  });
+  WriteFile(dir / "up.bin", "payload");
+  ASSERT_EQ(admin.UploadFileAsync((dir / "up.bin").string(), &progress, &log), 0);
+  EXPECT_TRUE(OperationEnds(admin, kTransferBound));
+  EXPECT_TRUE(log.Has("Error: The device refused packet 0 " + std::to_string(limits::kMaxUploadRefusals) +
+                      " times; upload stopped."));
+  EXPECT_EQ(log.CountStartingWith("A NACK has occurred!"), static_cast<size_t>(limits::kMaxUploadRefusals));
+  for (const Block& block : device.Written())
+    EXPECT_NE(std::string(reinterpret_cast<const char*>(block.data())), "Ending upload");
+}
+
+// Given a device that answers every packet until one answer misses its wait
+// and lands in the next one, the upload warns that the copy may be damaged;
+// a device that answers nothing gets no warning.
+TEST_F(HostileDevice, AnswersRunningLateAreSaid) {
+  for (bool late : {false, true}) {
+    device.OnWrite([&, late](const DeviceBlock& block) {
+      if (late && block[0] == kUploadType && block[kNumberOffset] != 3) device.Send(Numbered(kCliType, 0, 57, "ok"));
+      return true;
+    });
+    WriteFile(dir / "up.bin", RandomBytes(10 * 57, 4));
+    ASSERT_EQ(admin.UploadFileAsync((dir / "up.bin").string(), &progress, &log), 0);
+    EXPECT_TRUE(OperationEnds(admin, kTransferBound));
+    EXPECT_EQ(err.Text().find("may be damaged") != std::string::npos, late) << err.Text();
+  }
+}
+
+// Given a command whose device goes away, the output wait ends with a line
+// once reads have failed for the bound; a quiet device would keep it open.
+TEST_F(HostileDevice, ACommandWhoseDeviceIsGoneEnds) {
+  ASSERT_EQ(admin.SendCliCommandAsync("sleep 600", &progress, &log), 0);
+  ASSERT_TRUE(WaitUntil([&] { return !device.Written().empty(); }));
+  device.Unplug();
+  EXPECT_TRUE(OperationEnds(admin, limits::kLinkLostLimit * 4));
+  EXPECT_EQ(log.CountStartingWith("Error: Reading from the device has failed for "), 1u);
+}
+
+// Given a folder where a file to send belongs, nothing reaches the device.
+TEST_F(HostileDevice, AFolderIsNoFileToSend) {
+  const std::string folder = dir.Path().string();
+  ASSERT_EQ(admin.UploadFileAsync(folder, &progress, &log), 0);
+  EXPECT_TRUE(OperationEnds(admin));
+  ASSERT_EQ(admin.UpgradeBundleAsync(folder, &progress, &log, false), 0);
+  EXPECT_TRUE(OperationEnds(admin));
+  EXPECT_EQ(log.CountStartingWith("Error: The specified path is a folder, not a file - " + folder), 2u);
+  EXPECT_TRUE(device.Written().empty());
+}
+
+}  // namespace
+}  // namespace ferrolt::test
