@@ -11,9 +11,10 @@
 namespace ferrolt::test {
 namespace {
 
-constexpr uint8_t kDownloadType = 6;
-constexpr uint8_t kCliType = 4;
-constexpr uint8_t kUploadType = 5;
+constexpr uint8_t kDownloadType = static_cast<uint8_t>(PacketType::Download);
+constexpr uint8_t kCliType = static_cast<uint8_t>(PacketType::Cli);
+constexpr uint8_t kUploadType = static_cast<uint8_t>(PacketType::Upload);
+// Byte 6 of a type-4 reply that refuses the last upload packet.
 constexpr uint8_t kNackMark = 1;
 
 Block Numbered(uint8_t type, uint32_t number, uint8_t length, const std::string& payload) {
