@@ -50,10 +50,11 @@ void StartCli(const OperationContext& op) {
   const Block packet = BuildTextPacket(PacketType::Cli, kCliOn);
   if (op.link.WritePacket(packet.data(), kBlockSize, op.log) == TransferStatus::Done) {
     if (op.log != nullptr) op.log->LogMessageCallBack("STARTING CLI MODE...\n");
-  } else {
-    // Not resent: the device may have switched already.
-    op.Reconnect();
+    op.EndDone();
+    return;
   }
+  // Not resent: the device may have switched already.
+  op.Reconnect();
   op.End();
 }
 
@@ -65,9 +66,10 @@ void StopCli(const OperationContext& op) {
   const Block packet = BuildTextPacket(PacketType::Cli, kCliOff);
   if (op.link.WritePacket(packet.data(), kBlockSize, op.log) == TransferStatus::Done) {
     if (op.log != nullptr) op.log->LogMessageCallBack("Ending CLI Mode now.");
-  } else {
-    op.Reconnect();
+    op.EndDone();
+    return;
   }
+  op.Reconnect();
   op.End();
 }
 
@@ -106,7 +108,10 @@ void SendCliCommand(const OperationContext& op, const std::string& command) {
     }
     if (PacketTypeOf(block.data()) != static_cast<uint8_t>(PacketType::Cli)) continue;
     if (!VerifyPacketCrc(block.data())) continue;
-    if (StartsWithIgnoringCase(PayloadText(block.data()), kOutputEnd)) break;
+    if (StartsWithIgnoringCase(PayloadText(block.data()), kOutputEnd)) {
+      op.EndDone();
+      return;
+    }
     PrintOutput(block);
   }
   op.End();

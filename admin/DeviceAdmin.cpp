@@ -102,6 +102,7 @@ void DeviceAdmin::WaitForOperation() {
 }
 
 void DeviceAdmin::CancelOperation(ILogMessageCallBack* log) {
+  Result.MarkCancelled();
   OperationRunning.exchange(false);
   Task worker;
   {
@@ -145,8 +146,9 @@ int DeviceAdmin::Launch(ILogMessageCallBack* log, BeforeWorker before, std::func
   }
   CancelEvent.Reset();
   Link.DrainAtNextOpen();
+  Result.Reset();
   OperationRunning.exchange(true);
-  if (before != BeforeWorker::Nothing) Link.ConnectDevice(kProductId, kVendorId, nullptr);
+  if (before != BeforeWorker::Nothing && !Link.ConnectDevice(kProductId, kVendorId, nullptr)) Result.MarkLinkFailed();
   // Started under the lock, so a cancel that comes meanwhile waits for this
   // worker rather than the last one.
   std::lock_guard<std::mutex> lock(taskMutex_);
@@ -161,7 +163,7 @@ int DeviceAdmin::Launch(ILogMessageCallBack* log, BeforeWorker before, std::func
 }
 
 OperationContext DeviceAdmin::Context(IProgressChangeCallBack* progress, ILogMessageCallBack* log) {
-  return OperationContext{Link, OperationRunning, Reader, LinkMutex, progress, log};
+  return OperationContext{Link, OperationRunning, Reader, LinkMutex, progress, log, Result};
 }
 
 // The workers: each hands its operation's free function the context.

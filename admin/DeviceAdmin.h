@@ -64,6 +64,9 @@ class DeviceAdmin {
   bool Shutdown(std::chrono::milliseconds bound);
 
   bool IsOperationRunning() const { return OperationRunning.load(); }
+  // How the last operation that started has ended (or is going), for the
+  // opt-in exit status.
+  Outcome LastOutcome() const { return Result.Result(); }
 
  private:
   // What an entry point does before its worker starts.
@@ -105,6 +108,8 @@ class DeviceAdmin {
   std::atomic<bool> OperationRunning{false};
   // NackedPacketNumber, ReaderDone, and the teardown stop for the reader.
   ReaderState Reader;
+  // What the running (or last) operation reached; reset at every launch.
+  OperationOutcome Result;
 };
 
 }  // namespace ferrolt

@@ -20,11 +20,13 @@ void PrintModeLines(bool verbose) {
   std::printf("SPI SUPPORT IS TURNED ON!\n");
 }
 
-void ReportReply(const Block& reply, IVersionInfoReadyCallBack* version) {
+// True when the reply carried a version.
+bool ReportReply(const Block& reply, IVersionInfoReadyCallBack* version) {
   if (version != nullptr) version->VersionInfoReadyCallBack("Read data :" + BytesToHex(reply.data(), kBlockSize));
-  if (PacketTypeOf(reply.data()) != static_cast<uint8_t>(PacketType::Version)) return;
-  if (!VerifyPacketCrc(reply.data())) return;
+  if (PacketTypeOf(reply.data()) != static_cast<uint8_t>(PacketType::Version)) return false;
+  if (!VerifyPacketCrc(reply.data())) return false;
   if (version != nullptr) version->VersionInfoReadyCallBack("Version - " + PayloadText(reply.data()));
+  return true;
 }
 
 }  // namespace
@@ -50,9 +52,9 @@ void RetrieveVersion(const OperationContext& op, IVersionInfoReadyCallBack* vers
     }
     std::this_thread::sleep_for(limits::kFailedReadPause);
   }
-  ReportReply(reply, version);
+  const bool versionCame = ReportReply(reply, version);
   ReportProgress(op.progress, kProgressDone);
-  op.End();
+  versionCame ? op.EndDone() : op.End();
 }
 
 }  // namespace ferrolt

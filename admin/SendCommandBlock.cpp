@@ -50,7 +50,7 @@ void SendCommandBlock(const OperationContext& op, const uint8_t* block, const ch
     }
   }
   ReportProgress(op.progress, kProgressDone);
-  op.End();
+  op.EndDone();
 }
 
 }  // namespace ferrolt

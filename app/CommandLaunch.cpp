@@ -33,76 +33,64 @@ void HintWholePathAsName(const std::string& localPath) {
                localPath.c_str() + nameStart);
 }
 
-void LaunchDefaultLogs(const std::string& logName, DeviceAdmin& admin, ConsoleReporters& reporters) {
+bool LaunchDefaultLogs(const std::string& logName, DeviceAdmin& admin, ConsoleReporters& reporters) {
   char folder[kTempFolderBufferSize] = {};
   const size_t length = TemporaryFolder(folder, sizeof folder);
   if (length == 0) {
     std::fputs("Please check and ensure user has a valid temporary folder.", stdout);
-    return;
+    return false;
   }
   if (length >= sizeof folder) {
     reporters.log.LogMessageCallBack("Error: The temporary folder path is %d characters long; at most %d fit.",
                                      static_cast<int>(length), static_cast<int>(sizeof folder - 1));
-    return;
+    return false;
   }
   const std::string zipPath = std::string(folder) + logName;
   std::fputs("Since there was no log path argument was identified, your log files have been downloaded to:\n<", stdout);
   std::fputs(zipPath.c_str(), stdout);
   std::fputs(">\n", stdout);
   std::fflush(stdout);
-  admin.DownloadLogsAsync(zipPath, &reporters.progress, &reporters.log, false);
+  return admin.DownloadLogsAsync(zipPath, &reporters.progress, &reporters.log, false) == 0;
 }
 
 }  // namespace
 
-void LaunchCommand(const Command& command, DeviceAdmin& admin, ConsoleReporters& reporters, char* ortString) {
+bool LaunchCommand(const Command& command, DeviceAdmin& admin, ConsoleReporters& reporters, char* ortString) {
   auto* progress = &reporters.progress;
   auto* log = &reporters.log;
   switch (command.kind) {
     case CommandKind::Version:
-      admin.RetrieveVersionAsync(&reporters.version, progress, log, command.verbose);
-      break;
+      return admin.RetrieveVersionAsync(&reporters.version, progress, log, command.verbose) == 0;
     case CommandKind::ProgramCaptouch:
       std::fputs("Programming Captouch...\n", stdout);
-      admin.ProgramCaptouchAsync(progress, log);
-      break;
+      return admin.ProgramCaptouchAsync(progress, log) == 0;
     case CommandKind::StartOrt:
       std::printf("ORTstring = %s", ortString);
-      admin.StartOrtAsync(progress, log, ortString);
-      break;
+      return admin.StartOrtAsync(progress, log, ortString) == 0;
     case CommandKind::EndOrt:
-      admin.EndOrtAsync(progress, log, false);
-      break;
+      return admin.EndOrtAsync(progress, log, false) == 0;
     case CommandKind::StartCli:
       WriteCliMode(true);
-      admin.StartCliAsync(progress, log);
-      break;
+      return admin.StartCliAsync(progress, log) == 0;
     case CommandKind::StopCli:
       WriteCliMode(false);
-      admin.StopCliAsync(progress, log);
-      break;
+      return admin.StopCliAsync(progress, log) == 0;
     case CommandKind::Upgrade:
-      admin.UpgradeBundleAsync(command.first, progress, log, command.verbose);
-      break;
+      return admin.UpgradeBundleAsync(command.first, progress, log, command.verbose) == 0;
     case CommandKind::CliCommand:
-      admin.SendCliCommandAsync(command.first, progress, log);
-      break;
+      return admin.SendCliCommandAsync(command.first, progress, log) == 0;
     case CommandKind::Upload:
       PrintPathLine("Local Path  : ", command.first);
       HintWholePathAsName(command.first);
-      admin.UploadFileAsync(command.first, progress, log);
-      break;
+      return admin.UploadFileAsync(command.first, progress, log) == 0;
     case CommandKind::Download:
       PrintPathLine("Device Path: ", command.first);
       PrintPathLine("Save Path  : ", command.second);
-      admin.DownloadFileAsync(command.first, command.second, progress, log);
-      break;
+      return admin.DownloadFileAsync(command.first, command.second, progress, log) == 0;
     case CommandKind::Logs:
-      admin.DownloadLogsAsync(command.first, progress, log, command.verbose);
-      break;
+      return admin.DownloadLogsAsync(command.first, progress, log, command.verbose) == 0;
     case CommandKind::DefaultLogs:
-      LaunchDefaultLogs(command.first, admin, reporters);
-      break;
+      return LaunchDefaultLogs(command.first, admin, reporters);
     case CommandKind::Help:
     case CommandKind::Unrecognised:
     case CommandKind::WrongOrt:
@@ -110,6 +98,7 @@ void LaunchCommand(const Command& command, DeviceAdmin& admin, ConsoleReporters&
       PrintImmediateAnswer(command, reporters);
       break;
   }
+  return false;
 }
 
 void PrintImmediateAnswer(const Command& command, ConsoleReporters& reporters) {

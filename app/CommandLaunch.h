@@ -9,9 +9,9 @@
 namespace ferrolt {
 
 // ortString: the run's ORT string buffer, alive until the run ends (the
-// worker reads it in place). The entry point's result is not needed: a
-// refusal reports itself through the log reporter.
-void LaunchCommand(const Command& command, DeviceAdmin& admin, ConsoleReporters& reporters, char* ortString);
+// worker reads it in place). True when an operation started; a refusal has
+// reported itself through the log reporter.
+bool LaunchCommand(const Command& command, DeviceAdmin& admin, ConsoleReporters& reporters, char* ortString);
 
 // Launches with kinds that end the run at once print their line instead.
 void PrintImmediateAnswer(const Command& command, ConsoleReporters& reporters);

@@ -11,6 +11,7 @@
 #include "app/CommandLaunch.h"
 #include "app/ConsoleReporters.h"
 #include "app/ControlHandler.h"
+#include "app/ExitStatus.h"
 #include "app/GlobalDeviceAdmin.h"
 #include "app/OrtString.h"
 #include "link/Limits.h"
@@ -44,7 +45,7 @@ int RunFerrolt(int argc, char** argv) {
   if (EndsAtOnce(command.kind)) {
     PrintImmediateAnswer(command, reporters);
     cliMode.Close();
-    return kExitStatus;
+    return ExitStatusWanted() && command.kind != CommandKind::Help ? kStatusUsage : kExitStatus;
   }
 
   // The worker reads the ORT string in place, possibly until process exit.
@@ -52,10 +53,12 @@ int RunFerrolt(int argc, char** argv) {
   if (command.kind == CommandKind::StartOrt) std::strncpy(ortString, command.first.c_str(), kMaxOrtStringLength);
 
   DeviceAdmin& admin = GlobalDeviceAdmin();
-  ApplyCliModeRule(command.rule, cliMode, [&] { LaunchCommand(command, admin, reporters, ortString); });
+  bool launched = false;
+  ApplyCliModeRule(command.rule, cliMode, [&] { launched |= LaunchCommand(command, admin, reporters, ortString); });
   EndWait(admin, reporters);
   cliMode.Close();
-  return kExitStatus;
+  if (!ExitStatusWanted()) return kExitStatus;
+  return ExitStatusOf(launched ? admin.LastOutcome() : Outcome::Refused);
 }
 
 }  // namespace ferrolt

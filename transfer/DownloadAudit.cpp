@@ -54,16 +54,17 @@ void DownloadAudit::Restart() {
   overran_ = false;
 }
 
-void DownloadAudit::Finish(bool reachedEnd) {
+bool DownloadAudit::Finish(bool reachedEnd) {
   const std::string mark = path_ + kMarkSuffix;
   const std::string problem = Problem(reachedEnd);
   if (problem.empty()) {
     std::remove(mark.c_str());
-    return;
+    return true;
   }
   const std::string report = path_ + " is incomplete: " + problem;
   Say(report);
   std::ofstream(mark) << report << '\n';
+  return false;
 }
 
 bool SaveDataPacket(const Block& packet, OutputFile& output, DownloadAudit& audit) {

@@ -31,8 +31,9 @@ class DownloadAudit {
   // starts over).
   void Restart();
   // The download's end, reached or not: a file that disagrees is reported
-  // and marked; a whole one loses any mark an earlier run left.
-  void Finish(bool reachedEnd);
+  // and marked; a whole one loses any mark an earlier run left. True for a
+  // whole file.
+  bool Finish(bool reachedEnd);
 
   int64_t BytesArrived() const { return bytes_; }
   bool Announced() const { return announced_; }

@@ -100,11 +100,11 @@ void DownloadFile(const OperationContext& op, const std::string& devicePath, con
     log->LogMessageCallBack("Total file size = %d , Total packets = %d\n", static_cast<int>(fileSize),
                             static_cast<int>(total));
   }
-  audit.Finish(true);
+  if (!audit.Finish(true)) op.outcome.MarkIncomplete();
   if (audit.BytesArrived() == 0) ReportEmptyDownload(devicePath);
   ReportProgress(op.progress, kProgressDone);
   std::fflush(stdout);
-  op.End();
+  op.EndDone();
 }
 
 }  // namespace ferrolt

@@ -118,7 +118,7 @@ void DownloadLogs(const OperationContext& op, const std::string& zipPath) {
     log->LogMessageCallBack("Total file size = %d , Total packets = %d\n", static_cast<int>(receipt.archiveSize),
                             static_cast<int>(receipt.total));
     if (end == AttemptEnd::Complete) {
-      audit.Finish(true);
+      if (!audit.Finish(true)) op.outcome.MarkIncomplete();
       break;
     }
     if (++restarts > limits::kMaxLogDownloadRestarts) {
@@ -134,7 +134,7 @@ void DownloadLogs(const OperationContext& op, const std::string& zipPath) {
   }
   ReportProgress(op.progress, kProgressDone);
   std::fflush(stdout);
-  op.End();
+  op.EndDone();
 }
 
 }  // namespace ferrolt

@@ -10,7 +10,11 @@
 
 namespace ferrolt {
 
-bool OperationContext::Connect() const { return link.ConnectDevice(kProductId, kVendorId, log); }
+bool OperationContext::Connect() const {
+  if (link.ConnectDevice(kProductId, kVendorId, log)) return true;
+  outcome.MarkLinkFailed();
+  return false;
+}
 
 bool OperationContext::Reconnect() const {
   link.CloseDevice();
@@ -23,6 +27,11 @@ bool OperationContext::Reconnect() const {
 void OperationContext::End() const {
   link.CloseDevice();
   running.exchange(false);
+}
+
+void OperationContext::EndDone() const {
+  outcome.MarkDone();
+  End();
 }
 
 bool OperationContext::ReadWithinSilenceLimit(uint8_t* block,

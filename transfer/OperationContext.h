@@ -12,6 +12,7 @@
 #include "link/Callbacks.h"
 #include "link/ResponseReader.h"
 #include "link/UsbLink.h"
+#include "transfer/OperationOutcome.h"
 
 namespace ferrolt {
 
@@ -26,6 +27,8 @@ struct OperationContext {
   std::mutex& linkMutex;
   IProgressChangeCallBack* progress;
   ILogMessageCallBack* log;
+  // What the worker reached, for the opt-in exit status.
+  OperationOutcome& outcome;
 
   bool Running() const { return running.load(); }
   bool TearingDown() const { return reader.StopRequested.load(); }
@@ -36,8 +39,10 @@ struct OperationContext {
   // ConnectDevice. False, after the console line of a failed open, when the
   // link could not be reopened.
   bool Reconnect() const;
-  // A worker's normal way out: CloseDevice, then clear the running flag.
+  // A worker's way out: CloseDevice, then clear the running flag. EndDone
+  // is the way out of an exchange that reached its end.
   void End() const;
+  void EndDone() const;
   // The read of the download loops: a failed read is retried after
   // limits::kFailedReadPause; false, after one log line, once nothing has
   // moved the operation on for limits::kDeviceSilenceLimit since lastProgress

@@ -278,6 +278,7 @@ void UpgradeBundle(const OperationContext& op, const std::string& bundlePath) {
     std::printf("Upgrading is aborted.\n");
     return;
   }
+  op.outcome.MarkDone();
   op.link.CloseDevice();
   LogText(log, "Please wait until reboot of device is done.");
   op.running.store(false);

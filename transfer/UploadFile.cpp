@@ -210,6 +210,7 @@ void UploadFile(const OperationContext& op, const std::string& localPath) {
   const Block endBlock = BuildRawTextBlock("Ending upload");
   if (op.link.WritePacket(endBlock.data(), kBlockSize, log) == TransferStatus::Done) {
     LogText(log, "Succeeded in writing 'Ending upload' to device.");
+    op.outcome.MarkDone();
   } else {
     LogText(log, "Failed in writing 'Ending upload' to device.");
   }
@@ -219,6 +220,7 @@ void UploadFile(const OperationContext& op, const std::string& localPath) {
                  "ferrolt: the device answered later than the %d ms wait, so a refusal may have been taken for the "
                  "next packet: the copy of %s on the device may be damaged.\n",
                  static_cast<int>(limits::kReadWait.count()), name.c_str());
+    op.outcome.MarkIncomplete();
   }
   ReportProgress(op.progress, kProgressDone);
   std::printf("Finished File Upload!\n");

@@ -76,7 +76,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::atomic<bool> running{true};
   std::mutex linkMutex;
   DiscardingLog log;
-  const ferrolt::OperationContext op{link, running, reader, linkMutex, nullptr, &log};
+  ferrolt::OperationOutcome outcome;
+  const ferrolt::OperationContext op{link, running, reader, linkMutex, nullptr, &log, outcome};
   DiscardingVersion version;
   switch (worker) {
     case kVersion:

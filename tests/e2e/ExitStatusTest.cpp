@@ -1,0 +1,76 @@
+// The opt-in exit status: with FERROLT_EXIT_STATUS=1 each way a run can
+// fail ends with its own status; without it every run ends with 0.
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdlib>
+
+#include "tests/e2e/FrontEndRuns.h"
+
+namespace ferrolt::test {
+namespace {
+
+enum class Device { Present, Absent };
+
+struct StatusCase {
+  const char* name;
+  Device device;
+  std::vector<std::string> devsimArgs;
+  std::vector<std::string> args;
+  bool optIn;
+  int status;
+};
+
+class ExitStatus : public testing::TestWithParam<StatusCase> {
+ protected:
+  TempDir cwd;
+};
+
+TEST_P(ExitStatus, SaysHowTheRunEnded) {
+  const StatusCase& row = GetParam();
+  TempDir root;
+  fs::create_directories(root / "tmp");
+  WriteFile(root / "tmp" / "f", RandomBytes(40 * 57, 6));
+  const auto device = row.device == Device::Present ? StartDevice(row.devsimArgs, root.Path()) : StartNoDevice();
+  ProcessOptions options;
+  options.args = row.args;
+  options.cwd = cwd.Path();
+  options.timeout = kRunLimit;
+  if (row.optIn) options.env.emplace_back("FERROLT_EXIT_STATUS", "1");
+  const ProcessResult result = RunFerrolt(options, *device);
+  EXPECT_EQ(result.exitStatus, row.status) << result.out << result.err;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Runs, ExitStatus,
+    testing::Values(
+        StatusCase{"Done", Device::Present, {}, {"version"}, true, 0},
+        StatusCase{"Usage", Device::Present, {}, {"bogus"}, true, 2},
+        StatusCase{"HelpIsNoFault", Device::Present, {}, {"-h"}, true, 0},
+        StatusCase{"NoDevice", Device::Absent, {}, {"version"}, true, 3},
+        StatusCase{"NoDeviceWithoutOptIn", Device::Absent, {}, {"version"}, false, 0},
+        StatusCase{"RefusedOutsideCliMode", Device::Present, {}, {"cmd", "ls"}, true, 4},
+        StatusCase{"Failed", Device::Present, {}, {"upgrade", "missing.img"}, true, 5},
+        StatusCase{"Incomplete", Device::Present, {"--fault", "corrupt-reply-crc=10"}, {"download", "/tmp/f", "f"},
+                   true, 6},
+        StatusCase{"IncompleteWithoutOptIn", Device::Present, {"--fault", "corrupt-reply-crc=10"},
+                   {"download", "/tmp/f", "f"}, false, 0}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// Given Ctrl+Break during an upgrade, the run says it was cancelled.
+TEST(ExitStatusCancel, ABreakDuringAnUpgradeIsACancel) {
+  const auto device = StartDevice();
+  ASSERT_TRUE(device->Running());
+  TempDir cwd;
+  WriteFile(cwd / "bundle.img", RandomBytes(8 << 20, 3));
+  // The child takes the variable from this process's environment.
+  setenv("FERROLT_EXIT_STATUS", "1", 1);
+  auto run = StartFerrolt({"upgrade", "bundle.img"}, *device, cwd.Path());
+  unsetenv("FERROLT_EXIT_STATUS");
+  ASSERT_TRUE(run->WaitForOutput("Progress: ", kRunLimit));
+  run->Signal(SIGQUIT);
+  EXPECT_EQ(run->Wait(kRunLimit).exitStatus, 7);
+}
+
+}  // namespace
+}  // namespace ferrolt::test
