@@ -103,11 +103,15 @@ class UpgradeWorker : public RawDeviceFixture {
   std::string bytes;
 };
 
-TEST_F(UpgradeWorker, SendsTheStartTextDataPacketsAndEndPacketOfA58ByteFile) {
+TEST_F(UpgradeWorker, SendsTheStartTextDataPacketsAndEndPacketOfA58ByteOrAnEmptyFile) {
+  const Block end = BuildTextPacket(PacketType::Upgrade, "Ending Upgrade");
   Upgrade(MakeBundle(58, 3));
   EXPECT_EQ(device.Written(),
-            (std::vector<Block>{BuildRawTextBlock("Starting Upgrade 58 2"), DataPacket(0), DataPacket(1),
-                                BuildTextPacket(PacketType::Upgrade, "Ending Upgrade")}));
+            (std::vector<Block>{BuildRawTextBlock("Starting Upgrade 58 2"), DataPacket(0), DataPacket(1), end}));
+  Upgrade(MakeBundle(0));
+  EXPECT_EQ(device.Written().size(), 6u);
+  EXPECT_EQ(device.Written()[4], BuildRawTextBlock("Starting Upgrade 0 0"));
+  EXPECT_EQ(device.Written()[5], end);
 }
 
 TEST_F(UpgradeWorker, LogsOnlyChangedPercentagesForAManyPacketFile) {
@@ -116,12 +120,23 @@ TEST_F(UpgradeWorker, LogsOnlyChangedPercentagesForAManyPacketFile) {
   EXPECT_EQ(DataNumbers(device.Written()), Ranges({{0, 1000}}));
 }
 
-TEST_F(UpgradeWorker, WritesNothingWhenTheFileIsMissing) {
+// Given a file it will not send, the worker writes nothing; given a start
+// text the device does not take, it stops there.
+TEST_F(UpgradeWorker, WritesNothingForAMissingOr2GiBFileAndStopsAtAStartNotTaken) {
   // The console reporter's second pass turns the doubled sign back into one.
   Upgrade((dir / "no such 100% bundle").string());
-  EXPECT_TRUE(device.Written().empty());
   EXPECT_EQ(log.Lines(), std::vector<std::string>{"Error: Can not find specified file - " +
                                                    (dir / "no such 100%% bundle").string()});
+  const std::string huge = MakeBundle(0);
+  fs::resize_file(huge, uint64_t{2} << 30);  // sparse: no disk space used
+  Upgrade(huge);
+  EXPECT_TRUE(log.Has("Error: The bundle file is 2 GiB or larger, more than the device can take - " + huge));
+  EXPECT_TRUE(device.Written().empty());
+
+  device.Stall(true);
+  Upgrade(MakeBundle(500));
+  EXPECT_TRUE(log.Has("Failed in writing 'Starting Upgrade' to device."));
+  EXPECT_EQ(device.Written().size(), 1u);
 }
 
 // Packet 1 fails once and is written again; packet 2 always fails: the
