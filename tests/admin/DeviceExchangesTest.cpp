@@ -89,20 +89,6 @@ TEST_F(VersionExchangeTest, ReadThatGetsNothingSendsTheRequestAgain) {
   EXPECT_EQ(progress.Reports(), std::vector<int>{100});
 }
 
-TEST_F(VersionExchangeTest, ReplyOfAnotherTypeGivesOnlyTheHexLine) {
-  device.OnWrite([&](const Block&) {
-    device.Send(MakeDevicePacket(kCli, 57, "hello"));
-    return true;
-  });
-  ASSERT_EQ(admin.RetrieveVersionAsync(&version, &progress, &log, true), 0);
-  ASSERT_TRUE(OperationEnds(admin));
-  ASSERT_EQ(version.Texts().size(), 1u);
-  EXPECT_EQ(version.Texts()[0].substr(0, 13), "Read data :04");
-  EXPECT_EQ(version.Texts()[0].size(), 11u + 128u);
-  EXPECT_EQ(progress.Reports(), std::vector<int>{100});
-  EXPECT_EQ(out.Text(), "Device speed: 3 (High speed).\nVERBOSE MODE DETECTED!\nSPI SUPPORT IS TURNED ON!\n");
-}
-
 // Given a device that never completes a write, the resend rounds stop.
 class StalledResendTest : public RawDeviceFixture {};
 

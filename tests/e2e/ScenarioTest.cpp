@@ -158,6 +158,9 @@ std::vector<Scenario> Scenarios() {
       // Given a device that misbehaves, commands end with their failure lines.
       {"CorruptVersionReplyPrintsTheCrcLines", true, {"corrupt-version-crc"}, {},
        {{{"version"}, CorruptVersionLines()}}},
+      {"VersionReplyOfAnotherTypeGivesOnlyItsHexLine", true, {"version-reply-type=4"}, {},
+       {{{"version", "-v"}, std::string(kOpened) + "VERBOSE MODE DETECTED!\n" + kSpi +
+                                ReadData(devsim::MakeTextPacket(devsim::kTypeCli, kVersion)) + Progress(100)}}},
       {"StalledWritesEndEachCommand", true, {"stall-writes"}, {},
        {{{"version"}, std::string(kOpened) + kQuiet + kSpi + kVersionWriteFailed},
         {{"startcli"}, std::string(kOpened) + kSpi + kOpened},
