@@ -120,19 +120,27 @@ TEST_F(UpgradeWorker, LogsOnlyChangedPercentagesForAManyPacketFile) {
   EXPECT_EQ(DataNumbers(device.Written()), Ranges({{0, 1000}}));
 }
 
-// Given a file it will not send, the worker writes nothing; given a start
-// text the device does not take, it stops there.
-TEST_F(UpgradeWorker, WritesNothingForAMissingOr2GiBFileAndStopsAtAStartNotTaken) {
+// Given a file it will not send, the worker writes nothing. (One upgrade a
+// fixture: the reader of an upgrade that ends this early polls on until
+// Shutdown, which waits only for the last upgrade's reader.)
+TEST_F(UpgradeWorker, WritesNothingWhenTheFileIsMissing) {
   // The console reporter's second pass turns the doubled sign back into one.
   Upgrade((dir / "no such 100% bundle").string());
+  EXPECT_TRUE(device.Written().empty());
   EXPECT_EQ(log.Lines(), std::vector<std::string>{"Error: Can not find specified file - " +
                                                    (dir / "no such 100%% bundle").string()});
+}
+
+TEST_F(UpgradeWorker, WritesNothingForA2GiBFile) {
   const std::string huge = MakeBundle(0);
   fs::resize_file(huge, uint64_t{2} << 30);  // sparse: no disk space used
   Upgrade(huge);
   EXPECT_TRUE(log.Has("Error: The bundle file is 2 GiB or larger, more than the device can take - " + huge));
   EXPECT_TRUE(device.Written().empty());
+}
 
+// Given a start text the device does not take, the worker stops there.
+TEST_F(UpgradeWorker, StopsAtAStartTextNotTaken) {
   device.Stall(true);
   Upgrade(MakeBundle(500));
   EXPECT_TRUE(log.Has("Failed in writing 'Starting Upgrade' to device."));
