@@ -72,9 +72,10 @@ std::string Greeting(const std::string& socketPath) {
 }
 
 // Given the default hello, a host gets its bytes; given chosen ids, the
-// backend lists one path made from them, in any letter case, hands its
-// connection over once, and opening shows the speed; state 3 fails driver
-// initialisation and state 4 the pipe query.
+// backend, connecting afresh for each listing, lists one path made from
+// them, opens it in any letter case, hands its connection over once, and
+// opening shows the speed; state 3 fails driver initialisation and state 4
+// the pipe query.
 TEST(DevsimLink, TheHelloDecidesTheListedPathAndHowOpeningGoes) {
   auto plain = Start();
   EXPECT_EQ(Greeting(plain->Endpoint()), std::string("H\x09\x12\x01\x00\x04\x03\x00", 8));
@@ -82,7 +83,9 @@ TEST(DevsimLink, TheHelloDecidesTheListedPathAndHowOpeningGoes) {
   auto chosen = Start({"--vendor-id", "0xBEEF", "--product-id", "2571", "--interface", "2", "--speed", "2"});
   auto backend = platform::CreateEmulatorBackend(chosen->Endpoint());
   EXPECT_EQ(backend->Open(kDefaultPath), nullptr);
+  backend->ListInterfaces();
   const platform::InterfaceListing listing = backend->ListInterfaces();
+  EXPECT_EQ(ferrolt::test::CountOf(chosen->Events(), "link opened"), 2u);  // each listing connects afresh
   EXPECT_TRUE(listing.listed);
   EXPECT_EQ(listing.lastError, platform::kErrorNoMoreItems);
   const std::string path = "\\\\?\\USB#VID_BEEF&PID_0A0B&MI_02#EMULATOR#{A5DCBF10-6530-11D2-901F-00C04FB951ED}";
