@@ -90,7 +90,8 @@ TEST(DevsimLink, TheHelloDecidesTheListedPathAndHowOpeningGoes) {
   EXPECT_EQ(listing.lastError, platform::kErrorNoMoreItems);
   const std::string path = "\\\\?\\USB#VID_BEEF&PID_0A0B&MI_02#EMULATOR#{A5DCBF10-6530-11D2-901F-00C04FB951ED}";
   ASSERT_EQ(listing.paths, std::vector<std::string>{path});
-  EXPECT_EQ(backend->Open(kDefaultPath), nullptr);
+  EXPECT_EQ(backend->Open("\\\\?\\USB#VID_BEEF&PID_0A0B&MI_04#EMULATOR#{A5DCBF10-6530-11D2-901F-00C04FB951ED}"),
+            nullptr);
   std::string lowered = path;
   for (char& c : lowered) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   auto connection = backend->Open(lowered);

@@ -108,7 +108,7 @@ TEST_F(UpgradeWorker, SendsTheStartTextDataPacketsAndEndPacketOfA58ByteOrAnEmpty
   Upgrade(MakeBundle(58, 3));
   EXPECT_EQ(device.Written(),
             (std::vector<Block>{BuildRawTextBlock("Starting Upgrade 58 2"), DataPacket(0), DataPacket(1), end}));
-  Upgrade(MakeBundle(0));
+  EXPECT_NE(Upgrade(MakeBundle(0)).find("File Size = 0\nPacket Count = 0\n"), std::string::npos);
   EXPECT_EQ(device.Written().size(), 6u);
   EXPECT_EQ(device.Written()[4], BuildRawTextBlock("Starting Upgrade 0 0"));
   EXPECT_EQ(device.Written()[5], end);
