@@ -1,5 +1,5 @@
-// The short operations against the in-process fake device: the blocks they
-// send, and the cases whose timing or device answers the emulator cannot script.
+// The short operations against the in-process device, where its timing or
+// answers are more than ferrolt-devsim can be made to give.
 #include <functional>
 #include <string>
 
@@ -31,33 +31,6 @@ std::string OutputAfterCommand(const std::string& out) {
   const std::string opened = "Device speed: 3 (High speed).\n\n";
   const size_t at = out.find(opened);
   return at == std::string::npos ? "<no output start>" : out.substr(at + opened.size());
-}
-
-// Given commands in a row, each goes out as one text packet; a command of 60
-// characters sends its first 57 without a terminator.
-class CommandBlockTest : public RawDeviceFixture {};
-
-TEST_F(CommandBlockTest, CliSwitchesOrtTextsAndACliCommandAreOnePacketEach) {
-  char ortString[] = "ort start extmic reboot 5 duration 20 ";
-  const std::string command = "echo 0123456789012345678901234567890123456789012345678901234";
-  const std::vector<std::pair<std::function<int()>, Block>> cases = {
-      {[&] { return admin.StartCliAsync(&progress, &log); }, BuildTextPacket(PacketType::Cli, "CLI On")},
-      {[&] { return admin.StopCliAsync(&progress, &log); }, BuildTextPacket(PacketType::Cli, "CLI Off")},
-      {[&] { return admin.StartOrtAsync(&progress, &log, ortString); }, BuildTextPacket(PacketType::Ort, ortString)},
-      {[&] { return admin.EndOrtAsync(&progress, &log, false); }, BuildTextPacket(PacketType::Ort, "ort end")},
-      {[&] {
-         AnswerNextWrite(device, {kEndOfOutput});
-         return admin.SendCliCommandAsync(command, &progress, &log);
-       },
-       BuildTextPacket(PacketType::Cli, command)},
-  };
-  std::vector<Block> expected;
-  for (const auto& [launch, block] : cases) {
-    ASSERT_EQ(launch(), 0);
-    ASSERT_TRUE(OperationEnds(admin));
-    expected.push_back(block);
-  }
-  EXPECT_EQ(device.Written(), expected);
 }
 
 // Given a CLI command, its output is printed as the device streams it, up to
@@ -114,20 +87,6 @@ TEST_F(VersionExchangeTest, ReadThatGetsNothingSendsTheRequestAgain) {
   ASSERT_EQ(version.Texts().size(), 2u);
   EXPECT_EQ(version.Texts()[1], "Version - 4.5.6");
   EXPECT_EQ(progress.Reports(), std::vector<int>{100});
-}
-
-TEST_F(VersionExchangeTest, ReplyOfAnotherTypeGivesOnlyTheHexLine) {
-  device.OnWrite([&](const Block&) {
-    device.Send(MakeDevicePacket(kCli, 57, "hello"));
-    return true;
-  });
-  ASSERT_EQ(admin.RetrieveVersionAsync(&version, &progress, &log, true), 0);
-  ASSERT_TRUE(OperationEnds(admin));
-  ASSERT_EQ(version.Texts().size(), 1u);
-  EXPECT_EQ(version.Texts()[0].substr(0, 13), "Read data :04");
-  EXPECT_EQ(version.Texts()[0].size(), 11u + 128u);
-  EXPECT_EQ(progress.Reports(), std::vector<int>{100});
-  EXPECT_EQ(out.Text(), "Device speed: 3 (High speed).\nVERBOSE MODE DETECTED!\nSPI SUPPORT IS TURNED ON!\n");
 }
 
 // Given a device that never completes a write, the resend rounds stop.

@@ -52,12 +52,6 @@ TEST_F(CliCommand, OutputAndStderrFromTheRootFolderArriveInSmallCheckedPacketsTh
   EXPECT_FALSE(device.Dev().Busy());
 }
 
-TEST_F(CliCommand, A57ByteCommandNeedsNoTerminator) {
-  const std::string command = "echo " + std::string(52, 'z');
-  ASSERT_EQ(command.size(), 57u);
-  EXPECT_EQ(OutputOf(RunCommand(Start(), command)), std::string(52, 'z') + "\n");
-}
-
 TEST_F(CliCommand, KeepsTheInQueueShortWhileTheHostDoesNotRead) {
   DeviceHarness& device = Start();
   device.Text(kTypeCli, "seq 1 20000");

@@ -1,138 +1,156 @@
+// ferrolt-devsim on the emulator link, with the tool's own emulator backend
+// as its host: the hello it announces and how the backend lists and opens
+// the device from it, frames both ways, link faults, one host at a time; and
+// the program itself, its endpoints, signals and command line.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cstring>
 
 #include "devsim/DevicePackets.h"
+#include "platform/emulator/EmulatorBackend.h"
 #include "tests/support/TestSupport.h"
 
 namespace ferrolt::devsim {
 namespace {
 
 using namespace std::chrono_literals;
+using ferrolt::test::DevsimEndpoint;
 using ferrolt::test::DevsimServer;
 using ferrolt::test::ProcessOptions;
 using ferrolt::test::Subprocess;
 using ferrolt::test::TempDir;
 
 constexpr auto kReplyWait = 2000ms;
-constexpr auto kQuietWait = 300ms;
-constexpr const char* kLoopbackTcp = "tcp:127.0.0.1:";
+constexpr uint8_t kOutPipe = 0x01;
+constexpr uint8_t kInPipe = 0x81;
+constexpr const char* kDefaultPath =
+    "\\\\?\\USB#VID_1209&PID_0001&MI_04#EMULATOR#{A5DCBF10-6530-11D2-901F-00C04FB951ED}";
 
-// The host's end of the emulator link, with every wait bounded. endpoint is
-// a socket path or "tcp:127.0.0.1:PORT", as the emulator names it.
-class HostLink {
- public:
-  explicit HostLink(const std::string& endpoint) {
-    if (endpoint.rfind(kLoopbackTcp, 0) == 0) {
-      sockaddr_in address{};
-      address.sin_family = AF_INET;
-      address.sin_port = htons(static_cast<uint16_t>(std::stoi(endpoint.substr(std::strlen(kLoopbackTcp)))));
-      address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-      Connect(AF_INET, address);
-    } else {
-      sockaddr_un address{};
-      address.sun_family = AF_UNIX;
-      std::strncpy(address.sun_path, endpoint.c_str(), sizeof address.sun_path - 1);
-      Connect(AF_UNIX, address);
-    }
-  }
-  ~HostLink() { close(fd_); }
-
-  bool Connected() const { return connected_; }
-  void Write(const Block& block) {
-    std::string frame = "W" + std::string(reinterpret_cast<const char*>(block.data()), block.size());
-    ASSERT_EQ(send(fd_, frame.data(), frame.size(), MSG_NOSIGNAL), static_cast<ssize_t>(frame.size()));
-  }
-  // Up to count bytes, waiting at most wait for each; fewer when the device
-  // is quiet or gone.
-  std::string Read(size_t count, std::chrono::milliseconds wait) {
-    const timeval limit{wait.count() / 1000, static_cast<suseconds_t>(wait.count() % 1000 * 1000)};
-    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    std::string bytes(count, '\0');
-    const ssize_t got = recv(fd_, bytes.data(), count, MSG_WAITALL);
-    closed_ = got == 0;
-    bytes.resize(got > 0 ? static_cast<size_t>(got) : 0);
-    return bytes;
-  }
-  bool ClosedByDevice() const { return closed_; }
-
- private:
-  template <typename Address>
-  void Connect(int family, const Address& address) {
-    fd_ = socket(family, SOCK_STREAM, 0);
-    connected_ = connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-  }
-
-  int fd_ = -1;
-  bool connected_ = false;
-  bool closed_ = false;
-};
-
-std::string Hello(std::initializer_list<uint8_t> bytes) { return std::string(bytes.begin(), bytes.end()); }
-
-std::unique_ptr<DevsimServer> Start(std::vector<std::string> args = {}) {
-  auto server = std::make_unique<DevsimServer>(std::move(args));
+std::unique_ptr<DevsimServer> Start(std::vector<std::string> args = {},
+                                    DevsimEndpoint endpoint = DevsimEndpoint::UnixSocket) {
+  auto server = std::make_unique<DevsimServer>(std::move(args), std::filesystem::path{}, endpoint);
   EXPECT_TRUE(server->Running());
   return server;
 }
 
-// Given a running emulator on a Unix socket, a host link gets the hello and
-// frames as the link faults decide.
-TEST(DevsimLink, HelloAnnouncesTheDefaultOrTheChosenDevice) {
-  auto plain = Start();
-  EXPECT_EQ(HostLink(plain->Endpoint()).Read(8, kReplyWait), Hello({'H', 0x09, 0x12, 0x01, 0x00, 4, 3, 0}));
-  auto chosen =
-      Start({"--vendor-id", "0x04d8", "--product-id", "258", "--interface", "2", "--speed", "1", "--state", "4"});
-  EXPECT_EQ(HostLink(chosen->Endpoint()).Read(8, kReplyWait), Hello({'H', 0xd8, 0x04, 0x02, 0x01, 2, 1, 4}));
+// A host that has listed the device and opened the path listed first.
+struct Host {
+  explicit Host(const DevsimServer& server) : backend(platform::CreateEmulatorBackend(server.Endpoint())) {
+    listed = backend->ListInterfaces().paths;
+    if (!listed.empty()) connection = backend->Open(listed[0]);
+  }
+  // Writes the block; true when its A came back.
+  bool Write(const Block& block) {
+    const auto write = connection->StartWrite(kOutPipe, block.data(), static_cast<uint32_t>(block.size()));
+    return write != nullptr && write->Completion().WaitFor(kReplyWait) && write->Succeeded();
+  }
+
+  std::unique_ptr<platform::DeviceBackend> backend;
+  std::vector<std::string> listed;
+  std::unique_ptr<platform::DeviceConnection> connection;
+};
+
+// The first bytes a host connecting to the Unix socket gets.
+std::string Greeting(const std::string& socketPath) {
+  const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, socketPath.c_str(), sizeof address.sun_path - 1);
+  std::string bytes(8, '\0');
+  const timeval limit{2, 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+  const bool connected = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  const ssize_t got = connected ? recv(fd, bytes.data(), bytes.size(), MSG_WAITALL) : 0;
+  close(fd);
+  bytes.resize(got > 0 ? static_cast<size_t>(got) : 0);
+  return bytes;
 }
 
+// Given the default hello, a host gets its bytes; given chosen ids, the
+// backend, connecting afresh for each listing, lists one path made from
+// them, opens it in any letter case, hands its connection over once, and
+// opening shows the speed; state 3 fails driver initialisation and state 4
+// the pipe query.
+TEST(DevsimLink, TheHelloDecidesTheListedPathAndHowOpeningGoes) {
+  auto plain = Start();
+  EXPECT_EQ(Greeting(plain->Endpoint()), std::string("H\x09\x12\x01\x00\x04\x03\x00", 8));
+
+  auto chosen = Start({"--vendor-id", "0xBEEF", "--product-id", "2571", "--interface", "2", "--speed", "2"});
+  auto backend = platform::CreateEmulatorBackend(chosen->Endpoint());
+  EXPECT_EQ(backend->Open(kDefaultPath), nullptr);
+  backend->ListInterfaces();
+  const platform::InterfaceListing listing = backend->ListInterfaces();
+  EXPECT_EQ(ferrolt::test::CountOf(chosen->Events(), "link opened"), 2u);  // each listing connects afresh
+  EXPECT_TRUE(listing.listed);
+  EXPECT_EQ(listing.lastError, platform::kErrorNoMoreItems);
+  const std::string path = "\\\\?\\USB#VID_BEEF&PID_0A0B&MI_02#EMULATOR#{A5DCBF10-6530-11D2-901F-00C04FB951ED}";
+  ASSERT_EQ(listing.paths, std::vector<std::string>{path});
+  EXPECT_EQ(backend->Open("\\\\?\\USB#VID_BEEF&PID_0A0B&MI_04#EMULATOR#{A5DCBF10-6530-11D2-901F-00C04FB951ED}"),
+            nullptr);
+  std::string lowered = path;
+  for (char& c : lowered) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  auto connection = backend->Open(lowered);
+  ASSERT_NE(connection, nullptr);
+  EXPECT_TRUE(connection->Initialize());
+  uint8_t speed = 0;
+  uint32_t error = 0;
+  ASSERT_TRUE(connection->QueryDeviceSpeed(speed, error));
+  EXPECT_EQ(speed, platform::kSpeedFull);
+  EXPECT_EQ(backend->Open(path), nullptr);
+
+  auto noDriver = Start({"--state", "3"});
+  Host first(*noDriver);
+  ASSERT_NE(first.connection, nullptr);
+  EXPECT_FALSE(first.connection->Initialize());
+  auto noEndpoints = Start({"--state", "4"});
+  Host second(*noEndpoints);
+  ASSERT_NE(second.connection, nullptr);
+  EXPECT_TRUE(second.connection->Initialize());
+  uint8_t count = 0;
+  EXPECT_FALSE(second.connection->QueryInterfaceSettings(count));
+}
+
+// Over TCP as over the socket: a write completes and the reply follows as an
+// IN block; the device records what it got.
 TEST(DevsimLink, AWriteCompletesAndTheReplyFollowsAsAnInBlock) {
-  auto server = Start({"--version", "7.7.7"});
-  HostLink host(server->Endpoint());
-  host.Read(8, kReplyWait);
+  auto server = Start({"--version", "7.7.7"}, DevsimEndpoint::Tcp);
+  Host host(*server);
+  ASSERT_NE(host.connection, nullptr);
   const Block request = MakeTextPacket(kTypeVersion, "Version Retrieval");
-  host.Write(request);
-  const std::string frames = host.Read(1 + 65, kReplyWait);
-  ASSERT_EQ(frames.size(), 66u);
-  EXPECT_EQ(frames[0], 'A');
-  EXPECT_EQ(frames[1], 'R');
-  Block reply;
-  std::memcpy(reply.data(), frames.data() + 2, 64);
+  EXPECT_TRUE(host.Write(request));
+  const auto read = host.connection->StartRead(kInPipe, 64);
+  ASSERT_TRUE(read->Completion().WaitFor(kReplyWait));
+  Block reply{};
+  ASSERT_EQ(read->CopyData(reply.data(), 64), 64u);
   EXPECT_EQ(PayloadText(reply), "7.7.7");
   EXPECT_TRUE(CrcMatches(reply));
-  const auto received = server->Received();
-  ASSERT_EQ(received.size(), 1u);
-  EXPECT_EQ(received[0], request);
+  EXPECT_EQ(server->Received(), std::vector<Block>{request});
 }
 
 TEST(DevsimLink, DropAfterClosesTheLinkBeforeCompletingTheNthWrite) {
   auto server = Start({"--fault", "drop-after=2"});
-  HostLink host(server->Endpoint());
-  host.Read(8, kReplyWait);
-  host.Write(MakeTextPacket(kTypeOrt, "one"));
-  EXPECT_EQ(host.Read(1, kReplyWait), "A");
-  host.Write(MakeTextPacket(kTypeOrt, "two"));
-  EXPECT_EQ(host.Read(1, kReplyWait), "");
-  EXPECT_TRUE(host.ClosedByDevice());
+  Host host(*server);
+  ASSERT_NE(host.connection, nullptr);
+  EXPECT_TRUE(host.Write(MakeTextPacket(kTypeOrt, "one")));
+  EXPECT_FALSE(host.Write(MakeTextPacket(kTypeOrt, "two")));
   EXPECT_EQ(server->Received().size(), 2u);
 }
 
+// While one host holds the link, another gets no hello; once the first
+// leaves, it is served.
 TEST(DevsimLink, ASecondHostIsServedOnceTheFirstLeaves) {
   auto server = Start();
-  auto first = std::make_unique<HostLink>(server->Endpoint());
-  ASSERT_EQ(first->Read(8, kReplyWait).size(), 8u);
-  HostLink second(server->Endpoint());
-  ASSERT_TRUE(second.Connected());
-  EXPECT_EQ(second.Read(8, kQuietWait), "");
+  auto first = std::make_unique<Host>(*server);
+  ASSERT_NE(first->connection, nullptr);
+  auto second = platform::CreateEmulatorBackend(server->Endpoint());
+  EXPECT_TRUE(second->ListInterfaces().paths.empty());
   first.reset();
-  EXPECT_EQ(second.Read(8, kReplyWait).size(), 8u);
-  const std::string events = server->Events();
-  EXPECT_NE(events.find("link opened\nlink closed\nlink opened\n"), std::string::npos) << events;
+  EXPECT_EQ(second->ListInterfaces().paths.size(), 1u);
 }
 
 // Given the program itself, it listens where asked, ends cleanly on a
@@ -157,9 +175,12 @@ TEST_F(DevsimProgram, SaysWhereItListensAndEndsWithStatusZeroOnSigtermOrSigint) 
     const std::string prefix = "ferrolt-devsim: listening on ";
     ASSERT_EQ(line.rfind(prefix, 0), 0u) << line;
     const std::string endpoint = line.substr(prefix.size(), line.size() - prefix.size() - 1);
-    EXPECT_EQ(endpoint.rfind(endpointArgs == onSocket ? socketPath : kLoopbackTcp, 0), 0u) << endpoint;
-    HostLink host(endpoint);  // a host attached must not hold the exit up
-    EXPECT_EQ(host.Read(1, kReplyWait), "H");
+    EXPECT_EQ(endpoint.rfind(endpointArgs == onSocket ? socketPath : "tcp:127.0.0.1:", 0), 0u) << endpoint;
+    // A host attached must not hold the exit up.
+    auto host = platform::CreateEmulatorBackend(endpoint);
+    ASSERT_EQ(host->ListInterfaces().paths.size(), 1u);
+    const auto connection = host->Open(kDefaultPath);
+    ASSERT_NE(connection, nullptr);
     devsim.Signal(signal);
     const auto result = devsim.Wait(5000ms);
     EXPECT_EQ(result.exitStatus, 0) << signal;

@@ -30,15 +30,4 @@ inline constexpr milliseconds kAtOnce = kEndWaitAtLeast;
 inline constexpr milliseconds kPromptExit{4000};
 inline constexpr milliseconds kRunLimit{20000};
 
-inline size_t CountOf(const std::string& text, const std::string& part) {
-  size_t count = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) ++count;
-  return count;
-}
-
-// True when text holds line as a whole line.
-inline bool HasLine(const std::string& text, const std::string& line) {
-  return text.rfind(line, 0) == 0 || text.find("\n" + line) != std::string::npos;
-}
-
 }  // namespace ferrolt::test

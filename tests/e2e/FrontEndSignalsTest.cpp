@@ -69,12 +69,17 @@ TEST_F(FrontEndSignalsTest, BreakDuringUpgradeSendsTheCancelPacket) {
   EXPECT_EQ(result.exitStatus, 0);
   const std::string tail = std::string(kCancelSucceeded) + kCanceledLine;
   EXPECT_EQ(result.out.substr(result.out.size() - tail.size()), tail) << result.out;
-  EXPECT_NE(result.out.find(kCancelRequested), std::string::npos);
+  const size_t aborted = result.out.find("Upgrading is aborted.\n");
+  EXPECT_LT(result.out.find(kCancelRequested), aborted);
+  EXPECT_LT(aborted, result.out.size() - tail.size());
+  EXPECT_EQ(result.out.find("Progress: 100%"), std::string::npos);
 
+  // The cancel goes out instead of the end packet.
   const std::vector<Block> received = device->Received();
   ASSERT_FALSE(received.empty());
   EXPECT_EQ(devsim::TypeOf(received.back()), devsim::kTypeCancel);
   EXPECT_EQ(devsim::PayloadText(received.back()), "Cancel");
+  for (const Block& block : received) EXPECT_NE(devsim::PayloadText(block), "Ending Upgrade");
 }
 
 }  // namespace

@@ -1,3 +1,5 @@
+// The emulator backend finds a device only where one greets it properly
+// (what a proper hello gives is in tests/devsim/SocketServerTest.cpp).
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -16,7 +18,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using std::chrono::milliseconds;
-using test::HelloBytes;
 using test::ScriptedDevice;
 using test::ScriptOptions;
 
@@ -31,89 +32,6 @@ ScriptOptions Greeting(std::vector<uint8_t> bytes) {
   return options;
 }
 
-// A backend on the device's endpoint that has listed it and opened its path.
-struct Opened {
-  std::unique_ptr<DeviceBackend> backend;
-  std::unique_ptr<DeviceConnection> connection;
-};
-
-Opened OpenListed(const ScriptedDevice& device) {
-  Opened opened{CreateEmulatorBackend(device.Endpoint()), nullptr};
-  opened.backend->ListInterfaces();
-  opened.connection = opened.backend->Open(kListedPath);
-  return opened;
-}
-
-// Given a device that greets the host, the backend lists it under one path
-// made from its hello, and opening that path adopts the connection.
-TEST(EmulatorDiscoveryTest, HelloGivesOnePathWithItsIds) {
-  ScriptedDevice device(Greeting(HelloBytes(0xBEEF, 0x0A0B, 0x04, 3, 0)));
-  const InterfaceListing listing = CreateEmulatorBackend(device.Endpoint())->ListInterfaces();
-  EXPECT_TRUE(listing.listed);
-  EXPECT_EQ(listing.lastError, kErrorNoMoreItems);
-  ASSERT_EQ(listing.paths.size(), 1u);
-  EXPECT_EQ(listing.paths[0], "\\\\?\\USB#VID_BEEF&PID_0A0B&MI_04#EMULATOR#{A5DCBF10-6530-11D2-901F-00C04FB951ED}");
-}
-
-// Each listing connects afresh; only the listed path opens, in any letter
-// case, and its connection is handed over once.
-TEST(EmulatorDiscoveryTest, OpenAdoptsTheListedConnectionOnce) {
-  ScriptedDevice device;
-  auto backend = CreateEmulatorBackend(device.Endpoint());
-  EXPECT_EQ(backend->Open(kListedPath), nullptr);
-  backend->ListInterfaces();
-  ASSERT_EQ(backend->ListInterfaces().paths.size(), 1u);
-  EXPECT_EQ(device.Connections(), 2);
-  EXPECT_EQ(backend->Open("\\\\?\\USB#VID_1209&PID_0001&MI_00#EMULATOR#{A5DCBF10-6530-11D2-901F-00C04FB951ED}"),
-            nullptr);
-  std::string lowered = kListedPath;
-  for (char& c : lowered) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  auto connection = backend->Open(lowered);
-  ASSERT_NE(connection, nullptr);
-  EXPECT_TRUE(connection->Initialize());
-  EXPECT_EQ(backend->Open(kListedPath), nullptr);
-}
-
-// Given a hello, the opened connection reports its speed; state 3 fails
-// driver initialisation and state 4 the pipe query.
-TEST(EmulatorDiscoveryTest, HelloSpeedAndStateShowWhenOpening) {
-  ScriptedDevice ready(Greeting(HelloBytes(0x1209, 0x0001, 4, 2, 0)));
-  const Opened opened = OpenListed(ready);
-  ASSERT_NE(opened.connection, nullptr);
-  EXPECT_TRUE(opened.connection->Initialize());
-  uint8_t speed = 0;
-  uint32_t error = 0;
-  ASSERT_TRUE(opened.connection->QueryDeviceSpeed(speed, error));
-  EXPECT_EQ(speed, kSpeedFull);
-
-  ScriptedDevice noDriver(Greeting(HelloBytes(0x1209, 0x0001, 4, 3, 3)));
-  const Opened first = OpenListed(noDriver);
-  ASSERT_NE(first.connection, nullptr);
-  EXPECT_FALSE(first.connection->Initialize());
-
-  ScriptedDevice noEndpoints(Greeting(HelloBytes(0x1209, 0x0001, 4, 3, 4)));
-  const Opened second = OpenListed(noEndpoints);
-  ASSERT_NE(second.connection, nullptr);
-  EXPECT_TRUE(second.connection->Initialize());
-  uint8_t count = 0;
-  EXPECT_FALSE(second.connection->QueryInterfaceSettings(count));
-}
-
-TEST(EmulatorDiscoveryTest, ReachesADeviceOverTcp) {
-  ScriptOptions options;
-  options.overTcp = true;
-  ScriptedDevice device(options);
-  const Opened opened = OpenListed(device);
-  ASSERT_NE(opened.connection, nullptr);
-  const test::Block block = test::MarkedBlock(7, 0x5A);
-  auto write = opened.connection->StartWrite(0x01, block.data(), 64);
-  ASSERT_NE(write, nullptr);
-  ASSERT_TRUE(device.WaitForWrites(1, 2000ms));
-  EXPECT_EQ(device.Writes()[0], block);
-  device.SendAck();
-  EXPECT_TRUE(write->Completion().WaitFor(2000ms));
-}
-
 // Given anything but a device that greets properly, the backend lists
 // nothing, as a PC without the device does, within its bound, and opens nothing.
 TEST(EmulatorAbsentDeviceTest, ListsNothingWithinItsBound) {
@@ -125,9 +43,7 @@ TEST(EmulatorAbsentDeviceTest, ListsNothingWithinItsBound) {
   std::strncpy(address.sun_path, staleSocket.c_str(), sizeof address.sun_path - 1);
   ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
   ::close(fd);
-  ScriptOptions tcp;
-  tcp.overTcp = true;
-  const std::string refusedPort = ScriptedDevice(tcp).Endpoint();  // free a moment ago, nothing listens now
+  const std::string refusedPort = "tcp:127.0.0.1:" + std::to_string(test::FreeTcpPort());
   ScriptOptions hangsUp = Greeting({'H', 0x09, 0x12});
   hangsUp.hangsUpAfterGreeting = true;
 

@@ -1,6 +1,5 @@
 #include "tests/platform/ScriptedDevice.h"
 
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -25,19 +24,6 @@ int ListenUnix(const std::string& path) {
   return fd;
 }
 
-int ListenTcp(int& port) {
-  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  if (::bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 || ::listen(fd, 4) != 0 ||
-      ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0)
-    throw std::runtime_error("cannot listen on the loopback");
-  port = ntohs(address.sin_port);
-  return fd;
-}
-
 void SendEverything(int fd, const uint8_t* data, size_t size) {
   while (size > 0) {
     const ssize_t sent = ::send(fd, data, size, MSG_NOSIGNAL);
@@ -49,18 +35,6 @@ void SendEverything(int fd, const uint8_t* data, size_t size) {
 
 }  // namespace
 
-std::vector<uint8_t> HelloBytes(uint16_t vendorId, uint16_t productId, uint8_t interfaceNumber, uint8_t speed,
-                                uint8_t state) {
-  return {kWireHello,
-          static_cast<uint8_t>(vendorId & 0xFF),
-          static_cast<uint8_t>(vendorId >> 8),
-          static_cast<uint8_t>(productId & 0xFF),
-          static_cast<uint8_t>(productId >> 8),
-          interfaceNumber,
-          speed,
-          state};
-}
-
 Block MarkedBlock(uint8_t seq, uint8_t value) {
   Block block;
   block.fill(value);
@@ -69,14 +43,8 @@ Block MarkedBlock(uint8_t seq, uint8_t value) {
 }
 
 ScriptedDevice::ScriptedDevice(ScriptOptions options) : options_(std::move(options)) {
-  if (options_.overTcp) {
-    int port = 0;
-    listener_ = ListenTcp(port);
-    endpoint_ = "tcp:127.0.0.1:" + std::to_string(port);
-  } else {
-    endpoint_ = (dir_ / "device.sock").string();
-    listener_ = ListenUnix(endpoint_);
-  }
+  endpoint_ = (dir_ / "device.sock").string();
+  listener_ = ListenUnix(endpoint_);
   server_ = std::thread([this] { Serve(); });
 }
 
@@ -108,7 +76,6 @@ void ScriptedDevice::Accept() {
   std::lock_guard<std::mutex> lock(mutex_);
   CloseClientLocked();
   client_ = fd;
-  ++connections_;
   SendEverything(client_, options_.greeting.data(), options_.greeting.size());
   if (options_.hangsUpAfterGreeting) CloseClientLocked();
 }
@@ -149,11 +116,6 @@ bool ScriptedDevice::WaitForWrites(size_t count, milliseconds timeout) {
 std::vector<Block> ScriptedDevice::Writes() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return writes_;
-}
-
-int ScriptedDevice::Connections() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return connections_;
 }
 
 void ScriptedDevice::AckWrites(bool on) {

@@ -1,4 +1,4 @@
-// A device on the emulator link that a test drives by hand: it greets each
+// A device on the emulator link (a Unix socket) that a test drives by hand: it greets each
 // connection with chosen bytes, records the host's W frames, and sends A and
 // R frames (or anything else) when told, or hangs up.
 #pragma once
@@ -22,13 +22,10 @@ inline constexpr uint8_t kWireWrite = 'W';
 inline constexpr uint8_t kWireAck = 'A';
 inline constexpr uint8_t kWireRead = 'R';
 
-std::vector<uint8_t> HelloBytes(uint16_t vendorId, uint16_t productId, uint8_t interfaceNumber, uint8_t speed,
-                                uint8_t state);
-
 struct ScriptOptions {
-  // Sent on every accepted connection.
-  std::vector<uint8_t> greeting = HelloBytes(0x1209, 0x0001, 4, 3, 0);
-  bool overTcp = false;
+  // Sent on every accepted connection: by default the hello of a ready
+  // high-speed device with the tool's ids on interface 4.
+  std::vector<uint8_t> greeting = {kWireHello, 0x09, 0x12, 0x01, 0x00, 4, 3, 0};
   // True: the device hangs up right after its greeting.
   bool hangsUpAfterGreeting = false;
   // False: the device never reads what the host sends.
@@ -48,7 +45,6 @@ class ScriptedDevice {
   // Waits until the host has sent at least count W frames.
   bool WaitForWrites(size_t count, milliseconds timeout);
   std::vector<Block> Writes() const;
-  int Connections() const;
 
   // From now on, each W frame is answered with its A as it arrives (or not).
   void AckWrites(bool on);
@@ -73,7 +69,6 @@ class ScriptedDevice {
   mutable std::mutex mutex_;
   std::condition_variable wrote_;
   int client_ = -1;
-  int connections_ = 0;
   std::vector<uint8_t> pending_;  // bytes of a W frame still coming
   std::vector<Block> writes_;
   bool acksWrites_ = false;

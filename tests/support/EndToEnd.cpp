@@ -1,9 +1,5 @@
 #include "tests/support/EndToEnd.h"
 
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <cstdlib>
 #include <sstream>
 #include <stdexcept>
@@ -21,20 +17,6 @@ constexpr const char* kToolVariable = "FERROLT_E2E_TOOL";
 std::string Variable(const char* name) {
   const char* value = std::getenv(name);
   return value != nullptr ? value : "";
-}
-
-// A loopback TCP port that nothing listens on: bound, then let go.
-int FreeTcpPort() {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  const bool bound = fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-                     getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0;
-  if (fd >= 0) close(fd);
-  if (!bound) throw std::runtime_error("cannot find a free TCP port");
-  return ntohs(address.sin_port);
 }
 
 // An emulator endpoint where no device listens.

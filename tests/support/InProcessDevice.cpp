@@ -164,6 +164,19 @@ namespace {
 
 using State = InProcessDevice::State;
 
+// One member of the device's state, read or set under its lock.
+template <typename Value>
+Value Get(State& state, Value State::*member) {
+  std::lock_guard<std::mutex> lock(state.mutex);
+  return state.*member;
+}
+
+template <typename Value, typename Given>
+void Set(State& state, Value State::*member, Given&& value) {
+  std::lock_guard<std::mutex> lock(state.mutex);
+  state.*member = std::forward<Given>(value);
+}
+
 class Connection : public platform::DeviceConnection {
  public:
   explicit Connection(std::shared_ptr<State> state) : state_(std::move(state)) {
@@ -291,8 +304,7 @@ void InProcessDevice::SetPaths(std::vector<std::string> paths, uint32_t lastErro
 }
 
 void InProcessDevice::SetRegisteredPaths(std::vector<std::string> paths) {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  state_->registeredPaths = std::move(paths);
+  Set(*state_, &State::registeredPaths, std::move(paths));
 }
 
 void InProcessDevice::FailListing(uint32_t error) {
@@ -301,20 +313,13 @@ void InProcessDevice::FailListing(uint32_t error) {
   state_->lastError = error;
 }
 
-void InProcessDevice::FailAt(OpenStage stage) {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  state_->failAt = stage;
-}
+void InProcessDevice::FailAt(OpenStage stage) { Set(*state_, &State::failAt, stage); }
 
 void InProcessDevice::SetEndpoints(std::vector<platform::PipeInfo> endpoints) {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  state_->endpoints = std::move(endpoints);
+  Set(*state_, &State::endpoints, std::move(endpoints));
 }
 
-void InProcessDevice::SetSpeed(uint8_t speed) {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  state_->speed = speed;
-}
+void InProcessDevice::SetSpeed(uint8_t speed) { Set(*state_, &State::speed, speed); }
 
 void InProcessDevice::FailSpeedQuery(uint32_t error) {
   std::lock_guard<std::mutex> lock(state_->mutex);
@@ -364,8 +369,7 @@ bool InProcessDevice::SendAndWaitTaken(const DeviceBlock& block, std::chrono::mi
 }
 
 void InProcessDevice::OnReadWhenEmpty(std::function<void()> hook) {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  state_->readWhenEmpty = std::move(hook);
+  Set(*state_, &State::readWhenEmpty, std::move(hook));
 }
 
 void InProcessDevice::Unplug() {
@@ -374,40 +378,19 @@ void InProcessDevice::Unplug() {
   if (state_->link != nullptr) state_->EndLink(state_->link);
 }
 
-int InProcessDevice::ListCount() const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  return state_->listCount;
-}
+int InProcessDevice::ListCount() const { return Get(*state_, &State::listCount); }
 
-int InProcessDevice::RegisteredSearches() const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  return state_->registeredSearches;
-}
+int InProcessDevice::RegisteredSearches() const { return Get(*state_, &State::registeredSearches); }
 
-std::vector<std::string> InProcessDevice::OpenedPaths() const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  return state_->openedPaths;
-}
+std::vector<std::string> InProcessDevice::OpenedPaths() const { return Get(*state_, &State::openedPaths); }
 
-std::vector<DeviceBlock> InProcessDevice::Written() const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  return state_->written;
-}
+std::vector<DeviceBlock> InProcessDevice::Written() const { return Get(*state_, &State::written); }
 
-std::vector<uint8_t> InProcessDevice::FlushedPipes() const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  return state_->flushed;
-}
+std::vector<uint8_t> InProcessDevice::FlushedPipes() const { return Get(*state_, &State::flushed); }
 
-int InProcessDevice::ReadsStarted() const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  return state_->readsStarted;
-}
+int InProcessDevice::ReadsStarted() const { return Get(*state_, &State::readsStarted); }
 
-int InProcessDevice::LiveConnections() const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  return state_->liveConnections;
-}
+int InProcessDevice::LiveConnections() const { return Get(*state_, &State::liveConnections); }
 
 platform::InterfaceListing InProcessDevice::ListInterfaces() {
   std::lock_guard<std::mutex> lock(state_->mutex);

@@ -39,6 +39,10 @@ std::vector<Block> ReadBlocks(const fs::path& path);
 void WriteFile(const fs::path& path, const std::string& bytes);
 // Deterministic pseudo-random bytes.
 std::string RandomBytes(size_t count, unsigned seed);
+// How often part occurs in text, without overlaps.
+size_t CountOf(const std::string& text, const std::string& part);
+// A loopback TCP port that nothing listens on: bound, then let go.
+int FreeTcpPort();
 
 struct ProcessOptions {
   std::vector<std::string> args;

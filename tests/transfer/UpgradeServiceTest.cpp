@@ -7,34 +7,12 @@
 #include <cstring>
 
 #include "devsim/Bundle.h"
-#include "devsim/DevicePackets.h"
-#include "devsim/FileServices.h"
-#include "tests/support/TestSupport.h"
+#include "tests/devsim/DeviceHarness.h"
 
-namespace ferrolt::devsim {
+namespace ferrolt::devsim::test {
 namespace {
 
 constexpr size_t kPiece = 57;
-
-class FakeDevice final : public DeviceContext {
- public:
-  explicit FakeDevice(const std::filesystem::path& root) : root_(root) {}
-  void Send(const Block& block) override { sent.push_back(block); }
-  size_t QueuedInBlocks() const override { return sent.size(); }
-  const std::filesystem::path& Root() const override { return root_; }
-  std::filesystem::path DevicePathToLocal(const std::string& path) const override { return root_ / path; }
-  std::string Version() const override { return version; }
-  void SetVersion(const std::string& v) override { version = v; }
-  const FaultPlan& Faults() const override { return faults; }
-  void Note(const std::string&) override {}
-
-  std::vector<Block> sent;
-  std::string version = "1.0.0";
-  FaultPlan faults;
-
- private:
-  std::filesystem::path root_;
-};
 
 Block RawBlock(const std::string& text) {
   Block block{};
@@ -42,65 +20,49 @@ Block RawBlock(const std::string& text) {
   return block;
 }
 
-// Given a device and a bundle, each test streams packets and checks what the
-// device answered and stored.
-class UpgradeService : public ::testing::Test {
- protected:
-  UpgradeService() : device_(dir_.Path()), service_(CreateUpgradeService()) {}
-
-  void Start(const std::string& bundle) {
-    bundle_ = bundle;
-    Offer(RawBlock("Starting Upgrade " + std::to_string(bundle.size()) + " " + std::to_string(Count())));
+// Streams the start text (with count packets, or as many as the bundle
+// needs), the first `sent` data packets and the end packet; returns the
+// device's status replies.
+std::vector<std::string> Stream(DeviceHarness& device, const std::string& bundle, size_t sent, size_t count = 0) {
+  if (count == 0) count = (bundle.size() + kPiece - 1) / kPiece;
+  device.Dev().OnOutBlock(RawBlock("Starting Upgrade " + std::to_string(bundle.size()) + " " + std::to_string(count)));
+  for (uint32_t n = 0; n < sent; ++n) {
+    const size_t length = std::min(kPiece, bundle.size() - n * kPiece);
+    device.Dev().OnOutBlock(
+        MakePacket(kTypeUpgrade, n, reinterpret_cast<const uint8_t*>(bundle.data()) + n * kPiece, length));
   }
-  uint32_t Count() const { return static_cast<uint32_t>((bundle_.size() + kPiece - 1) / kPiece); }
-  Block Data(uint32_t n) const {
-    const size_t length = std::min(kPiece, bundle_.size() - n * kPiece);
-    return MakePacket(kTypeUpgrade, n, reinterpret_cast<const uint8_t*>(bundle_.data()) + n * kPiece, length);
-  }
-  void Offer(const Block& block) { ASSERT_TRUE(service_->Accept(block, device_)); }
-  void SendData(uint32_t first, uint32_t last) {
-    for (uint32_t n = first; n <= last; ++n) Offer(Data(n));
-  }
-  void End() { Offer(MakeTextPacket(kTypeUpgrade, "Ending Upgrade")); }
-  std::string Stored() const { return test::ReadFile(BundleImagePath(dir_.Path())); }
-  std::string LastStatus() const {
-    return device_.sent.empty() || TypeOf(device_.sent.back()) != kTypeUpgrade ? ""
-                                                                                : PayloadText(device_.sent.back());
-  }
-
-  test::TempDir dir_;
-  FakeDevice device_;
-  std::unique_ptr<Service> service_;
-  std::string bundle_;
-};
-
-// A start whose count does not fit its size fails like a short bundle.
-TEST_F(UpgradeService, ReportsFailureForAShortBundleOrAMismatchedCount) {
-  Start(test::RandomBytes(kPiece * 4, 5));
-  SendData(0, 2);
-  End();
-  EXPECT_NE(LastStatus().find("Failed"), std::string::npos);
-  EXPECT_EQ(LastStatus().find("ending"), std::string::npos);
-
-  service_ = CreateUpgradeService();
-  device_.sent.clear();
-  bundle_ = test::RandomBytes(kPiece * 2, 6);
-  Offer(RawBlock("Starting Upgrade 114 7"));
-  SendData(0, 1);
-  End();
-  EXPECT_NE(LastStatus().find("Failed"), std::string::npos);
+  device.Text(kTypeUpgrade, "Ending Upgrade");
+  std::vector<std::string> statuses;
+  for (const Block& block : device.Drain())
+    if (TypeOf(block) == kTypeUpgrade) statuses.push_back(PayloadText(block));
+  return statuses;
 }
 
-// Given fault options, the device bends the exchange as they name.
-class UpgradeServiceFaults : public UpgradeService {};
+bool Failed(const std::vector<std::string>& statuses) {
+  return statuses.size() == 1 && statuses[0].rfind("Upgrade Failed", 0) == 0;
+}
 
-TEST_F(UpgradeServiceFaults, NeverAnswersTheEndWithNoEndText) {
-  device_.faults.Add("no-end-text", "");
-  Start("abc");
-  SendData(0, 0);
-  End();
-  EXPECT_TRUE(device_.sent.empty());
-  EXPECT_EQ(Stored(), bundle_);
+// A start whose count does not fit its size fails like a short bundle.
+TEST(UpgradeService, ReportsFailureForAShortBundleOrAMismatchedCount) {
+  DeviceHarness shortBundle;
+  EXPECT_TRUE(Failed(Stream(shortBundle, ferrolt::test::RandomBytes(kPiece * 4, 5), 3)));
+  DeviceHarness mismatched;
+  EXPECT_TRUE(Failed(Stream(mismatched, ferrolt::test::RandomBytes(kPiece * 2, 6), 2, 7)));
+}
+
+// A whole bundle with a version header installs that version.
+TEST(UpgradeService, InstallsTheVersionOfAWholeBundle) {
+  DeviceHarness device;
+  const std::string bundle = "FERROLT-BUNDLE version=5.6.7\n" + ferrolt::test::RandomBytes(4000, 22);
+  EXPECT_EQ(Stream(device, bundle, (bundle.size() + kPiece - 1) / kPiece),
+            std::vector<std::string>{"Upgrade complete, ending update"});
+  EXPECT_EQ(device.Dev().Version(), "5.6.7");
+}
+
+TEST(UpgradeService, NeverAnswersTheEndWithNoEndText) {
+  DeviceHarness device({.faults = {{"no-end-text", ""}}});
+  EXPECT_TRUE(Stream(device, "abc", 1).empty());
+  EXPECT_EQ(ferrolt::test::ReadFile(BundleImagePath(device.Dev().Root())), "abc");
 }
 
 TEST(BundleHeader, ReadsTheVersionFromAWellFormedFirstLineOnly) {
@@ -112,4 +74,4 @@ TEST(BundleHeader, ReadsTheVersionFromAWellFormedFirstLineOnly) {
 }
 
 }  // namespace
-}  // namespace ferrolt::devsim
+}  // namespace ferrolt::devsim::test

@@ -103,11 +103,15 @@ class UpgradeWorker : public RawDeviceFixture {
   std::string bytes;
 };
 
-TEST_F(UpgradeWorker, SendsTheStartTextDataPacketsAndEndPacketOfA58ByteFile) {
+TEST_F(UpgradeWorker, SendsTheStartTextDataPacketsAndEndPacketOfA58ByteOrAnEmptyFile) {
+  const Block end = BuildTextPacket(PacketType::Upgrade, "Ending Upgrade");
   Upgrade(MakeBundle(58, 3));
   EXPECT_EQ(device.Written(),
-            (std::vector<Block>{BuildRawTextBlock("Starting Upgrade 58 2"), DataPacket(0), DataPacket(1),
-                                BuildTextPacket(PacketType::Upgrade, "Ending Upgrade")}));
+            (std::vector<Block>{BuildRawTextBlock("Starting Upgrade 58 2"), DataPacket(0), DataPacket(1), end}));
+  EXPECT_NE(Upgrade(MakeBundle(0)).find("File Size = 0\nPacket Count = 0\n"), std::string::npos);
+  EXPECT_EQ(device.Written().size(), 6u);
+  EXPECT_EQ(device.Written()[4], BuildRawTextBlock("Starting Upgrade 0 0"));
+  EXPECT_EQ(device.Written()[5], end);
 }
 
 TEST_F(UpgradeWorker, LogsOnlyChangedPercentagesForAManyPacketFile) {
@@ -116,12 +120,31 @@ TEST_F(UpgradeWorker, LogsOnlyChangedPercentagesForAManyPacketFile) {
   EXPECT_EQ(DataNumbers(device.Written()), Ranges({{0, 1000}}));
 }
 
+// Given a file it will not send, the worker writes nothing. (One upgrade a
+// fixture: the reader of an upgrade that ends this early polls on until
+// Shutdown, which waits only for the last upgrade's reader.)
 TEST_F(UpgradeWorker, WritesNothingWhenTheFileIsMissing) {
   // The console reporter's second pass turns the doubled sign back into one.
   Upgrade((dir / "no such 100% bundle").string());
   EXPECT_TRUE(device.Written().empty());
   EXPECT_EQ(log.Lines(), std::vector<std::string>{"Error: Can not find specified file - " +
                                                    (dir / "no such 100%% bundle").string()});
+}
+
+TEST_F(UpgradeWorker, WritesNothingForA2GiBFile) {
+  const std::string huge = MakeBundle(0);
+  fs::resize_file(huge, uint64_t{2} << 30);  // sparse: no disk space used
+  Upgrade(huge);
+  EXPECT_TRUE(log.Has("Error: The bundle file is 2 GiB or larger, more than the device can take - " + huge));
+  EXPECT_TRUE(device.Written().empty());
+}
+
+// Given a start text the device does not take, the worker stops there.
+TEST_F(UpgradeWorker, StopsAtAStartTextNotTaken) {
+  device.Stall(true);
+  Upgrade(MakeBundle(500));
+  EXPECT_TRUE(log.Has("Failed in writing 'Starting Upgrade' to device."));
+  EXPECT_EQ(device.Written().size(), 1u);
 }
 
 // Packet 1 fails once and is written again; packet 2 always fails: the

@@ -44,6 +44,7 @@ TEST_F(UploadTest, FilesAroundOnePacketArriveWholeWithTheirCommands) {
     const std::string name = "f" + std::to_string(size) + ".bin";
     const std::string bytes = RandomBytes(size, static_cast<unsigned>(size));
     const std::string out = Upload(LocalFile(name, bytes));
+    EXPECT_TRUE(fs::exists(OnDevice(name))) << name;
     EXPECT_EQ(ReadFile(OnDevice(name)), bytes) << name;
     EXPECT_NE(out.find("File to send: " + name + "\n"), std::string::npos) << out;
   }

@@ -34,12 +34,6 @@ constexpr uint32_t kNackedPacket = 5;
 constexpr long long kPauseAfterBlocks = 10;
 constexpr const char* kPauseFor = "pause-writes-for=2500";
 
-size_t CountOf(const std::string& text, const std::string& part) {
-  size_t count = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) ++count;
-  return count;
-}
-
 // Given an OUT endpoint that stalls once, the write fails, the halt is
 // cleared, and the tool's retry delivers the block: the device gets it once.
 TEST(UsbFaultsTest, AStalledOutEndpointFailsOneWriteAndTheRetryGetsThrough) {
