@@ -1,11 +1,14 @@
 // The device's CLI session: "CLI On" and "CLI Off" switch CLI mode (kept in
 // the root folder, so it outlives the host's links and the emulator run),
-// and any other text while the mode is on runs as a shell command whose
-// output streams back in type-4 packets, closed by the end text.
+// and any other text while the mode is on runs as a command whose output
+// streams back in type-4 packets, closed by the end text. Commands come from
+// the built-in set, which sees only the root, unless the user asked for the
+// host's shell.
 #include <chrono>
 #include <fstream>
 #include <string>
 
+#include "devsim/BuiltinCommands.h"
 #include "devsim/CommandServices.h"
 #include "devsim/DeviceLimits.h"
 #include "devsim/DevicePackets.h"
@@ -39,7 +42,7 @@ void SetCliMode(DeviceContext& device, bool on) {
 
 class CliService final : public Service {
  public:
-  explicit CliService(std::chrono::seconds timeout) : timeout_(timeout) {}
+  CliService(std::chrono::seconds timeout, bool hostShell) : timeout_(timeout), hostShell_(hostShell) {}
 
   bool Accept(const Block& block, DeviceContext& device) override {
     if (TypeOf(block) != kTypeCli || !CrcMatches(block)) return false;
@@ -53,34 +56,34 @@ class CliService final : public Service {
   }
 
   void Poll(DeviceContext& device) override {
-    if (!shell_.Running()) return;
+    if (!command_) return;
     if (!timedOut_ && Clock::now() >= deadline_) {
-      shell_.Kill();
+      command_->Kill();
       timedOut_ = true;
       device.Note("cli: command timed out, killed");
     }
     StreamOutput(device);
     if (OutputFinished() && HasRoom(device)) {
       if (timedOut_) SendOutput(device, kTimedOutText, std::char_traits<char>::length(kTimedOutText));
-      shell_.Release();
+      command_.reset();
       SendEnd(device);
     }
   }
 
-  bool Busy() const override { return shell_.Running(); }
+  bool Busy() const override { return command_ != nullptr; }
 
   void LinkClosed(DeviceContext& device) override {
-    if (!shell_.Running()) return;
-    shell_.Kill();
-    shell_.Release();
+    if (!command_) return;
+    command_->Kill();
+    command_.reset();
     device.Note("cli: link closed, command killed");
   }
 
  private:
   void Run(const std::string& command, DeviceContext& device) {
-    if (shell_.Running()) {
-      shell_.Kill();
-      shell_.Release();
+    if (command_) {
+      command_->Kill();
+      command_.reset();
       device.Note("cli: previous command killed");
     }
     outputPackets_ = 0;
@@ -93,7 +96,12 @@ class CliService final : public Service {
       return;
     }
     device.Note("cli: " + command);
-    if (!shell_.Start(command, device.Root())) {
+    if (hostShell_) {
+      command_ = ShellCommand::Start(command, device.Root());
+    } else {
+      command_ = RunBuiltinCommands(command, device.Root());
+    }
+    if (!command_) {
       SendText(device, kCannotRunText);
       SendEnd(device);
       return;
@@ -109,9 +117,9 @@ class CliService final : public Service {
     char chunk[kPayloadSize];
     while (!outputEnded_ && HasRoom(device)) {
       size_t count = 0;
-      const auto result = shell_.Read(chunk, sizeof chunk, count);
-      if (result == ShellCommand::ReadResult::Nothing) break;
-      if (result == ShellCommand::ReadResult::End) {
+      const auto result = command_->Read(chunk, sizeof chunk, count);
+      if (result == CliCommand::ReadResult::Nothing) break;
+      if (result == CliCommand::ReadResult::End) {
         outputEnded_ = true;
         break;
       }
@@ -121,7 +129,7 @@ class CliService final : public Service {
 
   // A killed command is finished at once: a process that left its group
   // could hold the pipe open for ever.
-  bool OutputFinished() { return timedOut_ || (outputEnded_ && shell_.Exited()); }
+  bool OutputFinished() { return timedOut_ || (outputEnded_ && command_->Exited()); }
 
   void SendText(DeviceContext& device, const char* text) {
     SendOutput(device, text, std::char_traits<char>::length(text));
@@ -147,7 +155,8 @@ class CliService final : public Service {
   }
 
   const std::chrono::seconds timeout_;
-  ShellCommand shell_;
+  const bool hostShell_;
+  std::unique_ptr<CliCommand> command_;
   Clock::time_point deadline_{};
   long long outputPackets_ = 0;
   bool outputEnded_ = false;
@@ -156,8 +165,8 @@ class CliService final : public Service {
 
 }  // namespace
 
-std::unique_ptr<Service> CreateCliService(std::chrono::seconds timeout) {
-  return std::make_unique<CliService>(timeout);
+std::unique_ptr<Service> CreateCliService(std::chrono::seconds timeout, bool hostShell) {
+  return std::make_unique<CliService>(timeout, hostShell);
 }
 
 }  // namespace ferrolt::devsim

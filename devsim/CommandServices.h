@@ -11,8 +11,9 @@
 namespace ferrolt::devsim {
 
 std::unique_ptr<Service> CreateVersionService();
-// Commands still running after timeout are killed.
-std::unique_ptr<Service> CreateCliService(std::chrono::seconds timeout);
+// Commands run from the built-in set, or by the host's shell when hostShell
+// is set; those still running after timeout are killed.
+std::unique_ptr<Service> CreateCliService(std::chrono::seconds timeout, bool hostShell);
 std::unique_ptr<Service> CreateOrtService();
 std::unique_ptr<Service> CreateCaptouchService();
 std::unique_ptr<Service> CreateCancelService();

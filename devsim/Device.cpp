@@ -10,6 +10,7 @@
 #include "devsim/DeviceLimits.h"
 #include "devsim/DevicePackets.h"
 #include "devsim/FileServices.h"
+#include "devsim/RootPath.h"
 
 namespace ferrolt::devsim {
 namespace fs = std::filesystem;
@@ -53,7 +54,7 @@ Device::Device(const DeviceSettings& settings)
       pauseAfter_(settings_.faults.Number("pause-writes-after", -1)),
       pauseFor_(settings_.faults.Number("pause-writes-for", limits::kDefaultWritePause.count())) {
   services_.push_back(CreateVersionService());
-  services_.push_back(CreateCliService(settings_.cliTimeout));
+  services_.push_back(CreateCliService(settings_.cliTimeout, settings_.hostShell));
   services_.push_back(CreateOrtService());
   services_.push_back(CreateCaptouchService());
   services_.push_back(CreateCancelService());
@@ -85,7 +86,10 @@ bool Device::PrepareRoot(std::string& error) {
     error = "cannot write " + (settings_.root / "version").string();
     return false;
   }
-  return true;
+  // Device paths are checked against the root's canonical form.
+  settings_.root = fs::canonical(settings_.root, failure);
+  if (failure) error = "cannot resolve the root folder: " + failure.message();
+  return !failure;
 }
 
 bool Device::OpenFiles(std::string& error) {
@@ -209,11 +213,8 @@ std::optional<Device::Clock::time_point> Device::NextDue() const {
 void Device::Send(const Block& block) { inQueue_.push_back({Clock::now() + linkFaults_.ReplyDelay(), block}); }
 
 fs::path Device::DevicePathToLocal(const std::string& devicePath) const {
-  const fs::path path(devicePath);
-  if (!path.is_absolute()) return {};
-  const fs::path inside = path.relative_path().lexically_normal();
-  if (!inside.empty() && *inside.begin() == "..") return {};
-  return settings_.root / inside;
+  if (!fs::path(devicePath).is_absolute()) return {};
+  return ResolveInRoot(settings_.root, devicePath);
 }
 
 std::string Device::Version() const {

@@ -26,6 +26,8 @@ struct DeviceSettings {
   std::string initialVersion = "1.0.0";
   bool verbose = false;  // event lines also to stderr
   std::chrono::seconds cliTimeout{10};
+  // CLI commands run by the host's /bin/sh instead of the built-in set.
+  bool hostShell = false;
   FaultPlan faults;
 };
 

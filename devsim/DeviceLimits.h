@@ -18,6 +18,12 @@ inline constexpr size_t kMaxQueuedStreamBlocks = 8;
 inline constexpr seconds kDefaultCliTimeout{10};
 // How long the pause fault refuses OUT blocks unless pause-writes-for says.
 inline constexpr milliseconds kDefaultWritePause{2000};
+// A host link is dropped when nothing has moved on it for this long (no
+// block from the host, none to it, no command running), or when it has not
+// taken what the device sent for this long, unless --idle-limit says
+// otherwise. Twice the longest wait of the tool's own on an idle link (60 s
+// for the upgrade's end report), so the tool never meets it.
+inline constexpr seconds kDefaultIdleLimit{120};
 // Connections waiting while the device serves one host link.
 inline constexpr int kListenBacklog = 8;
 // Bytes taken from the host's socket per read.

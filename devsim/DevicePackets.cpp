@@ -89,4 +89,8 @@ Block MakeTextPacket(uint8_t type, const std::string& text) {
   return block;
 }
 
+int32_t PacketCountFor(int32_t size) {
+  return static_cast<int32_t>((static_cast<int64_t>(size) + kPayloadSize - 1) / kPayloadSize);
+}
+
 }  // namespace ferrolt::devsim

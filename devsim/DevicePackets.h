@@ -40,6 +40,8 @@ std::string RawText(const Block& block);
 std::string HexOf(const uint8_t* data, size_t count);
 // A packet with the given fields and payload bytes (at most 57), CRC set.
 Block MakePacket(uint8_t type, uint32_t number, const uint8_t* payload, size_t length);
+// How many data packets carry size bytes.
+int32_t PacketCountFor(int32_t size);
 // A text reply: number 0, length 57, the text zero-padded.
 Block MakeTextPacket(uint8_t type, const std::string& text);
 

@@ -19,6 +19,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr char kRequestText[] = "Download Logs";
+constexpr char kLogFolder[] = "/var/log";
 // Beside the log folder, never inside it, so it does not archive itself.
 constexpr char kArchiveName[] = ".logs-archive.zip";
 // What libzip leaves out: an archive with no entries is its end record alone.
@@ -27,11 +28,12 @@ constexpr zip_int64_t kWholeFile = -1;
 constexpr unsigned char kEmptyZip[22] = {0x50, 0x4B, 0x05, 0x06};
 
 // The regular files under folder, as paths relative to it, in a stable order.
+// Links are left out: one could point outside the root.
 std::vector<fs::path> LogFiles(const fs::path& folder) {
   std::vector<fs::path> files;
   std::error_code error;
   for (fs::recursive_directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
-    if (it->is_regular_file(error)) files.push_back(fs::relative(it->path(), folder, error));
+    if (it->symlink_status(error).type() == fs::file_type::regular) files.push_back(fs::relative(it->path(), folder, error));
   }
   std::sort(files.begin(), files.end());
   return files;
@@ -78,7 +80,7 @@ class LogsService final : public Service {
     if (PayloadText(block) != kRequestText) return false;
     stream_.Stop();  // it may still read the archive about to be rebuilt
     const fs::path archive = device.Root() / kArchiveName;
-    const fs::path folder = device.Root() / "var" / "log";
+    const fs::path folder = device.DevicePathToLocal(kLogFolder);
     const bool built = BuildArchive(folder, archive, device);
     device.Note("logs requested: " + std::to_string(LogFiles(folder).size()) + " files" +
                 (built ? "" : ", archive failed"));

@@ -59,14 +59,25 @@ constexpr const char* kUsageHead =
     "SIGINT ends it (exit status 0). Bad options: exit status 2.\n"
     "\n"
     "Endpoint:\n"
-    "  --socket PATH         Unix-domain socket (a stale socket file is replaced)\n"
-    "  --tcp HOST:PORT       TCP endpoint; port 0 picks a free port\n"
+    "  --socket PATH         Unix-domain socket (a stale socket file is replaced,\n"
+    "                        one another program listens on is not)\n"
+    "  --tcp HOST:PORT       TCP endpoint on a loopback address; port 0 picks a\n"
+    "                        free port\n"
+    "  --listen-any          let --tcp take any address: other machines can then\n"
+    "                        drive the device (a warning says so)\n"
+    "  --idle-limit SECS     drop a host link when nothing has moved on it, or it\n"
+    "                        has not read what it was sent, for SECS seconds\n"
+    "                        (default %lld)\n"
     "Device state:\n"
     "  --root DIR            the device's folder, created if missing: version,\n"
     "                        cli-mode, tmp/ (the device's /tmp/), var/log/\n"
     "  --version TEXT        version of a fresh root (default 1.0.0; an existing\n"
     "                        root/version file is kept)\n"
     "  --cli-timeout SECS    kill a CLI command after SECS seconds (default 10)\n"
+    "  --host-shell          run CLI commands in the host's /bin/sh, which sees\n"
+    "                        the whole machine (a warning says so); without it\n"
+    "                        they come from a built-in set (echo, pwd, uname,\n"
+    "                        ls, cat) that sees only the root folder\n"
     "What it tells:\n"
     "  --record FILE         every OUT block received, 64 raw bytes each\n"
     "  --events FILE         one line per thing the device did\n"
@@ -78,9 +89,11 @@ constexpr const char* kUsageHead =
     "  --speed N             1 low, 2 full, 3 high (default 3)\n"
     "  --state N             0 ready, 3 no driver bound, 4 no bulk endpoints (default 0)\n"
     "Faults:\n"
-    "  --fault NAME[=VALUE]  inject a fault (repeatable; LIST is comma-separated)\n"
+    "  --fault NAME[=VALUE]  inject a fault (repeatable; LIST is comma-separated\n"
+    "                        numbers)\n"
     "  --seed N              seed of every random choice a fault makes (default 1)\n"
     "  -h, --help            this text\n"
+    "Every option with a value also takes the form --name=value.\n"
     "\n"
     "Fault names:\n";
 
@@ -97,11 +110,43 @@ bool ParseTcp(const std::string& text, ServerSettings& server) {
   return true;
 }
 
-bool ParseFault(const std::string& text, FaultPlan& faults) {
+// A fault's value, as its help name shows it: none, one number ("=N",
+// "=MS", ...), or a comma-separated list of numbers ("=LIST").
+bool FaultValueReadable(const std::string& helpName, const std::string& value) {
+  const size_t equals = helpName.find('=');
+  if (equals == std::string::npos) return value.empty();
+  long long number = 0;
+  if (helpName.substr(equals + 1) != "LIST") return ParseNumber(value, number);
+  size_t from = 0;
+  for (size_t comma; (comma = value.find(',', from)) != std::string::npos; from = comma + 1) {
+    if (!ParseNumber(value.substr(from, comma - from), number)) return false;
+  }
+  return ParseNumber(value.substr(from), number);
+}
+
+// Why the fault text cannot be taken, or empty when it can.
+std::string FaultProblem(const std::string& text) {
   const size_t equals = text.find('=');
   const std::string name = text.substr(0, equals);
-  if (name.empty()) return false;
-  faults.Add(name, equals == std::string::npos ? "" : text.substr(equals + 1));
+  const std::string value = equals == std::string::npos ? "" : text.substr(equals + 1);
+  for (const FaultHelp& fault : kFaultHelp) {
+    const std::string helpName = fault.name;
+    if (helpName.substr(0, helpName.find('=')) != name) continue;
+    return FaultValueReadable(helpName, value) ? "" : "bad value for fault " + name + ": " + helpName;
+  }
+  return "unknown fault " + name;
+}
+
+std::string FaultList() {
+  std::string list;
+  for (const FaultHelp& fault : kFaultHelp) list += (list.empty() ? "" : ", ") + std::string(fault.name);
+  return list;
+}
+
+bool ParseFault(const std::string& text, FaultPlan& faults) {
+  if (!FaultProblem(text).empty()) return false;
+  const size_t equals = text.find('=');
+  faults.Add(text.substr(0, equals), equals == std::string::npos ? "" : text.substr(equals + 1));
   return true;
 }
 
@@ -130,6 +175,7 @@ const std::map<std::string, ValueHandler>& ValueOptions() {
       {"--version", [](const std::string& v, Options& o) { o.device.initialVersion = v; return true; }},
       {"--fault", [](const std::string& v, Options& o) { return ParseFault(v, o.device.faults); }},
       {"--cli-timeout", Integer(1, kMaxSeconds, [](Options& o, long long v) { o.device.cliTimeout = std::chrono::seconds(v); })},
+      {"--idle-limit", Integer(1, kMaxSeconds, [](Options& o, long long v) { o.server.idleLimit = std::chrono::seconds(v); })},
       {"--seed", Integer(0, std::numeric_limits<unsigned>::max(),
                          [](Options& o, long long v) { o.device.faults.SetSeed(static_cast<unsigned>(v)); })},
       {"--vendor-id", Integer(0, kMaxU16, [](Options& o, long long v) { o.server.hello.vendorId = static_cast<uint16_t>(v); })},
@@ -141,13 +187,37 @@ const std::map<std::string, ValueHandler>& ValueOptions() {
   return handlers;
 }
 
-bool CheckComplete(const Options& options, std::string& error) {
+// Options without a value.
+const std::map<std::string, void (*)(Options&)>& FlagOptions() {
+  static const std::map<std::string, void (*)(Options&)> flags = {
+      {"--verbose", [](Options& o) { o.device.verbose = true; }},
+      {"--host-shell", [](Options& o) { o.device.hostShell = true; }},
+      {"--listen-any", [](Options& o) { o.server.listenAny = true; }},
+  };
+  return flags;
+}
+
+// The endpoint and root are given, and nothing is reachable from outside
+// unless the user said so (then warnings say what is open).
+bool CheckComplete(Options& options, std::string& error) {
   const bool onSocket = !options.server.socketPath.empty();
   const bool tcp = options.server.tcpPort >= 0;
+  const bool loopback = tcp && IsLoopbackHost(options.server.tcpHost);
   if (onSocket == tcp) {
     error = "give exactly one of --socket PATH and --tcp HOST:PORT";
   } else if (options.device.root.empty()) {
     error = "--root DIR is required";
+  } else if (options.server.listenAny && !tcp) {
+    error = "--listen-any goes with --tcp";
+  } else if (tcp && !loopback && !options.server.listenAny) {
+    error = options.server.tcpHost + " is not a loopback address: add --listen-any to let other machines in";
+  }
+  if (tcp && !loopback && options.server.listenAny) {
+    options.warnings.push_back("warning: listening on " + options.server.tcpHost +
+                               ": other machines can drive the device and read its root folder");
+  }
+  if (options.device.hostShell) {
+    options.warnings.push_back("warning: --host-shell: CLI commands run in the host's /bin/sh as this user");
   }
   return error.empty();
 }
@@ -159,21 +229,30 @@ ParseOutcome ParseOptions(const std::vector<std::string>& args, Options& options
   for (size_t i = 0; i < args.size(); ++i) {
     const std::string& arg = args[i];
     if (arg == "-h" || arg == "--help") return ParseOutcome::Help;
-    if (arg == "--verbose") {
-      options.device.verbose = true;
+    // "--name=value" is "--name value".
+    const size_t equals = arg.rfind("--", 0) == 0 ? arg.find('=') : std::string::npos;
+    const std::string name = arg.substr(0, equals);
+    if (const auto flag = FlagOptions().find(name); flag != FlagOptions().end()) {
+      if (equals != std::string::npos) {
+        error = name + " takes no value";
+        return ParseOutcome::Error;
+      }
+      flag->second(options);
       continue;
     }
-    const auto handler = ValueOptions().find(arg);
+    const auto handler = ValueOptions().find(name);
     if (handler == ValueOptions().end()) {
-      error = "unknown option " + arg;
+      error = "unknown option " + name;
       return ParseOutcome::Error;
     }
-    if (i + 1 >= args.size()) {
-      error = arg + " needs a value";
+    if (equals == std::string::npos && i + 1 >= args.size()) {
+      error = name + " needs a value";
       return ParseOutcome::Error;
     }
-    if (!handler->second(args[++i], options)) {
-      error = "bad value for " + arg + ": " + args[i];
+    const std::string value = equals == std::string::npos ? args[++i] : arg.substr(equals + 1);
+    if (!handler->second(value, options)) {
+      error = name == "--fault" ? FaultProblem(value) + " (faults: " + FaultList() + ")"
+                                : "bad value for " + name + ": " + value;
       return ParseOutcome::Error;
     }
   }
@@ -182,9 +261,10 @@ ParseOutcome ParseOptions(const std::vector<std::string>& args, Options& options
 
 std::string UsageText() {
   const LinkHello defaults;
-  const int length = std::snprintf(nullptr, 0, kUsageHead, defaults.vendorId, defaults.productId);
+  const long long idleLimit = limits::kDefaultIdleLimit.count();
+  const int length = std::snprintf(nullptr, 0, kUsageHead, idleLimit, defaults.vendorId, defaults.productId);
   std::string text(static_cast<size_t>(length) + 1, '\0');
-  std::snprintf(text.data(), text.size(), kUsageHead, defaults.vendorId, defaults.productId);
+  std::snprintf(text.data(), text.size(), kUsageHead, idleLimit, defaults.vendorId, defaults.productId);
   text.pop_back();
   constexpr size_t kNameColumn = 26;
   for (const FaultHelp& fault : kFaultHelp) {

@@ -12,6 +12,8 @@ namespace ferrolt::devsim {
 struct Options {
   DeviceSettings device;
   ServerSettings server;
+  // Lines for standard error: what the options leave open.
+  std::vector<std::string> warnings;
 };
 
 enum class ParseOutcome { Run, Help, Error };

@@ -19,8 +19,6 @@ constexpr uint8_t kLongLength = 200;
 // Every this many data packets an interleave fault slips in another type.
 constexpr int32_t kNoiseEvery = 5;
 
-int32_t PacketCount(int32_t size) { return size / static_cast<int32_t>(kPayloadSize) + (size % kPayloadSize != 0 ? 1 : 0); }
-
 bool Listed(const FaultPlan& faults, const std::string& name, long long number) {
   const auto numbers = faults.Numbers(name);
   return std::find(numbers.begin(), numbers.end(), number) != numbers.end();
@@ -40,7 +38,7 @@ void ReplyStream::Begin(const std::filesystem::path& source, DeviceContext& devi
     file_.close();
     size_ = 0;
   }
-  total_ = PacketCount(size_);
+  total_ = PacketCountFor(size_);
   next_ = 0;
   noiseDue_ = false;
   phase_ = Phase::Start;

@@ -52,7 +52,8 @@ class DeviceContext {
   // The device's root folder: its version file, /tmp/, log folder, and what
   // the last upgrade received.
   virtual const std::filesystem::path& Root() const = 0;
-  // A path on the device ("/tmp/x") mapped into the root folder.
+  // An absolute path on the device ("/tmp/x") resolved inside the root
+  // folder, links followed; empty when it is not absolute or leaves the root.
   virtual std::filesystem::path DevicePathToLocal(const std::string& devicePath) const = 0;
   virtual std::string Version() const = 0;
   virtual void SetVersion(const std::string& version) = 0;

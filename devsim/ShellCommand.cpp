@@ -17,19 +17,19 @@ constexpr int kCannotRun = 127;
 }  // namespace
 
 ShellCommand::~ShellCommand() {
-  if (Running()) Kill();
-  Release();
+  if (!reaped_) Kill();
+  close(outputFd_);
 }
 
-bool ShellCommand::Start(const std::string& text, const std::filesystem::path& folder) {
+std::unique_ptr<ShellCommand> ShellCommand::Start(const std::string& text, const std::filesystem::path& folder) {
   int fds[2];
-  if (pipe2(fds, O_CLOEXEC) != 0) return false;
+  if (pipe2(fds, O_CLOEXEC) != 0) return nullptr;
   const std::string dir = folder.string();
   const pid_t pid = fork();
   if (pid < 0) {
     close(fds[0]);
     close(fds[1]);
-    return false;
+    return nullptr;
   }
   if (pid == 0) {
     // Only async-signal-safe calls between fork and exec.
@@ -46,15 +46,11 @@ bool ShellCommand::Start(const std::string& text, const std::filesystem::path& f
   setpgid(pid, pid);
   close(fds[1]);
   fcntl(fds[0], F_SETFL, fcntl(fds[0], F_GETFL) | O_NONBLOCK);
-  pid_ = pid;
-  outputFd_ = fds[0];
-  reaped_ = false;
-  return true;
+  return std::unique_ptr<ShellCommand>(new ShellCommand(pid, fds[0]));
 }
 
 ShellCommand::ReadResult ShellCommand::Read(char* buffer, size_t capacity, size_t& count) {
   count = 0;
-  if (outputFd_ < 0) return ReadResult::End;
   for (;;) {
     const ssize_t n = read(outputFd_, buffer, capacity);
     if (n > 0) {
@@ -69,27 +65,19 @@ ShellCommand::ReadResult ShellCommand::Read(char* buffer, size_t capacity, size_
 
 bool ShellCommand::Exited() {
   if (reaped_) return true;
-  if (!Running()) return true;
   int status = 0;
   if (waitpid(pid_, &status, WNOHANG) == pid_) reaped_ = true;
   return reaped_;
 }
 
+// The group outlives a reaped shell while a child it left behind still runs.
 void ShellCommand::Kill() {
-  if (!Running()) return;
   kill(-pid_, SIGKILL);
-  if (!reaped_) {
-    int status = 0;
-    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-    }
-    reaped_ = true;
+  if (reaped_) return;
+  int status = 0;
+  while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
   }
-}
-
-void ShellCommand::Release() {
-  if (outputFd_ >= 0) close(outputFd_);
-  outputFd_ = -1;
-  pid_ = -1;
+  reaped_ = true;
 }
 
 }  // namespace ferrolt::devsim

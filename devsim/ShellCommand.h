@@ -1,39 +1,37 @@
-// One shell command running on the device: `/bin/sh -c TEXT` in a process
-// group of its own, its stdout and stderr merged into one non-blocking pipe.
+// One command run by the host's shell (only with --host-shell): `/bin/sh -c
+// TEXT` in a process group of its own, its stdout and stderr merged into one
+// non-blocking pipe.
 #pragma once
 
 #include <sys/types.h>
 
-#include <cstddef>
 #include <filesystem>
+#include <memory>
 #include <string>
+
+#include "devsim/CliCommand.h"
 
 namespace ferrolt::devsim {
 
-class ShellCommand {
+class ShellCommand final : public CliCommand {
  public:
-  enum class ReadResult { Data, Nothing, End };
-
-  ShellCommand() = default;
-  ~ShellCommand();  // kills and reaps a command still running
+  // Null when the shell cannot be started.
+  static std::unique_ptr<ShellCommand> Start(const std::string& text, const std::filesystem::path& folder);
+  ~ShellCommand() override;  // kills and reaps a command still running
   ShellCommand(const ShellCommand&) = delete;
   ShellCommand& operator=(const ShellCommand&) = delete;
 
-  bool Start(const std::string& text, const std::filesystem::path& folder);
-  bool Running() const { return pid_ > 0; }
-  // Up to capacity bytes of output, without waiting; End once every writer
-  // has closed the pipe.
-  ReadResult Read(char* buffer, size_t capacity, size_t& count);
+  ReadResult Read(char* buffer, size_t capacity, size_t& count) override;
   // True once the shell has exited (it is then reaped).
-  bool Exited();
+  bool Exited() override;
   // Kills the whole process group and reaps the shell.
-  void Kill();
-  // Closes the output pipe and forgets the command.
-  void Release();
+  void Kill() override;
 
  private:
-  pid_t pid_ = -1;
-  int outputFd_ = -1;
+  ShellCommand(pid_t pid, int outputFd) : pid_(pid), outputFd_(outputFd) {}
+
+  pid_t pid_;
+  int outputFd_;
   bool reaped_ = false;
 };
 

@@ -9,40 +9,63 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 
 #include "devsim/DeviceLimits.h"
+#include "devsim/FrameReader.h"
 
 namespace ferrolt::devsim {
 namespace {
 
 constexpr char kHelloFrame = 'H';
-constexpr char kWriteFrame = 'W';
 constexpr char kCompletionFrame = 'A';
 constexpr char kReadFrame = 'R';
-constexpr size_t kBlockSize = 64;
-constexpr size_t kWriteFrameSize = 1 + kBlockSize;
 
-// Sends every byte; false when the host has gone or a stop was requested.
-bool SendAll(int fd, const char* data, size_t size, int wakeFd) {
-  while (size > 0) {
-    const ssize_t sent = send(fd, data, size, MSG_NOSIGNAL);
-    if (sent < 0) {
-      pollfd wake{wakeFd, POLLIN, 0};
-      if (errno == EINTR && poll(&wake, 1, 0) == 0) continue;
-      return false;
-    }
-    data += sent;
-    size -= static_cast<size_t>(sent);
-  }
-  return true;
-}
+using Clock = Device::Clock;
+using std::chrono::milliseconds;
 
 std::string Errno(const std::string& what) { return what + ": " + std::strerror(errno); }
 
+int MillisecondsUntil(Clock::time_point when) {
+  return static_cast<int>(std::max(milliseconds(0), std::chrono::ceil<milliseconds>(when - Clock::now())).count());
+}
+
+bool IsLoopback(const sockaddr* address) {
+  if (address->sa_family == AF_INET) {
+    return (ntohl(reinterpret_cast<const sockaddr_in*>(address)->sin_addr.s_addr) >> 24) == IN_LOOPBACKNET;
+  }
+  if (address->sa_family != AF_INET6) return false;
+  const in6_addr& ip = reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr;
+  return IN6_IS_ADDR_LOOPBACK(&ip) || (IN6_IS_ADDR_V4MAPPED(&ip) && ip.s6_addr[12] == IN_LOOPBACKNET);
+}
+
+// Someone accepts connections on the socket file: it is not stale.
+bool SocketServed(const sockaddr_un& address) {
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (fd < 0) return false;
+  // A full backlog (EAGAIN) still has a listener behind it.
+  const bool served = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 || errno == EAGAIN;
+  close(fd);
+  return served;
+}
+
 }  // namespace
+
+bool IsLoopbackHost(const std::string& host) {
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_PASSIVE;
+  addrinfo* found = nullptr;
+  if (getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0) return false;
+  bool loopback = true;
+  for (const addrinfo* entry = found; entry != nullptr; entry = entry->ai_next) loopback &= IsLoopback(entry->ai_addr);
+  freeaddrinfo(found);
+  return loopback;
+}
 
 std::array<uint8_t, 8> LinkHello::Encode() const {
   return {static_cast<uint8_t>(kHelloFrame),
@@ -91,6 +114,10 @@ bool SocketServer::ListenUnix(std::string& error) {
     // A socket left by an earlier run is stale; anything else is not ours to delete.
     if (!S_ISSOCK(existing.st_mode)) {
       error = path + " exists and is not a socket";
+      return false;
+    }
+    if (SocketServed(address)) {
+      error = path + " is served by another program";
       return false;
     }
     unlink(path.c_str());
@@ -175,62 +202,90 @@ int SocketServer::AcceptHost() {
 void SocketServer::ServeLink(int connection) {
   const auto hello = settings_.hello.Encode();
   device_.OnLinkOpened();
-  bool open = SendAll(connection, reinterpret_cast<const char*>(hello.data()), hello.size(), wakeFds_[0]);
-  std::string pending;
+  bool open = SendAll(connection, reinterpret_cast<const char*>(hello.data()), hello.size());
+  FrameReader frames;
+  auto idleDeadline = Clock::now() + settings_.idleLimit;
   while (open) {
     pollfd fds[2] = {{connection, POLLIN, 0}, {wakeFds_[0], POLLIN, 0}};
-    const int ready = poll(fds, 2, PollTimeoutMs());
+    const int ready = poll(fds, 2, PollTimeoutMs(idleDeadline));
     if (ready < 0 && errno != EINTR) break;
     if (ready > 0 && (fds[1].revents & POLLIN) != 0) break;
-    if (ready > 0 && fds[0].revents != 0 && !ReadFrames(connection, pending)) break;
+    // A running command is work in hand, even while it prints nothing.
+    bool moved = device_.Busy();
+    if (ready > 0 && fds[0].revents != 0 && !ReadFrames(connection, frames, moved)) break;
     device_.Poll();
-    open = SendDue(connection) && !device_.DropRequested();
+    open = SendDue(connection, moved) && !device_.DropRequested();
+    if (moved) {
+      idleDeadline = Clock::now() + settings_.idleLimit;
+    } else if (Clock::now() >= idleDeadline) {
+      device_.Note("link: idle for " + std::to_string(settings_.idleLimit.count()) + " s, dropping it");
+      break;
+    }
   }
   device_.OnLinkClosed();
   close(connection);
 }
 
-bool SocketServer::ReadFrames(int connection, std::string& pending) {
+bool SocketServer::ReadFrames(int connection, FrameReader& frames, bool& moved) {
   char buffer[limits::kSocketReadChunk];
   const ssize_t got = recv(connection, buffer, sizeof buffer, MSG_DONTWAIT);
   if (got == 0) return false;
   if (got < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
-  pending.append(buffer, static_cast<size_t>(got));
-  size_t used = 0;
-  // Blocks after a drop decision never reached the device.
-  while (pending.size() - used >= 1 && !device_.DropRequested()) {
-    if (pending[used] != kWriteFrame) {
+  frames.Append(buffer, static_cast<size_t>(got));
+  Block block;
+  // Blocks after a drop decision never reach the device.
+  while (!device_.DropRequested()) {
+    const FrameReader::Next next = frames.Take(block);
+    if (next == FrameReader::Next::NeedMore) break;
+    if (next == FrameReader::Next::BadFrame) {
       device_.Note("link: unknown frame byte from the host, closing the link");
       return false;
     }
-    if (pending.size() - used < kWriteFrameSize) break;
-    Block block;
-    std::memcpy(block.data(), pending.data() + used + 1, kBlockSize);
-    used += kWriteFrameSize;
     device_.OnOutBlock(block);
+    // Only whole blocks count: a host that trickles bytes is still idle.
+    moved = true;
   }
-  pending.erase(0, used);
   return true;
 }
 
-bool SocketServer::SendDue(int connection) {
+bool SocketServer::SendDue(int connection, bool& moved) {
   std::string frames(device_.TakeDueCompletions(), kCompletionFrame);
   while (const auto block = device_.PopInBlock()) {
     frames += kReadFrame;
     frames.append(reinterpret_cast<const char*>(block->data()), block->size());
   }
-  return frames.empty() || SendAll(connection, frames.data(), frames.size(), wakeFds_[0]);
+  if (frames.empty()) return true;
+  moved = true;
+  return SendAll(connection, frames.data(), frames.size());
 }
 
-int SocketServer::PollTimeoutMs() const {
-  using std::chrono::milliseconds;
-  std::optional<milliseconds> wait;
-  if (device_.Busy()) wait = limits::kBusyPollInterval;
-  if (const auto due = device_.NextDue()) {
-    const auto untilDue = std::max(milliseconds(0), std::chrono::ceil<milliseconds>(*due - Device::Clock::now()));
-    if (!wait || untilDue < *wait) wait = untilDue;
+bool SocketServer::SendAll(int connection, const char* data, size_t size) {
+  auto deadline = Clock::now() + settings_.idleLimit;
+  while (size > 0) {
+    const ssize_t sent = send(connection, data, size, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent > 0) {
+      data += sent;
+      size -= static_cast<size_t>(sent);
+      deadline = Clock::now() + settings_.idleLimit;
+      continue;
+    }
+    if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) return false;
+    if (Clock::now() >= deadline) {
+      device_.Note("link: the host has read nothing for " + std::to_string(settings_.idleLimit.count()) +
+                   " s, dropping it");
+      return false;
+    }
+    pollfd fds[2] = {{connection, POLLOUT, 0}, {wakeFds_[0], POLLIN, 0}};
+    if (poll(fds, 2, MillisecondsUntil(deadline)) > 0 && (fds[1].revents & POLLIN) != 0) return false;
   }
-  return wait ? static_cast<int>(wait->count()) : -1;
+  return true;
+}
+
+int SocketServer::PollTimeoutMs(Clock::time_point idleDeadline) const {
+  Clock::time_point wake = idleDeadline;
+  if (device_.Busy()) wake = std::min(wake, Clock::now() + limits::kBusyPollInterval);
+  if (const auto due = device_.NextDue()) wake = std::min(wake, *due);
+  return MillisecondsUntil(wake);
 }
 
 }  // namespace ferrolt::devsim

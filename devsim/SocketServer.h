@@ -2,16 +2,21 @@
 // TCP endpoint, one host link (connection) at a time. On each connection it
 // sends the hello, then moves frames: 'W' + 64 bytes from the host become
 // OUT blocks of the device; the device's write completions go back as 'A'
-// and its IN blocks as 'R' + 64 bytes.
+// and its IN blocks as 'R' + 64 bytes. A host that leaves its link idle, or
+// stops reading, is dropped after the idle limit, so the next one is served.
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <string>
 
 #include "devsim/Device.h"
+#include "devsim/DeviceLimits.h"
 
 namespace ferrolt::devsim {
+
+class FrameReader;
 
 // What the device announces when a host connects.
 struct LinkHello {
@@ -29,8 +34,13 @@ struct ServerSettings {
   std::string socketPath;  // a Unix socket, or
   std::string tcpHost;     // a TCP endpoint (port 0: any free port)
   int tcpPort = -1;
+  bool listenAny = false;  // the TCP host may be other than loopback
+  std::chrono::seconds idleLimit = limits::kDefaultIdleLimit;
   LinkHello hello;
 };
+
+// True when every address host names is a loopback one.
+bool IsLoopbackHost(const std::string& host);
 
 class SocketServer {
  public:
@@ -54,9 +64,13 @@ class SocketServer {
   int AcceptHost();
   void ServeLink(int connection);
   // False when the link must close (the host left, a bad frame, a failed send).
-  bool ReadFrames(int connection, std::string& pending);
-  bool SendDue(int connection);
-  int PollTimeoutMs() const;
+  // moved is set when bytes came or went.
+  bool ReadFrames(int connection, FrameReader& frames, bool& moved);
+  bool SendDue(int connection, bool& moved);
+  // Every byte, unless the host takes none for the idle limit or a stop is
+  // requested.
+  bool SendAll(int connection, const char* data, size_t size);
+  int PollTimeoutMs(Device::Clock::time_point idleDeadline) const;
   bool StopRequested() const;
 
   Device& device_;

@@ -24,6 +24,8 @@ constexpr char kStartPrefix[] = "Starting upload ";
 constexpr char kEndText[] = "Ending upload";
 constexpr uint8_t kAccepted = 0;
 constexpr uint8_t kRefused = 1;
+// Where uploads land on the device.
+constexpr char kFolder[] = "/tmp/";
 
 // A name the device can store in its /tmp/ without leaving it.
 bool IsPlainName(const std::string& name) {
@@ -46,20 +48,24 @@ class UploadService final : public Service {
     int size = 0;
     int count = 0;
     int nameAt = 0;
+    // The count must be the size's: a larger one would let one late packet
+    // number make a file far past the announced size.
     if (std::sscanf(text.c_str(), "Starting upload %d %d %n", &size, &count, &nameAt) != 2 || nameAt == 0 ||
-        !IsPlainName(text.substr(nameAt))) {
+        !IsPlainName(text.substr(nameAt)) || size < 0 || count != PacketCountFor(size)) {
       device.Note("upload refused: " + text);
       return true;
     }
     name_ = text.substr(nameAt);
-    const fs::path folder = device.Root() / "tmp";
+    const fs::path folder = device.DevicePathToLocal(kFolder);
     std::error_code error;
-    fs::create_directories(folder, error);
-    final_ = folder / name_;
-    partial_ = folder / ("." + name_ + ".part");
-    file_.open(partial_, std::ios::binary | std::ios::trunc | std::ios::in | std::ios::out);
+    if (!folder.empty()) fs::create_directories(folder, error);
+    final_ = device.DevicePathToLocal(std::string(kFolder) + name_);
+    partial_ = device.DevicePathToLocal(std::string(kFolder) + "." + name_ + ".part");
+    if (!final_.empty() && !partial_.empty()) {
+      file_.open(partial_, std::ios::binary | std::ios::trunc | std::ios::in | std::ios::out);
+    }
     if (!file_.is_open()) {
-      device.Note("upload refused: cannot create " + partial_.string());
+      device.Note("upload refused: cannot create " + std::string(kFolder) + name_);
       return true;
     }
     size_ = size;
@@ -77,8 +83,9 @@ class UploadService final : public Service {
     }
     const bool faulted = device.Faults().Has("upload-nack") && Listed(device.Faults(), number) &&
                          nacked_.insert(number).second;
-    if (faulted || !CrcMatches(block) || LengthOf(block) > kPayloadSize) {
-      device.Note("upload packet " + std::to_string(number) + " refused");
+    const bool announced = number < static_cast<uint32_t>(count_);
+    if (faulted || !announced || !CrcMatches(block) || LengthOf(block) > kPayloadSize) {
+      device.Note("upload packet " + std::to_string(number) + " refused" + (announced ? "" : ": past the count"));
       Reply(number, kRefused, device);
       return true;
     }

@@ -49,6 +49,7 @@ int main(int argc, char** argv) {
     case ParseOutcome::Run:
       break;
   }
+  for (const std::string& warning : options.warnings) std::cerr << "ferrolt-devsim: " << warning << '\n';
   const auto device = Device::Create(options.device, error);
   if (device == nullptr) return Fail(error, kExitCannotStart);
   SocketServer server(*device, options.server);

@@ -30,7 +30,7 @@ run() {
   (cd "$work" && "$bin/app/ferrolt" "$@")
 }
 
-bash scripts/make-bundle.sh 2.0.0 200000 "$work/bundle.img"
+bash scripts/make-bundle.sh "$work/bundle.img" 2.0.0 200000
 printf 'hello from the PC\n' >"$work/hello.txt"
 
 run upgrade "$work/bundle.img"
@@ -38,7 +38,7 @@ run version
 run startcli
 run cmd "uname -s; ls /tmp"
 run stopcli
-run upload "$work/hello.txt"
+run upload hello.txt  # run() works in $work: the bare name is the name on the device
 run download /tmp/hello.txt "$work/hello-back.txt"
 run logs "$work/logs.zip"
 run startort extmic reboot 5 duration 20

@@ -21,6 +21,7 @@ struct HarnessOptions {
   std::vector<std::pair<std::string, std::string>> faults{};
   std::chrono::seconds cliTimeout{10};
   std::string initialVersion = "1.0.0";
+  bool hostShell = false;
 };
 
 class DeviceHarness {
@@ -32,6 +33,7 @@ class DeviceHarness {
     settings.eventsFile = dir_ / "events.log";
     settings.cliTimeout = options.cliTimeout;
     settings.initialVersion = options.initialVersion;
+    settings.hostShell = options.hostShell;
     for (const auto& [name, value] : options.faults) settings.faults.Add(name, value);
     std::string error;
     device_ = Device::Create(settings, error);

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstring>
 #include <fstream>
 
 #include "tests/devsim/DeviceHarness.h"
@@ -43,15 +45,83 @@ TEST(DeviceVersion, OtherTextsAndBadCrcAreNotAnswered) {
   EXPECT_NE(harness.Events().find("unhandled block 0200000000395665"), std::string::npos);
 }
 
-// Given a device path, the device maps it inside its root or nowhere.
-TEST(DeviceRoot, DevicePathsMapInsideTheRootOrNowhere) {
+// Given links inside the root, a device path resolves with them followed,
+// and every service that takes one refuses a path that leaves the root.
+TEST(DeviceRoot, EveryDevicePathResolvesInsideTheRootOrNowhere) {
+  TempDir outside;
+  std::ofstream(outside / "secret") << "secret";
   DeviceHarness harness;
-  const Device& device = harness.Dev();
+  Device& device = harness.Dev();
   const fs::path root = device.Root();
-  EXPECT_EQ(device.DevicePathToLocal("/tmp/a.txt"), root / "tmp/a.txt");
-  EXPECT_EQ(device.DevicePathToLocal("/var/log/../log/messages"), root / "var/log/messages");
-  for (const char* outside : {"/tmp/../../etc/passwd", "/..", "tmp/relative"})
-    EXPECT_TRUE(device.DevicePathToLocal(outside).empty()) << outside;
+  fs::create_directory_symlink(outside.Path(), root / "tmp/out");
+  fs::create_symlink(outside / "secret", root / "tmp/secret");
+  fs::create_symlink(outside / "missing", root / "tmp/dangling");
+  fs::create_directory_symlink(root / "var/log", root / "tmp/logs");
+  const std::pair<const char*, fs::path> rows[] = {
+      {"/tmp/a.txt", root / "tmp/a.txt"},
+      {"/var/log/../log/messages", root / "var/log/messages"},
+      {"/tmp/logs/messages", root / "var/log/messages"},
+      {"/tmp/../../etc/passwd", {}},
+      {"/..", {}},
+      {"tmp/relative", {}},
+      {"/tmp/out/secret", {}},
+      {"/tmp/out", {}},
+      {"/tmp/secret", {}},
+      {"/tmp/dangling", {}},
+  };
+  harness.Text(kTypeCli, "CLI On");
+  for (const auto& [path, local] : rows) {
+    EXPECT_EQ(device.DevicePathToLocal(path), local) << path;
+    if (!local.empty()) continue;
+    harness.Text(kTypeDownload, std::string("Starting download ") + path);
+    EXPECT_EQ(PayloadText(harness.Drain().at(0)), "starting download 0 0") << path;
+    harness.Text(kTypeCli, std::string("cat ") + path);
+    EXPECT_EQ(OutputOf(harness.CollectCommand(1000ms)), std::string("cat: ") + path + ": No such file or directory\n");
+  }
+}
+
+Block RawBlock(const std::string& text) {
+  Block block{};
+  std::memcpy(block.data(), text.data(), std::min(text.size(), block.size()));
+  return block;
+}
+
+// Given an upload, the device writes only the packets its start announced,
+// into its own /tmp/: a packet number at or past the count, a count that
+// does not fit the size, or a /tmp/ that leads out of the root is refused.
+TEST(DeviceUpload, WritesOnlyAnnouncedPacketsInsideTheRoot) {
+  constexpr uint8_t kAccepted = 0, kRefused = 1, kNoReply = 2;
+  struct Row {
+    const char* start;
+    uint32_t number;
+    uint8_t reply;
+  };
+  const Row rows[] = {
+      {"Starting upload 100 2 f", 1, kAccepted},
+      {"Starting upload 100 2 f", 2, kRefused},
+      {"Starting upload 100 2 f", 0xFFFFFFFF, kRefused},
+      {"Starting upload 100 5000000 f", 4000000, kNoReply},
+      {"Starting upload -5 0 f", 0, kNoReply},
+  };
+  const uint8_t payload[57] = {'x'};
+  for (const Row& row : rows) {
+    DeviceHarness harness;
+    harness.Dev().OnOutBlock(RawBlock(row.start));
+    harness.Dev().OnOutBlock(MakePacket(kTypeUpload, row.number, payload, sizeof payload));
+    const auto replies = harness.Drain();
+    ASSERT_EQ(replies.size(), row.reply == kNoReply ? 0u : 1u) << row.start << " " << row.number;
+    if (row.reply != kNoReply) EXPECT_EQ(PayloadOf(replies[0])[0], row.reply) << row.number;
+    const fs::path partial = harness.Dev().Root() / "tmp/.f.part";
+    EXPECT_LE(fs::exists(partial) ? fs::file_size(partial) : 0, 114u) << row.number;
+  }
+  TempDir outside;
+  DeviceHarness moved;
+  fs::remove_all(moved.Dev().Root() / "tmp");
+  fs::create_directory_symlink(outside.Path(), moved.Dev().Root() / "tmp");
+  moved.Dev().OnOutBlock(RawBlock("Starting upload 1 1 f"));
+  moved.Dev().OnOutBlock(MakePacket(kTypeUpload, 0, payload, 1));
+  moved.Dev().OnOutBlock(RawBlock("Ending upload"));
+  EXPECT_TRUE(fs::is_empty(outside.Path()));
 }
 
 // Given link faults, the device decides when writes complete.

@@ -3,6 +3,7 @@
 // the device from it, frames both ways, link faults, one host at a time; and
 // the program itself, its endpoints, signals and command line.
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -30,6 +31,60 @@ constexpr uint8_t kOutPipe = 0x01;
 constexpr uint8_t kInPipe = 0x81;
 constexpr const char* kDefaultPath =
     "\\\\?\\USB#VID_1209&PID_0001&MI_04#EMULATOR#{A5DCBF10-6530-11D2-901F-00C04FB951ED}";
+
+constexpr auto kQuietWait = 300ms;
+constexpr const char* kTcp = "tcp:";
+
+// The host's end of the emulator link, with every wait bounded. endpoint is
+// a socket path or "tcp:HOST:PORT", as the emulator names it; TCP goes to the
+// port on loopback.
+class HostLink {
+ public:
+  explicit HostLink(const std::string& endpoint) {
+    if (endpoint.rfind(kTcp, 0) == 0) {
+      sockaddr_in address{};
+      address.sin_family = AF_INET;
+      address.sin_port = htons(static_cast<uint16_t>(std::stoi(endpoint.substr(endpoint.rfind(':') + 1))));
+      address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+      Connect(AF_INET, address);
+    } else {
+      sockaddr_un address{};
+      address.sun_family = AF_UNIX;
+      std::strncpy(address.sun_path, endpoint.c_str(), sizeof address.sun_path - 1);
+      Connect(AF_UNIX, address);
+    }
+  }
+  ~HostLink() { close(fd_); }
+
+  bool Connected() const { return connected_; }
+  void Write(const Block& block) {
+    std::string frame = "W" + std::string(reinterpret_cast<const char*>(block.data()), block.size());
+    ASSERT_EQ(send(fd_, frame.data(), frame.size(), MSG_NOSIGNAL), static_cast<ssize_t>(frame.size()));
+  }
+  // Up to count bytes, waiting at most wait for each; fewer when the device
+  // is quiet or gone.
+  std::string Read(size_t count, std::chrono::milliseconds wait) {
+    const timeval limit{wait.count() / 1000, static_cast<suseconds_t>(wait.count() % 1000 * 1000)};
+    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    std::string bytes(count, '\0');
+    const ssize_t got = recv(fd_, bytes.data(), count, MSG_WAITALL);
+    closed_ = got == 0;
+    bytes.resize(got > 0 ? static_cast<size_t>(got) : 0);
+    return bytes;
+  }
+  bool ClosedByDevice() const { return closed_; }
+
+ private:
+  template <typename Address>
+  void Connect(int family, const Address& address) {
+    fd_ = socket(family, SOCK_STREAM, 0);
+    connected_ = connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  }
+
+  int fd_ = -1;
+  bool connected_ = false;
+  bool closed_ = false;
+};
 
 std::unique_ptr<DevsimServer> Start(std::vector<std::string> args = {},
                                     DevsimEndpoint endpoint = DevsimEndpoint::UnixSocket) {
@@ -160,36 +215,55 @@ class DevsimProgram : public ::testing::Test {
   TempDir dir_;
 };
 
-TEST_F(DevsimProgram, SaysWhereItListensAndEndsWithStatusZeroOnSigtermOrSigint) {
+// A socket file nobody listens on, as a run that was killed leaves it.
+void LeaveStaleSocket(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+  const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+  ASSERT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  close(fd);
+}
+
+TEST_F(DevsimProgram, SaysWhereItListensWarnsOfWhatIsOpenAndEndsWithStatusZeroOnSigtermOrSigint) {
   const std::string socketPath = (dir_ / "device.sock").string();
-  const std::vector<std::string> onSocket = {"--socket", socketPath};
-  const std::vector<std::string> onFreeTcpPort = {"--tcp", "127.0.0.1:0"};
-  for (const auto& [endpointArgs, signal] :
-       {std::pair{onSocket, SIGTERM}, std::pair{onSocket, SIGINT}, std::pair{onFreeTcpPort, SIGTERM}}) {
+  struct Row {
+    std::vector<std::string> args;
+    int signal;
+    std::string endpoint;  // how the line names it
+    std::string warning;   // the one line on stderr, if any
+  };
+  const Row rows[] = {
+      {{"--socket", socketPath}, SIGTERM, socketPath, ""},
+      {{"--socket=" + socketPath, "--host-shell"}, SIGINT, socketPath,
+       "ferrolt-devsim: warning: --host-shell: CLI commands run in the host's /bin/sh as this user\n"},
+      {{"--tcp", "127.0.0.1:0", "--idle-limit=5"}, SIGTERM, "tcp:127.0.0.1:", ""},
+      {{"--tcp=0.0.0.0:0", "--listen-any"}, SIGTERM, "tcp:0.0.0.0:",
+       "ferrolt-devsim: warning: listening on 0.0.0.0: other machines can drive the device and read its root "
+       "folder\n"},
+  };
+  LeaveStaleSocket(socketPath);  // the first row replaces it
+  for (const Row& row : rows) {
     ProcessOptions options;
-    options.args = endpointArgs;
+    options.args = row.args;
     options.args.insert(options.args.end(), {"--root", (dir_ / "root").string()});
     Subprocess devsim(DEVSIM_BIN, options);
-    ASSERT_TRUE(devsim.WaitForOutput("\n", 10000ms));
+    ASSERT_TRUE(devsim.WaitForOutput("\n", 10000ms)) << row.args[0];
     const std::string line = devsim.OutSoFar();
     const std::string prefix = "ferrolt-devsim: listening on ";
-    ASSERT_EQ(line.rfind(prefix, 0), 0u) << line;
-    const std::string endpoint = line.substr(prefix.size(), line.size() - prefix.size() - 1);
-    EXPECT_EQ(endpoint.rfind(endpointArgs == onSocket ? socketPath : "tcp:127.0.0.1:", 0), 0u) << endpoint;
-    // A host attached must not hold the exit up.
-    auto host = platform::CreateEmulatorBackend(endpoint);
-    ASSERT_EQ(host->ListInterfaces().paths.size(), 1u);
-    const auto connection = host->Open(kDefaultPath);
-    ASSERT_NE(connection, nullptr);
-    devsim.Signal(signal);
+    ASSERT_EQ(line.rfind(prefix + row.endpoint, 0), 0u) << line;
+    HostLink host(line.substr(prefix.size(), line.size() - prefix.size() - 1));  // must not hold the exit up
+    EXPECT_EQ(host.Read(1, kReplyWait), "H");
+    devsim.Signal(row.signal);
     const auto result = devsim.Wait(5000ms);
-    EXPECT_EQ(result.exitStatus, 0) << signal;
+    EXPECT_EQ(result.exitStatus, 0) << row.args[0];
     EXPECT_EQ(result.out, line);
+    EXPECT_EQ(result.err, row.warning);
     EXPECT_FALSE(std::filesystem::exists(socketPath));
   }
 }
 
-TEST_F(DevsimProgram, BadCommandLinesExitWithStatusTwoAndOneLineAndHelpWithZero) {
+TEST_F(DevsimProgram, BadCommandLinesExitWithOneLineAndHelpWithZero) {
   const auto run = [&](const std::vector<std::string>& args) {
     ProcessOptions options;
     options.args = args;
@@ -197,23 +271,68 @@ TEST_F(DevsimProgram, BadCommandLinesExitWithStatusTwoAndOneLineAndHelpWithZero)
     options.timeout = 5000ms;
     return ferrolt::test::RunProcess(DEVSIM_BIN, options);
   };
-  const std::vector<std::vector<std::string>> bad = {
-      {"--socket", "x.sock"},                                   // no root
-      {"--root", "r"},                                          // no endpoint
-      {"--socket", "x.sock", "--tcp", "h:1", "--root", "r"},    // two endpoints
-      {"--socket", "x.sock", "--root", "r", "--speed", "300"},  // out of range
-      {"--socket", "x.sock", "--root", "r", "--frobnicate"},    // unknown
-      {"--socket", "x.sock", "--root"},                         // missing value
+  const auto live = Start();
+  const std::string faults = "(faults: stall-writes, stall-writes-after=N, delay-writes=MS,";
+  struct Row {
+    std::vector<std::string> args;
+    int status;
+    std::string says;  // part of the one stderr line
   };
-  for (const auto& args : bad) {
-    const auto result = run(args);
-    EXPECT_EQ(result.exitStatus, 2) << args.back();
+  const Row rows[] = {
+      {{"--socket", "x.sock"}, 2, "--root DIR is required"},
+      {{"--root", "r"}, 2, "give exactly one of"},
+      {{"--socket", "x.sock", "--tcp", "h:1", "--root", "r"}, 2, "give exactly one of"},
+      {{"--socket", "x.sock", "--root", "r", "--speed", "300"}, 2, "bad value for --speed: 300"},
+      {{"--socket", "x.sock", "--root", "r", "--speed=300"}, 2, "bad value for --speed: 300"},
+      {{"--socket", "x.sock", "--root", "r", "--frobnicate"}, 2, "unknown option --frobnicate"},
+      {{"--socket", "x.sock", "--root"}, 2, "--root needs a value"},
+      {{"--socket", "x.sock", "--root", "r", "--verbose=1"}, 2, "--verbose takes no value"},
+      {{"--socket", "x.sock", "--root", "r", "--fault", "stall-write"}, 2, "unknown fault stall-write " + faults},
+      {{"--socket", "x.sock", "--root", "r", "--fault=drop-after=two"}, 2, "bad value for fault drop-after: drop-after=N"},
+      {{"--socket", "x.sock", "--root", "r", "--fault", "nack=1,x"}, 2, "bad value for fault nack: nack=LIST " + faults},
+      {{"--socket", "x.sock", "--root", "r", "--fault", "cli-no-end=1"}, 2, "bad value for fault cli-no-end"},
+      {{"--tcp", "0.0.0.0:0", "--root", "r"}, 2, "0.0.0.0 is not a loopback address: add --listen-any"},
+      {{"--socket", "x.sock", "--root", "r", "--listen-any"}, 2, "--listen-any goes with --tcp"},
+      {{"--socket", live->Endpoint(), "--root", "r"}, 1, live->Endpoint() + " is served by another program"},
+  };
+  for (const Row& row : rows) {
+    const auto result = run(row.args);
+    EXPECT_EQ(result.exitStatus, row.status) << row.says;
     EXPECT_EQ(result.out, "");
+    EXPECT_NE(result.err.find(row.says), std::string::npos) << result.err;
     EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
   }
+  EXPECT_EQ(HostLink(live->Endpoint()).Read(1, kReplyWait), "H");  // the live one still serves
   const auto help = run({"--help"});
   EXPECT_EQ(help.exitStatus, 0);
   EXPECT_NE(help.out.find("--fault NAME"), std::string::npos) << help.out;
+}
+
+// Given a host that holds the link without using it, or stops reading what
+// the device sends, it is dropped after the idle limit and the next host is
+// served.
+TEST_F(DevsimProgram, AnIdleOrNonReadingHostIsDroppedAfterTheIdleLimit) {
+  TempDir root;
+  std::filesystem::create_directories(root / "tmp");
+  ferrolt::test::WriteFile(root / "tmp/big", std::string(size_t{4} << 20, 'b'));
+  const auto server = std::make_unique<DevsimServer>(std::vector<std::string>{"--idle-limit", "1"}, root.Path());
+  const std::pair<bool, std::string> rows[] = {
+      {false, "link: idle for 1 s, dropping it"},
+      {true, "link: the host has read nothing for 1 s, dropping it"},
+  };
+  for (const auto& [asksForAFile, note] : rows) {
+    HostLink first(server->Endpoint());
+    if (asksForAFile) {
+      first.Write(MakeTextPacket(kTypeDownload, "Starting download /tmp/big"));
+    } else {
+      ASSERT_EQ(first.Read(8, kReplyWait).size(), 8u);
+    }
+    const auto start = std::chrono::steady_clock::now();
+    HostLink next(server->Endpoint());
+    EXPECT_EQ(next.Read(8, 10000ms).size(), 8u) << note;
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 500ms) << note;
+    EXPECT_NE(server->Events().find(note), std::string::npos) << server->Events();
+  }
 }
 
 }  // namespace
