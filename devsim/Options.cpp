@@ -5,6 +5,7 @@
 #include <functional>
 #include <limits>
 #include <map>
+#include <string_view>
 
 #include "devsim/DeviceLimits.h"
 
@@ -24,6 +25,10 @@ constexpr FaultHelp kFaultHelp[] = {
     {"delay-writes=MS", "report each write completed MS milliseconds late"},
     {"drop-after=N", "close the host link after its N-th OUT block, before completing it"},
     {"delay-replies=MS", "hold each IN block back MS milliseconds"},
+    // The USB fronts: numbers count OUT transfers over the device's life.
+    {"stall-out=N", "USB: answer OUT transfer N with a STALL (until the host clears it)"},
+    {"unplug-at-out=N", "USB: unplug the device as it is offered OUT transfer N"},
+    {"replug-after=MS", "usbredir: plug the device back in MS milliseconds after an unplug"},
     // The device: numbers count OUT blocks over its whole life.
     {"pause-writes-after=N", "after N OUT blocks, take none for a while (NAK them), once"},
     {"pause-writes-for=MS", "how long that pause lasts (default 2000)"},
@@ -51,16 +56,21 @@ constexpr FaultHelp kFaultHelp[] = {
 };
 
 constexpr const char* kUsageHead =
-    "Usage: ferrolt-devsim (--socket PATH | --tcp HOST:PORT) --root DIR [options]\n"
+    "Usage: ferrolt-devsim (--socket PATH | --tcp HOST:PORT | --usbredir ENDPOINT)\n"
+    "                      --root DIR [options]\n"
     "\n"
     "Plays the device on the emulator link, one host link at a time. Point the\n"
     "tool at it with FERROLT_EMULATOR=PATH or FERROLT_EMULATOR=tcp:HOST:PORT.\n"
+    "With --usbredir it is a USB device instead, for one virtual machine at a time\n"
+    "(QEMU: -chardev socket,id=r,path=PATH -device usb-redir,chardev=r).\n"
     "Prints \"ferrolt-devsim: listening on ENDPOINT\" once it listens; SIGTERM or\n"
     "SIGINT ends it (exit status 0). Bad options: exit status 2.\n"
     "\n"
     "Endpoint:\n"
     "  --socket PATH         Unix-domain socket (a stale socket file is replaced)\n"
     "  --tcp HOST:PORT       TCP endpoint; port 0 picks a free port\n"
+    "  --usbredir ENDPOINT   usbredir USB device on a Unix socket PATH or on\n"
+    "                        tcp:HOST:PORT (give 127.0.0.1 to stay on this machine)\n"
     "Device state:\n"
     "  --root DIR            the device's folder, created if missing: version,\n"
     "                        cli-mode, tmp/ (the device's /tmp/), var/log/\n"
@@ -88,13 +98,22 @@ bool ParseInteger(const std::string& text, long long low, long long high, long l
   return ParseNumber(text, value) && value >= low && value <= high;
 }
 
-bool ParseTcp(const std::string& text, ServerSettings& server) {
+bool ParseTcp(const std::string& text, ListenAddress& address) {
   const size_t colon = text.rfind(':');
   long long port = 0;
   if (colon == std::string::npos || colon == 0 || !ParseInteger(text.substr(colon + 1), 0, 65535, port)) return false;
-  server.tcpHost = text.substr(0, colon);
-  server.tcpPort = static_cast<int>(port);
+  address.tcpHost = text.substr(0, colon);
+  address.tcpPort = static_cast<int>(port);
   return true;
+}
+
+// The usbredir front's "PATH" or "tcp:HOST:PORT".
+bool ParseUsbredir(const std::string& text, Options& options) {
+  constexpr std::string_view kTcpPrefix = "tcp:";
+  options.usbredir = true;
+  if (text.rfind(kTcpPrefix, 0) == 0) return ParseTcp(text.substr(kTcpPrefix.size()), options.server.address);
+  options.server.address.socketPath = text;
+  return !text.empty();
 }
 
 bool ParseFault(const std::string& text, FaultPlan& faults) {
@@ -122,8 +141,9 @@ ValueHandler Integer(long long low, long long high, Field field) {
 const std::map<std::string, ValueHandler>& ValueOptions() {
   constexpr long long kMaxU8 = 255, kMaxU16 = 65535, kMaxSeconds = 24 * 3600;
   static const std::map<std::string, ValueHandler> handlers = {
-      {"--socket", [](const std::string& v, Options& o) { o.server.socketPath = v; return !v.empty(); }},
-      {"--tcp", [](const std::string& v, Options& o) { return ParseTcp(v, o.server); }},
+      {"--socket", [](const std::string& v, Options& o) { o.server.address.socketPath = v; return !v.empty(); }},
+      {"--tcp", [](const std::string& v, Options& o) { return ParseTcp(v, o.server.address); }},
+      {"--usbredir", ParseUsbredir},
       {"--root", [](const std::string& v, Options& o) { o.device.root = v; return !v.empty(); }},
       {"--record", [](const std::string& v, Options& o) { o.device.recordFile = v; return !v.empty(); }},
       {"--events", [](const std::string& v, Options& o) { o.device.eventsFile = v; return !v.empty(); }},
@@ -141,11 +161,9 @@ const std::map<std::string, ValueHandler>& ValueOptions() {
   return handlers;
 }
 
-bool CheckComplete(const Options& options, std::string& error) {
-  const bool onSocket = !options.server.socketPath.empty();
-  const bool tcp = options.server.tcpPort >= 0;
-  if (onSocket == tcp) {
-    error = "give exactly one of --socket PATH and --tcp HOST:PORT";
+bool CheckComplete(const Options& options, int endpoints, std::string& error) {
+  if (endpoints != 1) {
+    error = "give exactly one of --socket PATH, --tcp HOST:PORT and --usbredir ENDPOINT";
   } else if (options.device.root.empty()) {
     error = "--root DIR is required";
   }
@@ -156,6 +174,7 @@ bool CheckComplete(const Options& options, std::string& error) {
 
 ParseOutcome ParseOptions(const std::vector<std::string>& args, Options& options, std::string& error) {
   options.device.cliTimeout = limits::kDefaultCliTimeout;
+  int endpoints = 0;  // --socket, --tcp and --usbredir given
   for (size_t i = 0; i < args.size(); ++i) {
     const std::string& arg = args[i];
     if (arg == "-h" || arg == "--help") return ParseOutcome::Help;
@@ -168,6 +187,7 @@ ParseOutcome ParseOptions(const std::vector<std::string>& args, Options& options
       error = "unknown option " + arg;
       return ParseOutcome::Error;
     }
+    if (arg == "--socket" || arg == "--tcp" || arg == "--usbredir") ++endpoints;
     if (i + 1 >= args.size()) {
       error = arg + " needs a value";
       return ParseOutcome::Error;
@@ -177,7 +197,7 @@ ParseOutcome ParseOptions(const std::vector<std::string>& args, Options& options
       return ParseOutcome::Error;
     }
   }
-  return CheckComplete(options, error) ? ParseOutcome::Run : ParseOutcome::Error;
+  return CheckComplete(options, endpoints, error) ? ParseOutcome::Run : ParseOutcome::Error;
 }
 
 std::string UsageText() {

@@ -10,6 +10,8 @@
 #include <string>
 
 #include "devsim/Device.h"
+#include "devsim/Front.h"
+#include "devsim/Listener.h"
 
 namespace ferrolt::devsim {
 
@@ -26,44 +28,31 @@ struct LinkHello {
 };
 
 struct ServerSettings {
-  std::string socketPath;  // a Unix socket, or
-  std::string tcpHost;     // a TCP endpoint (port 0: any free port)
-  int tcpPort = -1;
+  ListenAddress address;
   LinkHello hello;
 };
 
-class SocketServer {
+class SocketServer final : public Front {
  public:
   SocketServer(Device& device, const ServerSettings& settings);
-  ~SocketServer();  // closes the sockets and removes the Unix socket file
   SocketServer(const SocketServer&) = delete;
   SocketServer& operator=(const SocketServer&) = delete;
 
-  // Binds and listens; false with error set when that fails.
-  bool Listen(std::string& error);
-  // "PATH" or "tcp:HOST:PORT" with the port actually bound.
-  std::string Endpoint() const;
-  // Serves host links until RequestStop.
-  void Serve();
-  // Ends Serve soon; async-signal-safe, callable from any thread.
-  void RequestStop();
+  // Front
+  bool Listen(std::string& error) override { return listener_.Listen(error); }
+  std::string Endpoint() const override { return listener_.Endpoint(); }
+  void Serve() override;  // one host link at a time
+  void RequestStop() override { listener_.RequestStop(); }
 
  private:
-  bool ListenUnix(std::string& error);
-  bool ListenTcp(std::string& error);
-  int AcceptHost();
   void ServeLink(int connection);
   // False when the link must close (the host left, a bad frame, a failed send).
   bool ReadFrames(int connection, std::string& pending);
   bool SendDue(int connection);
-  int PollTimeoutMs() const;
-  bool StopRequested() const;
 
   Device& device_;
   ServerSettings settings_;
-  int listenFd_ = -1;
-  int wakeFds_[2] = {-1, -1};
-  int boundPort_ = -1;
+  Listener listener_;
 };
 
 }  // namespace ferrolt::devsim
