@@ -81,7 +81,7 @@ constexpr const char* kUsageHead =
     "  --record FILE         every OUT block received, 64 raw bytes each\n"
     "  --events FILE         one line per thing the device did\n"
     "  --verbose             event lines also on standard error\n"
-    "Hello announced to the host:\n"
+    "Hello announced to the host (with --usbredir, the USB device they describe):\n"
     "  --vendor-id ID        USB vendor id, hex (0x...) or decimal (default %#06x)\n"
     "  --product-id ID       USB product id (default %#06x)\n"
     "  --interface N         interface number (default 4)\n"

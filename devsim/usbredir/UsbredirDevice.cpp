@@ -170,6 +170,8 @@ void UsbredirDevice::OnControl(void* self, uint64_t id, usb_redir_control_packet
   UsbredirDevice& device = Self(self);
   usbredirparser_free_packet_data(device.parser_, data);
   (void)length;
+  // Sent before the peer learnt of an unplug: there is no device to answer.
+  if (!device.attached_) return;
   std::vector<uint8_t> reply;
   bool answered = false;
   switch (header->requesttype & kRequestTypeMask) {
@@ -249,9 +251,11 @@ void UsbredirDevice::OnBulk(void* self, uint64_t id, usb_redir_bulk_packet_heade
                             int length) {
   UsbredirDevice& device = Self(self);
   const uint32_t requested = header->length | (static_cast<uint32_t>(header->length_high) << 16);
-  if (header->endpoint == kBulkOutEndpoint) {
+  if (!device.attached_) {
+    // Sent before the peer learnt of an unplug: it fails the transfer itself.
+  } else if (header->endpoint == kBulkOutEndpoint) {
     OutTransfer transfer{id, {}, static_cast<uint32_t>(length)};
-    std::memcpy(transfer.block.data(), data, std::min<size_t>(static_cast<size_t>(length), kBlockBytes));
+    if (length > 0) std::memcpy(transfer.block.data(), data, std::min<size_t>(static_cast<size_t>(length), kBlockBytes));
     device.outQueue_.push_back(transfer);
   } else if (header->endpoint == kBulkInEndpoint) {
     device.awaitingData_.push_back({id, requested});

@@ -183,6 +183,10 @@ TEST_F(DevsimProgram, BadCommandLinesExitWithStatusTwoAndOneLineAndHelpWithZero)
       {"--socket", "x.sock", "--root", "r", "--speed", "300"},  // out of range
       {"--socket", "x.sock", "--root", "r", "--frobnicate"},    // unknown
       {"--socket", "x.sock", "--root"},                         // missing value
+      {"--usbredir", "x.sock", "--usbredir", "y.sock", "--root", "r"},  // two endpoints
+      {"--usbredir", "tcp:127.0.0.1", "--root", "r"},                   // no port
+      {"--usbredir", "x.sock", "--root", "r", "--speed", "7"},          // no USB speed
+      {"--usbredir", "x.sock", "--root", "r", "--state", "4"},          // not a USB state
   };
   for (const auto& args : bad) {
     const auto result = run(args);

@@ -44,6 +44,8 @@ std::vector<Phase> Phases() {
       {{},
        "file speed /sys/bus/usb/devices/1-1/speed\n"
        "file interface /sys/bus/usb/devices/1-1:1.4/bInterfaceNumber\n"
+       "check strings cat /sys/bus/usb/devices/1-1/manufacturer /sys/bus/usb/devices/1-1/product "
+       "/sys/bus/usb/devices/1-1/serial\n"
        "check version ferrolt version\n"
        "check startcli ferrolt startcli\n"
        "check echo ferrolt cmd 'echo hello'\n"
@@ -166,13 +168,14 @@ class KernelGuestTest : public testing::Test {
 // prints what it prints over the other transports, and files arrive whole.
 TEST_F(KernelGuestTest, TheToolWorksThroughARealKernel) {
   const GuestReport report = RunGuest();
-  ASSERT_EQ(report.checks.size(), 11u) << report.console;
+  ASSERT_EQ(report.checks.size(), 12u) << report.console;
   for (const auto& [name, check] : report.checks) EXPECT_EQ(check.status, 0) << name << "\n" << check.err;
   auto out = [&](const std::string& name) { return report.checks.at(name).out; };
 
-  // Discovery: the high-speed device and its interface 4.
+  // Discovery: the high-speed device, its strings and its interface 4.
   EXPECT_EQ(report.files.at("speed"), "480\n");
   EXPECT_EQ(report.files.at("interface"), "04\n");
+  EXPECT_EQ(out("strings"), "ferrolt\nferrolt-devsim emulated device\nDEVSIM0001\n");
   EXPECT_EQ(out("version"), VersionLines(kQuiet, kVersion));
   EXPECT_EQ(out("startcli"), StartCliLines());
   EXPECT_EQ(out("echo"), EchoHelloLines());
