@@ -138,8 +138,9 @@ std::vector<uint8_t> DeviceDescriptorOf(const UsbDeviceModel& model) {
 }
 
 std::vector<uint8_t> ConfigDescriptorOf(const UsbDeviceModel& model) {
-  std::vector<uint8_t> bytes = {kConfigDescriptorLength, kConfigDescriptorType, 0, 0, model.interfaceCount,
-                                kConfigurationValue, 0, kBusPowered, kMaxPowerIn2mA};
+  std::vector<uint8_t> bytes = {kConfigDescriptorLength, kConfigDescriptorType, 0, 0,
+                                model.interfaceCount,    kConfigurationValue,   0, kBusPowered,
+                                kMaxPowerIn2mA};
   AppendInterfaces(model, bytes);
   PatchLength(bytes, 0, 2);
   return bytes;

@@ -247,15 +247,15 @@ std::optional<std::vector<uint8_t>> UsbredirDevice::Descriptor(uint16_t value) c
   }
 }
 
-void UsbredirDevice::OnBulk(void* self, uint64_t id, usb_redir_bulk_packet_header* header, uint8_t* data,
-                            int length) {
+void UsbredirDevice::OnBulk(void* self, uint64_t id, usb_redir_bulk_packet_header* header, uint8_t* data, int length) {
   UsbredirDevice& device = Self(self);
   const uint32_t requested = header->length | (static_cast<uint32_t>(header->length_high) << 16);
   if (!device.attached_) {
     // Sent before the peer learnt of an unplug: it fails the transfer itself.
   } else if (header->endpoint == kBulkOutEndpoint) {
     OutTransfer transfer{id, {}, static_cast<uint32_t>(length)};
-    if (length > 0) std::memcpy(transfer.block.data(), data, std::min<size_t>(static_cast<size_t>(length), kBlockBytes));
+    if (length > 0)
+      std::memcpy(transfer.block.data(), data, std::min<size_t>(static_cast<size_t>(length), kBlockBytes));
     device.outQueue_.push_back(transfer);
   } else if (header->endpoint == kBulkInEndpoint) {
     device.awaitingData_.push_back({id, requested});
@@ -265,8 +265,7 @@ void UsbredirDevice::OnBulk(void* self, uint64_t id, usb_redir_bulk_packet_heade
   usbredirparser_free_packet_data(device.parser_, data);
 }
 
-void UsbredirDevice::AnswerBulk(uint64_t id, uint8_t endpoint, uint8_t status, const uint8_t* data,
-                                uint32_t length) {
+void UsbredirDevice::AnswerBulk(uint64_t id, uint8_t endpoint, uint8_t status, const uint8_t* data, uint32_t length) {
   usb_redir_bulk_packet_header header{};
   header.endpoint = endpoint;
   header.status = status;
@@ -298,8 +297,7 @@ void UsbredirDevice::Cancel(uint64_t id) {
     awaitingData_.erase(in);
     return AnswerBulk(id, kBulkInEndpoint, usb_redir_cancelled, nullptr, 0);
   }
-  const auto answered =
-      std::find_if(answeredIn_.begin(), answeredIn_.end(), [&](const auto& t) { return t.id == id; });
+  const auto answered = std::find_if(answeredIn_.begin(), answeredIn_.end(), [&](const auto& t) { return t.id == id; });
   if (answered == answeredIn_.end()) return;
   device_.ReturnInBlocks(answered->blocks);
   answeredIn_.erase(answered);
@@ -439,8 +437,8 @@ int UsbredirDevice::PollTimeoutMs() const {
   std::optional<std::chrono::milliseconds> wait;
   if (attached_) wait = device_.TimeUntilNeeded(!awaitingData_.empty());
   if (replugAt_) {
-    const auto untilReplug = std::max(std::chrono::milliseconds(0),
-                                      std::chrono::ceil<std::chrono::milliseconds>(*replugAt_ - Clock::now()));
+    const auto untilReplug =
+        std::max(std::chrono::milliseconds(0), std::chrono::ceil<std::chrono::milliseconds>(*replugAt_ - Clock::now()));
     if (!wait || untilReplug < *wait) wait = untilReplug;
   }
   return wait ? static_cast<int>(wait->count()) : -1;

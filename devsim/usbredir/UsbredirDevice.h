@@ -10,13 +10,13 @@
 // One thread: the server's, which serves one connection at a time.
 #pragma once
 
+#include <usbredirparser.h>
+
 #include <chrono>
 #include <cstdint>
 #include <deque>
 #include <optional>
 #include <vector>
-
-#include <usbredirparser.h>
 
 #include "devsim/Device.h"
 #include "devsim/UsbDeviceModel.h"

@@ -18,8 +18,8 @@ namespace ferrolt::devsim {
 class UsbredirServer final : public Front {
  public:
   // Null, with error set, when the hello settings have no USB form.
-  static std::unique_ptr<UsbredirServer> Create(Device& device, const ServerSettings& settings,
-                                                const FaultPlan& faults, std::string& error);
+  static std::unique_ptr<UsbredirServer> Create(Device& device, const ServerSettings& settings, const FaultPlan& faults,
+                                                std::string& error);
 
   // Front
   bool Listen(std::string& error) override { return listener_.Listen(error); }
@@ -28,8 +28,7 @@ class UsbredirServer final : public Front {
   void RequestStop() override { listener_.RequestStop(); }
 
  private:
-  UsbredirServer(Device& device, const ServerSettings& settings, const UsbDeviceModel& model,
-                 const UsbFaults& faults);
+  UsbredirServer(Device& device, const ServerSettings& settings, const UsbDeviceModel& model, const UsbFaults& faults);
 
   Listener listener_;
   UsbredirDevice usb_;

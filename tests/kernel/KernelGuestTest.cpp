@@ -102,7 +102,8 @@ GuestReport Parse(const std::string& console) {
     if (kind != "@@check" || second.rfind("out=", 0) != 0) continue;
     std::string err;
     words >> err;
-    report.checks[name] = {std::stoi(first), FromHex(second.substr(4)), FromHex(err.substr(std::min<size_t>(4, err.size())))};
+    report.checks[name] = {std::stoi(first), FromHex(second.substr(4)),
+                           FromHex(err.substr(std::min<size_t>(4, err.size())))};
   }
   return report;
 }
