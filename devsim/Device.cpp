@@ -201,13 +201,30 @@ std::optional<Block> Device::PopInBlock() {
   return block;
 }
 
-std::optional<Device::Clock::time_point> Device::NextDue() const {
+void Device::ReturnInBlocks(const std::vector<Block>& blocks) {
+  const Clock::time_point now = Clock::now();
+  for (auto block = blocks.rbegin(); block != blocks.rend(); ++block) inQueue_.push_front({now, *block});
+  Note("returned " + std::to_string(blocks.size()) + " IN blocks the host dropped");
+}
+
+std::optional<Device::Clock::time_point> Device::NextDue(bool inBlocksWanted) const {
   std::optional<Clock::time_point> next;
   if (!completions_.empty()) next = completions_.front();
-  if (!inQueue_.empty() && (!next || inQueue_.front().due < *next)) next = inQueue_.front().due;
+  if (inBlocksWanted && !inQueue_.empty() && (!next || inQueue_.front().due < *next)) next = inQueue_.front().due;
   // Whoever holds blocks back until the pause ends is woken for it.
   if (!TakesOutBlocks() && (!next || *pauseEnds_ < *next)) next = *pauseEnds_;
   return next;
+}
+
+std::optional<std::chrono::milliseconds> Device::TimeUntilNeeded(bool inBlocksWanted) const {
+  using std::chrono::milliseconds;
+  std::optional<milliseconds> wait;
+  if (Busy()) wait = limits::kBusyPollInterval;
+  if (const auto due = NextDue(inBlocksWanted)) {
+    const auto untilDue = std::max(milliseconds(0), std::chrono::ceil<milliseconds>(*due - Clock::now()));
+    if (!wait || untilDue < *wait) wait = untilDue;
+  }
+  return wait;
 }
 
 void Device::Send(const Block& block) { inQueue_.push_back({Clock::now() + linkFaults_.ReplyDelay(), block}); }

@@ -61,8 +61,15 @@ class Device final : public DeviceContext {
   size_t TakeDueCompletions();
   // The oldest IN block, once it is due.
   std::optional<Block> PopInBlock();
-  // The earliest time a completion or IN block falls due, if any is pending.
-  std::optional<Clock::time_point> NextDue() const;
+  // Blocks popped for the host that never reached it (the host dropped the
+  // transfer that carried them): back to the front of the queue, in order.
+  void ReturnInBlocks(const std::vector<Block>& blocks);
+  // The earliest time a completion or IN block falls due, if any is pending;
+  // IN blocks count only while the host wants them.
+  std::optional<Clock::time_point> NextDue(bool inBlocksWanted = true) const;
+  // How long its transport may leave the device alone (a service is busy, or
+  // a completion or IN block falls due); none: until the host sends something.
+  std::optional<std::chrono::milliseconds> TimeUntilNeeded(bool inBlocksWanted = true) const;
   // True once the device has decided to drop the current host link.
   bool DropRequested() const { return dropRequested_; }
 

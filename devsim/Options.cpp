@@ -5,6 +5,7 @@
 #include <functional>
 #include <limits>
 #include <map>
+#include <string_view>
 
 #include "devsim/DeviceLimits.h"
 
@@ -24,6 +25,10 @@ constexpr FaultHelp kFaultHelp[] = {
     {"delay-writes=MS", "report each write completed MS milliseconds late"},
     {"drop-after=N", "close the host link after its N-th OUT block, before completing it"},
     {"delay-replies=MS", "hold each IN block back MS milliseconds"},
+    // The USB fronts: numbers count OUT transfers over the device's life.
+    {"stall-out=N", "USB: answer OUT transfer N with a STALL (until the host clears it)"},
+    {"unplug-at-out=N", "USB: unplug the device as it is offered OUT transfer N"},
+    {"replug-after=MS", "usbredir: plug the device back in MS milliseconds after an unplug"},
     // The device: numbers count OUT blocks over its whole life.
     {"pause-writes-after=N", "after N OUT blocks, take none for a while (NAK them), once"},
     {"pause-writes-for=MS", "how long that pause lasts (default 2000)"},
@@ -51,10 +56,13 @@ constexpr FaultHelp kFaultHelp[] = {
 };
 
 constexpr const char* kUsageHead =
-    "Usage: ferrolt-devsim (--socket PATH | --tcp HOST:PORT) --root DIR [options]\n"
+    "Usage: ferrolt-devsim (--socket PATH | --tcp HOST:PORT | --usbredir ENDPOINT)\n"
+    "                      --root DIR [options]\n"
     "\n"
     "Plays the device on the emulator link, one host link at a time. Point the\n"
     "tool at it with FERROLT_EMULATOR=PATH or FERROLT_EMULATOR=tcp:HOST:PORT.\n"
+    "With --usbredir it is a USB device instead, for one virtual machine at a time\n"
+    "(QEMU: -chardev socket,id=r,path=PATH -device usb-redir,chardev=r).\n"
     "Prints \"ferrolt-devsim: listening on ENDPOINT\" once it listens; SIGTERM or\n"
     "SIGINT ends it (exit status 0). Bad options: exit status 2.\n"
     "\n"
@@ -63,8 +71,10 @@ constexpr const char* kUsageHead =
     "                        one another program listens on is not)\n"
     "  --tcp HOST:PORT       TCP endpoint on a loopback address; port 0 picks a\n"
     "                        free port\n"
-    "  --listen-any          let --tcp take any address: other machines can then\n"
-    "                        drive the device (a warning says so)\n"
+    "  --usbredir ENDPOINT   usbredir USB device on a Unix socket PATH or on\n"
+    "                        tcp:HOST:PORT (a loopback address, as --tcp)\n"
+    "  --listen-any          let a TCP endpoint take any address: other machines\n"
+    "                        can then drive the device (a warning says so)\n"
     "  --idle-limit SECS     drop a host link when nothing has moved on it, or it\n"
     "                        has not read what it was sent, for SECS seconds\n"
     "                        (default %lld)\n"
@@ -82,7 +92,7 @@ constexpr const char* kUsageHead =
     "  --record FILE         every OUT block received, 64 raw bytes each\n"
     "  --events FILE         one line per thing the device did\n"
     "  --verbose             event lines also on standard error\n"
-    "Hello announced to the host:\n"
+    "Hello announced to the host (with --usbredir, the USB device they describe):\n"
     "  --vendor-id ID        USB vendor id, hex (0x...) or decimal (default %#06x)\n"
     "  --product-id ID       USB product id (default %#06x)\n"
     "  --interface N         interface number (default 4)\n"
@@ -101,13 +111,22 @@ bool ParseInteger(const std::string& text, long long low, long long high, long l
   return ParseNumber(text, value) && value >= low && value <= high;
 }
 
-bool ParseTcp(const std::string& text, ServerSettings& server) {
+bool ParseTcp(const std::string& text, ListenAddress& address) {
   const size_t colon = text.rfind(':');
   long long port = 0;
   if (colon == std::string::npos || colon == 0 || !ParseInteger(text.substr(colon + 1), 0, 65535, port)) return false;
-  server.tcpHost = text.substr(0, colon);
-  server.tcpPort = static_cast<int>(port);
+  address.tcpHost = text.substr(0, colon);
+  address.tcpPort = static_cast<int>(port);
   return true;
+}
+
+// The usbredir front's "PATH" or "tcp:HOST:PORT".
+bool ParseUsbredir(const std::string& text, Options& options) {
+  constexpr std::string_view kTcpPrefix = "tcp:";
+  options.usbredir = true;
+  if (text.rfind(kTcpPrefix, 0) == 0) return ParseTcp(text.substr(kTcpPrefix.size()), options.server.address);
+  options.server.address.socketPath = text;
+  return !text.empty();
 }
 
 // A fault's value, as its help name shows it: none, one number ("=N",
@@ -167,8 +186,9 @@ ValueHandler Integer(long long low, long long high, Field field) {
 const std::map<std::string, ValueHandler>& ValueOptions() {
   constexpr long long kMaxU8 = 255, kMaxU16 = 65535, kMaxSeconds = 24 * 3600;
   static const std::map<std::string, ValueHandler> handlers = {
-      {"--socket", [](const std::string& v, Options& o) { o.server.socketPath = v; return !v.empty(); }},
-      {"--tcp", [](const std::string& v, Options& o) { return ParseTcp(v, o.server); }},
+      {"--socket", [](const std::string& v, Options& o) { o.server.address.socketPath = v; return !v.empty(); }},
+      {"--tcp", [](const std::string& v, Options& o) { return ParseTcp(v, o.server.address); }},
+      {"--usbredir", ParseUsbredir},
       {"--root", [](const std::string& v, Options& o) { o.device.root = v; return !v.empty(); }},
       {"--record", [](const std::string& v, Options& o) { o.device.recordFile = v; return !v.empty(); }},
       {"--events", [](const std::string& v, Options& o) { o.device.eventsFile = v; return !v.empty(); }},
@@ -199,21 +219,21 @@ const std::map<std::string, void (*)(Options&)>& FlagOptions() {
 
 // The endpoint and root are given, and nothing is reachable from outside
 // unless the user said so (then warnings say what is open).
-bool CheckComplete(Options& options, std::string& error) {
-  const bool onSocket = !options.server.socketPath.empty();
-  const bool tcp = options.server.tcpPort >= 0;
-  const bool loopback = tcp && IsLoopbackHost(options.server.tcpHost);
-  if (onSocket == tcp) {
-    error = "give exactly one of --socket PATH and --tcp HOST:PORT";
+bool CheckComplete(Options& options, int endpoints, std::string& error) {
+  const ListenAddress& address = options.server.address;
+  const bool tcp = address.tcpPort >= 0;
+  const bool loopback = tcp && IsLoopbackHost(address.tcpHost);
+  if (endpoints != 1) {
+    error = "give exactly one of --socket PATH, --tcp HOST:PORT and --usbredir ENDPOINT";
   } else if (options.device.root.empty()) {
     error = "--root DIR is required";
   } else if (options.server.listenAny && !tcp) {
-    error = "--listen-any goes with --tcp";
+    error = "--listen-any goes with a TCP endpoint";
   } else if (tcp && !loopback && !options.server.listenAny) {
-    error = options.server.tcpHost + " is not a loopback address: add --listen-any to let other machines in";
+    error = address.tcpHost + " is not a loopback address: add --listen-any to let other machines in";
   }
   if (tcp && !loopback && options.server.listenAny) {
-    options.warnings.push_back("warning: listening on " + options.server.tcpHost +
+    options.warnings.push_back("warning: listening on " + address.tcpHost +
                                ": other machines can drive the device and read its root folder");
   }
   if (options.device.hostShell) {
@@ -226,6 +246,7 @@ bool CheckComplete(Options& options, std::string& error) {
 
 ParseOutcome ParseOptions(const std::vector<std::string>& args, Options& options, std::string& error) {
   options.device.cliTimeout = limits::kDefaultCliTimeout;
+  int endpoints = 0;  // --socket, --tcp and --usbredir given
   for (size_t i = 0; i < args.size(); ++i) {
     const std::string& arg = args[i];
     if (arg == "-h" || arg == "--help") return ParseOutcome::Help;
@@ -245,6 +266,7 @@ ParseOutcome ParseOptions(const std::vector<std::string>& args, Options& options
       error = "unknown option " + name;
       return ParseOutcome::Error;
     }
+    if (name == "--socket" || name == "--tcp" || name == "--usbredir") ++endpoints;
     if (equals == std::string::npos && i + 1 >= args.size()) {
       error = name + " needs a value";
       return ParseOutcome::Error;
@@ -256,7 +278,7 @@ ParseOutcome ParseOptions(const std::vector<std::string>& args, Options& options
       return ParseOutcome::Error;
     }
   }
-  return CheckComplete(options, error) ? ParseOutcome::Run : ParseOutcome::Error;
+  return CheckComplete(options, endpoints, error) ? ParseOutcome::Run : ParseOutcome::Error;
 }
 
 std::string UsageText() {

@@ -12,6 +12,7 @@ namespace ferrolt::devsim {
 struct Options {
   DeviceSettings device;
   ServerSettings server;
+  bool usbredir = false;  // the usbredir front serves the device, not the socket server
   // Lines for standard error: what the options leave open.
   std::vector<std::string> warnings;
 };

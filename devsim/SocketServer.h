@@ -2,8 +2,7 @@
 // TCP endpoint, one host link (connection) at a time. On each connection it
 // sends the hello, then moves frames: 'W' + 64 bytes from the host become
 // OUT blocks of the device; the device's write completions go back as 'A'
-// and its IN blocks as 'R' + 64 bytes. A host that leaves its link idle, or
-// stops reading, is dropped after the idle limit, so the next one is served.
+// and its IN blocks as 'R' + 64 bytes.
 #pragma once
 
 #include <array>
@@ -13,6 +12,8 @@
 
 #include "devsim/Device.h"
 #include "devsim/DeviceLimits.h"
+#include "devsim/Front.h"
+#include "devsim/Listener.h"
 
 namespace ferrolt::devsim {
 
@@ -31,37 +32,25 @@ struct LinkHello {
 };
 
 struct ServerSettings {
-  std::string socketPath;  // a Unix socket, or
-  std::string tcpHost;     // a TCP endpoint (port 0: any free port)
-  int tcpPort = -1;
+  ListenAddress address;
   bool listenAny = false;  // the TCP host may be other than loopback
   std::chrono::seconds idleLimit = limits::kDefaultIdleLimit;
   LinkHello hello;
 };
 
-// True when every address host names is a loopback one.
-bool IsLoopbackHost(const std::string& host);
-
-class SocketServer {
+class SocketServer final : public Front {
  public:
   SocketServer(Device& device, const ServerSettings& settings);
-  ~SocketServer();  // closes the sockets and removes the Unix socket file
   SocketServer(const SocketServer&) = delete;
   SocketServer& operator=(const SocketServer&) = delete;
 
-  // Binds and listens; false with error set when that fails.
-  bool Listen(std::string& error);
-  // "PATH" or "tcp:HOST:PORT" with the port actually bound.
-  std::string Endpoint() const;
-  // Serves host links until RequestStop.
-  void Serve();
-  // Ends Serve soon; async-signal-safe, callable from any thread.
-  void RequestStop();
+  // Front
+  bool Listen(std::string& error) override { return listener_.Listen(error); }
+  std::string Endpoint() const override { return listener_.Endpoint(); }
+  void Serve() override;  // one host link at a time
+  void RequestStop() override { listener_.RequestStop(); }
 
  private:
-  bool ListenUnix(std::string& error);
-  bool ListenTcp(std::string& error);
-  int AcceptHost();
   void ServeLink(int connection);
   // False when the link must close (the host left, a bad frame, a failed send).
   // moved is set when bytes came or went.
@@ -69,15 +58,12 @@ class SocketServer {
   bool SendDue(int connection, bool& moved);
   // Every byte, unless the host takes none for the idle limit or a stop is
   // requested.
-  bool SendAll(int connection, const char* data, size_t size);
+  bool SendWithinIdleLimit(int connection, const char* data, size_t size);
   int PollTimeoutMs(Device::Clock::time_point idleDeadline) const;
-  bool StopRequested() const;
 
   Device& device_;
   ServerSettings settings_;
-  int listenFd_ = -1;
-  int wakeFds_[2] = {-1, -1};
-  int boundPort_ = -1;
+  Listener listener_;
 };
 
 }  // namespace ferrolt::devsim

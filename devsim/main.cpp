@@ -4,17 +4,21 @@
 
 #include <cstdio>
 #include <iostream>
+#include <memory>
 
 #include "devsim/Device.h"
 #include "devsim/Options.h"
 #include "devsim/SocketServer.h"
+#ifdef FERROLT_DEVSIM_USBREDIR
+#include "devsim/usbredir/UsbredirServer.h"
+#endif
 
 namespace {
 
 constexpr int kExitBadOptions = 2;
 constexpr int kExitCannotStart = 1;
 
-ferrolt::devsim::SocketServer* g_server = nullptr;
+ferrolt::devsim::Front* g_server = nullptr;
 
 void OnStopSignal(int) {
   if (g_server != nullptr) g_server->RequestStop();
@@ -32,6 +36,19 @@ void InstallStopHandlers() {
 int Fail(const std::string& reason, int status) {
   std::cerr << "ferrolt-devsim: " << reason << '\n';
   return status;
+}
+
+// The front the options name; null, with error set, when it cannot be built.
+std::unique_ptr<ferrolt::devsim::Front> CreateFront(ferrolt::devsim::Device& device,
+                                                    const ferrolt::devsim::Options& options, std::string& error) {
+  using namespace ferrolt::devsim;
+  if (!options.usbredir) return std::make_unique<SocketServer>(device, options.server);
+#ifdef FERROLT_DEVSIM_USBREDIR
+  return UsbredirServer::Create(device, options.server, options.device.faults, error);
+#else
+  error = "this build has no usbredir front (libusbredirparser was not found)";
+  return nullptr;
+#endif
 }
 
 }  // namespace
@@ -52,13 +69,14 @@ int main(int argc, char** argv) {
   for (const std::string& warning : options.warnings) std::cerr << "ferrolt-devsim: " << warning << '\n';
   const auto device = Device::Create(options.device, error);
   if (device == nullptr) return Fail(error, kExitCannotStart);
-  SocketServer server(*device, options.server);
-  if (!server.Listen(error)) return Fail(error, kExitCannotStart);
-  g_server = &server;
+  const auto server = CreateFront(*device, options, error);
+  if (server == nullptr) return Fail(error, kExitBadOptions);
+  if (!server->Listen(error)) return Fail(error, kExitCannotStart);
+  g_server = server.get();
   InstallStopHandlers();
-  std::printf("ferrolt-devsim: listening on %s\n", server.Endpoint().c_str());
+  std::printf("ferrolt-devsim: listening on %s\n", server->Endpoint().c_str());
   std::fflush(stdout);
-  server.Serve();
+  server->Serve();
   g_server = nullptr;
   return 0;
 }

@@ -5,29 +5,9 @@ namespace {
 
 constexpr uint8_t kHelloReady = 0;
 constexpr uint8_t kHelloNoDriver = 3;
-constexpr uint8_t kHelloLowSpeed = 1;
-constexpr uint8_t kHelloFullSpeed = 2;
-constexpr uint8_t kHelloHighSpeed = 3;
 
 bool ShapeFromHello(const LinkHello& hello, UsbDeviceModel& model, UsbFaults& faults, std::string& error) {
-  model.vendorId = hello.vendorId;
-  model.productId = hello.productId;
-  model.bulkInterface = hello.interfaceNumber;
-  model.interfaceCount = static_cast<uint8_t>(hello.interfaceNumber + 1);
-  switch (hello.speed) {
-    case kHelloLowSpeed:
-      model.speed = UsbSpeed::Low;
-      break;
-    case kHelloFullSpeed:
-      model.speed = UsbSpeed::Full;
-      break;
-    case kHelloHighSpeed:
-      model.speed = UsbSpeed::High;
-      break;
-    default:
-      error = "speed " + std::to_string(hello.speed) + " has no USB form";
-      return false;
-  }
+  if (!ModelFromHello(hello, model, error)) return false;
   if (hello.state == kHelloNoDriver) faults.claimable = false;
   if (hello.state != kHelloReady && hello.state != kHelloNoDriver) {
     error = "state " + std::to_string(hello.state) + " exists only on the emulator link";
@@ -39,7 +19,7 @@ bool ShapeFromHello(const LinkHello& hello, UsbDeviceModel& model, UsbFaults& fa
 }  // namespace
 
 UsbBusDevice::UsbBusDevice(const DeviceSettings& settings, const LinkHello& hello, const UsbFaults& faults) {
-  UsbFaults shaped = faults;
+  UsbFaults shaped = WithPlannedFaults(faults, settings.faults);
   if (!ShapeFromHello(hello, model_, shaped, error_)) return;
   device_ = Device::Create(settings, error_);
   if (device_ == nullptr) return;

@@ -13,7 +13,8 @@
 #include "devsim/Device.h"
 #include "devsim/SocketServer.h"
 #include "devsim/usbdevfs/UmockdevTestbed.h"
-#include "devsim/usbdevfs/UsbDeviceModel.h"
+#include "devsim/UsbDeviceModel.h"
+#include "devsim/usbdevfs/SysfsRecord.h"
 #include "devsim/usbdevfs/UsbdevfsDevice.h"
 
 namespace ferrolt::devsim {

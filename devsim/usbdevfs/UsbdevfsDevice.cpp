@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "devsim/DeviceLimits.h"
-#include "devsim/usbdevfs/UsbDeviceModel.h"
+#include "devsim/UsbDeviceModel.h"
 
 namespace ferrolt::devsim {
 namespace {

@@ -23,28 +23,13 @@
 #include <thread>
 
 #include "devsim/Device.h"
+#include "devsim/UsbFaults.h"
 
 typedef struct _UMockdevIoctlBase UMockdevIoctlBase;
 typedef struct _UMockdevIoctlClient UMockdevIoctlClient;
 typedef struct _UMockdevIoctlData UMockdevIoctlData;
 
 namespace ferrolt::devsim {
-
-// Faults of the USB bus itself, beside those the device logic injects.
-struct UsbFaults {
-  // False: the vendor interface cannot be claimed (another driver holds it).
-  bool claimable = true;
-  // The OUT URB with this number (1-based, counted over the device's life as
-  // the device is offered their blocks) is answered with a STALL handshake:
-  // the endpoint halts until the host clears the halt. 0: never.
-  long long stallOutAt = 0;
-  // The device is unplugged when it is offered the block of the OUT URB with
-  // this number, before it takes it. 0: never.
-  long long unplugAtOut = 0;
-  // After each IN packet of exactly wMaxPacketSize bytes the device sends a
-  // zero-length packet, as devices do to end a transfer of whole packets.
-  bool zeroLengthAfterFullPacket = false;
-};
 
 class UsbdevfsDevice {
  public:

@@ -59,7 +59,7 @@ class LibusbBackend final : public DeviceBackend {
     InterfaceListing listing;
     listing.listed = true;
     listing.lastError = kErrorNoMoreItems;
-    const std::shared_ptr<LibusbContext> context = Context();
+    const std::shared_ptr<LibusbContext> context = FreshContext();
     if (context == nullptr) return listing;
     const DeviceList devices(context->Get());
     for (libusb_device* device : devices) AppendInterfacePaths(device, listing.paths);
@@ -86,11 +86,25 @@ class LibusbBackend final : public DeviceBackend {
   }
 
  private:
-  // Started on first use, and tried again on later listings while it fails.
-  std::shared_ptr<LibusbContext> Context() {
+  // A session of its own for each listing: libusb keeps its device list up
+  // to date from udev's events, and where no udev daemon runs (a minimal
+  // system, a container) nothing does, so a device plugged in again would
+  // stay unseen and one pulled out would stay listed. A fresh session scans
+  // the buses anew; the connections opened keep their own session alive.
+  std::shared_ptr<LibusbContext> FreshContext() {
+    std::shared_ptr<LibusbContext> context = LibusbContext::Create();
     std::lock_guard<std::mutex> lock(mutex_);
-    if (context_ == nullptr) context_ = LibusbContext::Create();
-    return context_;
+    context_ = context;
+    return context;
+  }
+  // The session of the last listing, whose paths Open is given; started here
+  // when nothing was listed yet.
+  std::shared_ptr<LibusbContext> Context() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (context_ != nullptr) return context_;
+    }
+    return FreshContext();
   }
 
   std::mutex mutex_;

@@ -110,7 +110,9 @@ TEST(DeviceUpload, WritesOnlyAnnouncedPacketsInsideTheRoot) {
     harness.Dev().OnOutBlock(MakePacket(kTypeUpload, row.number, payload, sizeof payload));
     const auto replies = harness.Drain();
     ASSERT_EQ(replies.size(), row.reply == kNoReply ? 0u : 1u) << row.start << " " << row.number;
-    if (row.reply != kNoReply) EXPECT_EQ(PayloadOf(replies[0])[0], row.reply) << row.number;
+    if (row.reply != kNoReply) {
+      EXPECT_EQ(PayloadOf(replies[0])[0], row.reply) << row.number;
+    }
     const fs::path partial = harness.Dev().Root() / "tmp/.f.part";
     EXPECT_LE(fs::exists(partial) ? fs::file_size(partial) : 0, 114u) << row.number;
   }

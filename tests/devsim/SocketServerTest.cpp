@@ -292,8 +292,13 @@ TEST_F(DevsimProgram, BadCommandLinesExitWithOneLineAndHelpWithZero) {
       {{"--socket", "x.sock", "--root", "r", "--fault", "nack=1,x"}, 2, "bad value for fault nack: nack=LIST " + faults},
       {{"--socket", "x.sock", "--root", "r", "--fault", "cli-no-end=1"}, 2, "bad value for fault cli-no-end"},
       {{"--tcp", "0.0.0.0:0", "--root", "r"}, 2, "0.0.0.0 is not a loopback address: add --listen-any"},
-      {{"--socket", "x.sock", "--root", "r", "--listen-any"}, 2, "--listen-any goes with --tcp"},
+      {{"--socket", "x.sock", "--root", "r", "--listen-any"}, 2, "--listen-any goes with a TCP endpoint"},
       {{"--socket", live->Endpoint(), "--root", "r"}, 1, live->Endpoint() + " is served by another program"},
+      {{"--usbredir", "x.sock", "--usbredir", "y.sock", "--root", "r"}, 2, "give exactly one of"},
+      {{"--usbredir", "tcp:127.0.0.1", "--root", "r"}, 2, "bad value for --usbredir: tcp:127.0.0.1"},
+      {{"--usbredir", "tcp:0.0.0.0:0", "--root", "r"}, 2, "0.0.0.0 is not a loopback address"},
+      {{"--usbredir", "x.sock", "--root", "r", "--speed", "7"}, 2, "speed"},
+      {{"--usbredir", "x.sock", "--root", "r", "--state", "4"}, 2, "state"},
   };
   for (const Row& row : rows) {
     const auto result = run(row.args);

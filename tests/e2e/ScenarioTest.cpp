@@ -13,22 +13,18 @@
 #include "devsim/DevicePackets.h"
 #include "tests/app/ExpectedHelpText.h"
 #include "tests/e2e/FrontEndRuns.h"
+#include "tests/support/ExpectedLines.h"
 
 namespace ferrolt::test {
 namespace {
+
+using namespace lines;
 
 // Every scenario's device holds this version.
 constexpr const char* kVersion = "1.2.3";
 // No run of a scenario takes longer, stalls and retries included.
 constexpr milliseconds kScenarioRunBound{30000};
 
-constexpr const char* kOpened = "Device speed: 3 (High speed).\n";
-constexpr const char* kNotFound = "Device not found.\nGeneral failure. GetLastError returned 80070103.\n";
-constexpr const char* kSpi = "SPI SUPPORT IS TURNED ON!\n";
-constexpr const char* kQuiet = "NONVERBOSE MODE DETECTED!\n";
-constexpr const char* kConnectFailure =
-    "LogMessageCallBack:\tError:Failed to connect to the bulk interface, device might be disconnected\n";
-constexpr const char* kFailedOpen = "Failed to open device\n";
 constexpr const char* kVersionWriteFailed = "LogMessageCallBack:\tFailed in writing 'Version Retrieval' to device.\n";
 constexpr int kProgCapAttempts = 5;
 constexpr const char* kUpgradeEnded = "LogMessageCallBack:\tUpgrade complete, ending update\n";
@@ -60,17 +56,9 @@ struct Scenario {
   std::vector<std::pair<std::string, std::string>> deviceFiles = {};
 };
 
-std::string Progress(int percent) {
-  return "ProgressChangeCallBack:\t" + std::to_string(percent) + " percent completed\n";
-}
-std::string Log(const std::string& text) { return "LogMessageCallBack:\t" + text + "\n"; }
 std::string HexOf(const devsim::Block& block) { return devsim::HexOf(block.data(), block.size()); }
 std::string ReadData(const devsim::Block& reply) { return "VersionInfoReadyCallBack:\tRead data :" + HexOf(reply) + "\n"; }
-
-std::string VersionLines(const char* mode) {
-  return std::string(kOpened) + mode + kSpi + ReadData(devsim::MakeTextPacket(devsim::kTypeVersion, kVersion)) +
-         "VersionInfoReadyCallBack:\tVersion - " + kVersion + "\n" + Progress(100);
-}
+std::string VersionLines(const char* mode) { return lines::VersionLines(mode, kVersion); }
 
 // The version reply with its CRC flipped, and the lines that report it.
 std::string CorruptVersionLines() {
@@ -89,19 +77,6 @@ std::string ProgCapGivesUp() {
     out += Log("Failed to send reboot message to device.") + kOpened;
   return out + Log("Failed to send reboot message to device.") +
          Log("Error: Giving up after 5 failed attempts to send the reboot message.");
-}
-
-std::string UploadOf58Bytes(const std::string& bytes) {
-  const auto* data = reinterpret_cast<const uint8_t*>(bytes.data());
-  const devsim::Block first = devsim::MakePacket(devsim::kTypeUpload, 0, data, devsim::kPayloadSize);
-  const devsim::Block second = devsim::MakePacket(devsim::kTypeUpload, 1, data + devsim::kPayloadSize, 1);
-  return "Local Path  : f58.bin\n" + std::string(kOpened) + Progress(5) + "File to send: f58.bin\n" + kSpi +
-         Progress(10) + Log("Succeeded in writing 'File Upload' to device.") + Progress(15) +
-         "FILE UPLOADING TO DEVICE...\n\rProgress: 0%LogMessageCallBack:\tWrite data:" + HexOf(first) +
-         "\n\rProgress: 50%LogMessageCallBack:\tWrite data:" + HexOf(second) + "\n" +
-         Log("Succeeded in writing 'Ending upload' to device.") +
-         "\n-------------------------------------------\nFile Size = 58\nPacket Count = 2\n" + Progress(100) +
-         "Finished File Upload!\n";
 }
 
 // The whole exchange of a two-packet upgrade.

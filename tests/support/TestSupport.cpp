@@ -244,13 +244,20 @@ constexpr const char* kListeningOn = "ferrolt-devsim: listening on ";
 
 }  // namespace
 
-DevsimServer::DevsimServer(std::vector<std::string> extraArgs, const fs::path& root, DevsimEndpoint endpoint)
+DevsimServer::DevsimServer(std::vector<std::string> extraArgs, const fs::path& root, DevsimEndpoint endpoint,
+                           const fs::path& usbredirSocket)
     : root_(root.empty() ? dir_ / "root" : root), record_(dir_ / "received.bin"), events_(dir_ / "events.log") {
   ProcessOptions options;
-  if (endpoint == DevsimEndpoint::UnixSocket) {
-    options.args = {"--socket", (dir_ / "device.sock").string()};
-  } else {
-    options.args = {"--tcp", "127.0.0.1:0"};
+  switch (endpoint) {
+    case DevsimEndpoint::UnixSocket:
+      options.args = {"--socket", (dir_ / "device.sock").string()};
+      break;
+    case DevsimEndpoint::Tcp:
+      options.args = {"--tcp", "127.0.0.1:0"};
+      break;
+    case DevsimEndpoint::Usbredir:
+      options.args = {"--usbredir", usbredirSocket.string()};
+      break;
   }
   options.args.insert(options.args.end(),
                       {"--root", root_.string(), "--record", record_.string(), "--events", events_.string()});

@@ -93,15 +93,16 @@ class Subprocess {
 ProcessResult RunProcess(const std::string& program, const ProcessOptions& options);
 
 // How ferrolt-devsim is reached: a Unix socket in its temporary folder, or a
-// TCP port on the loopback interface that it picks itself.
-enum class DevsimEndpoint { UnixSocket, Tcp };
+// TCP port on the loopback interface that it picks itself; or, as a USB
+// device for a virtual machine, its usbredir front on a given Unix socket.
+enum class DevsimEndpoint { UnixSocket, Tcp, Usbredir };
 
 // ferrolt-devsim in a temporary folder, its root folder beside it, every OUT
 // block recorded.
 class DevsimServer final : public DeviceUnderTest {
  public:
   explicit DevsimServer(std::vector<std::string> extraArgs = {}, const fs::path& root = {},
-                        DevsimEndpoint endpoint = DevsimEndpoint::UnixSocket);
+                        DevsimEndpoint endpoint = DevsimEndpoint::UnixSocket, const fs::path& usbredirSocket = {});
   ~DevsimServer() override;
   DevsimServer(const DevsimServer&) = delete;
   DevsimServer& operator=(const DevsimServer&) = delete;

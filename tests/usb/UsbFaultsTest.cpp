@@ -11,6 +11,7 @@
 
 #include "devsim/DevicePackets.h"
 #include "tests/support/EndToEnd.h"
+#include "tests/support/ExpectedLines.h"
 #include "tests/usb/EmulatedUsbDevice.h"
 
 namespace ferrolt::test::usb {
@@ -24,8 +25,7 @@ constexpr int32_t kFilePackets = 120;
 // The tool retries a failed write after closing the link and pausing 1 s; the
 // device is back well before that.
 constexpr milliseconds kReplugAfter{200};
-constexpr const char* kSpeedLine = "Device speed: 3 (High speed).\n";
-constexpr const char* kWriteFailed = "LogMessageCallBack:\tFailed to write to the bulk interface\n";
+using lines::kOpened, lines::kWriteFailed;
 constexpr size_t kUpgradePayload = 57;
 constexpr int32_t kUpgradePackets = 30;
 constexpr uint32_t kNackedPacket = 5;
@@ -43,11 +43,7 @@ TEST(UsbFaultsTest, AStalledOutEndpointFailsOneWriteAndTheRetryGetsThrough) {
   EmulatedUsbDevice device(options);
   ASSERT_TRUE(device.Running()) << device.Error();
   const ProcessResult run = RunFerrolt({"progCap"}, device, dir.Path(), kRunLimit);
-  EXPECT_EQ(run.out, std::string("Programming Captouch...\n") + kSpeedLine +
-                         "ProgressChangeCallBack:\t5 percent completed\nSPI SUPPORT IS TURNED ON!\n" + kWriteFailed +
-                         "LogMessageCallBack:\tFailed to send reboot message to device.\n" + kSpeedLine +
-                         "LogMessageCallBack:\tSent reboot message to device successfully.\n"
-                         "ProgressChangeCallBack:\t100 percent completed\n");
+  EXPECT_EQ(run.out, lines::ProgCapThroughAStall());
   const auto received = device.Received();
   ASSERT_EQ(received.size(), 1u);
   EXPECT_EQ(devsim::RawText(received[0]).rfind("\rreboot\r", 0), 0u);
@@ -142,10 +138,10 @@ class UsbUnplugTest : public testing::Test {
 TEST_F(UsbUnplugTest, AReplugLetsTheUploadFinishWithEveryBlockOnce) {
   const ProcessResult run = UploadAcrossUnplug(true);
   EXPECT_EQ(run.exitStatus, 0);
-  EXPECT_EQ(CountOf(run.out, kSpeedLine), 2u) << run.out;
+  EXPECT_EQ(CountOf(run.out, kOpened), 2u) << run.out;
   const size_t failed = run.out.find(kWriteFailed);
   ASSERT_NE(failed, std::string::npos) << run.out;
-  EXPECT_NE(run.out.find(kSpeedLine, failed), std::string::npos);
+  EXPECT_NE(run.out.find(kOpened, failed), std::string::npos);
   EXPECT_EQ(run.out.substr(run.out.size() - 22), "Finished File Upload!\n");
   EXPECT_TRUE(ReadFile(device_->Root() / "tmp" / "file.bin") == bytes_) << "the device's file differs";
 
@@ -164,10 +160,7 @@ TEST_F(UsbUnplugTest, AReplugLetsTheUploadFinishWithEveryBlockOnce) {
 TEST_F(UsbUnplugTest, WithoutAReplugTheUploadEndsAsForAMissingDevice) {
   const ProcessResult run = UploadAcrossUnplug(false);
   EXPECT_EQ(run.exitStatus, 0);
-  const std::string tail = std::string(kWriteFailed) +
-                           "Device not found.\nGeneral failure. GetLastError returned 80070103.\n"
-                           "LogMessageCallBack:\tError:Failed to connect to the bulk interface, device might be "
-                           "disconnected\nFailed to open device\n";
+  const std::string tail = lines::UnpluggedForGoodTail();
   ASSERT_GE(run.out.size(), tail.size());
   EXPECT_EQ(run.out.substr(run.out.size() - tail.size()), tail) << run.out;
   EXPECT_FALSE(fs::exists(device_->Root() / "tmp" / "file.bin"));

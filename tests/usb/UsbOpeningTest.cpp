@@ -9,15 +9,14 @@
 #include <vector>
 
 #include "tests/support/EndToEnd.h"
+#include "tests/support/ExpectedLines.h"
 #include "tests/usb/EmulatedUsbDevice.h"
 
 namespace ferrolt::test::usb {
 namespace {
 
 constexpr milliseconds kRunLimit{20000};
-constexpr const char* kNotFound = "Device not found.\nGeneral failure. GetLastError returned 80070103.\n";
-constexpr const char* kConnectFailure =
-    "LogMessageCallBack:\tError:Failed to connect to the bulk interface, device might be disconnected\n";
+using lines::kNotFound, lines::kConnectFailure;
 constexpr const char* kDriverFailure =
     "LogMessageCallBack:\tError:WinUSB failed to initialize, WinUSB driver may be missing corrupt\n";
 constexpr const char* kProgCapStart = "Programming Captouch...\n";

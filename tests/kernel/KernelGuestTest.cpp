@@ -1,0 +1,214 @@
+// The built ferrolt, unmodified, in a small Linux guest under QEMU, talking
+// through the guest's real kernel (xhci_hcd, usbcore, usbfs) to
+// ferrolt-devsim's usbredir front: discovery, the operations end to end with
+// the console compared byte for byte and the files with the device's folder,
+// and the faults a real USB stack meets. One boot runs every check: between
+// phases the test starts ferrolt-devsim again, with other faults, on the
+// same socket, and the guest sees the device go and come back.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <sstream>
+
+#include "platform/AsciiText.h"
+#include "tests/support/ExpectedLines.h"
+#include "tests/support/TestSupport.h"
+
+namespace ferrolt::test {
+namespace {
+
+using namespace lines;
+
+constexpr const char* kVersion = "1.2.3";
+constexpr int kSkipStatus = 77;
+// Bounds only against a hung guest: TCG's speed varies twofold between runs.
+constexpr milliseconds kPrepareLimit{300000};
+constexpr milliseconds kGuestLimit{240000};
+// The unplug comes as the device is offered this OUT transfer: data packet 38
+// of the upload, whose start text is the first.
+constexpr int kUnplugAtOut = 40;
+constexpr size_t kUnplugFileSize = 120 * 57 - 20;
+// Downloaded from a device that holds every reply back 5 ms, the tool's read
+// wait: replies land just as reads time out, and none may be lost.
+constexpr size_t kSlowFileSize = 20000;
+
+// One ferrolt-devsim life: its faults, and what the guest runs against it
+// (with the helpers of tests/kernel/init).
+struct Phase {
+  std::vector<std::string> faults;
+  std::string script;
+};
+
+std::vector<Phase> Phases() {
+  return {
+      {{},
+       "file speed /sys/bus/usb/devices/1-1/speed\n"
+       "file interface /sys/bus/usb/devices/1-1:1.4/bInterfaceNumber\n"
+       "check strings cat /sys/bus/usb/devices/1-1/manufacturer /sys/bus/usb/devices/1-1/product "
+       "/sys/bus/usb/devices/1-1/serial\n"
+       "check version ferrolt version\n"
+       "check startcli ferrolt startcli\n"
+       "check echo ferrolt cmd 'echo hello'\n"
+       "check stopcli ferrolt stopcli\n"
+       "check upgrade ferrolt upgrade /payload/bundle.bin\n"
+       "cp /payload/f58.bin . && check upload ferrolt upload f58.bin\n"
+       "check logs ferrolt logs logs.zip && file logs logs.zip\n"},
+      {{"stall-out=1"}, "check stall ferrolt progCap\n"},
+      {{"unplug-at-out=" + std::to_string(kUnplugAtOut), "replug-after=200"},
+       "cp /payload/file.bin . && check replug ferrolt upload file.bin\n"},
+      {{"unplug-at-out=" + std::to_string(kUnplugAtOut)}, "check unplug ferrolt upload file.bin\n"},
+      {{"delay-replies=5"}, "check slow ferrolt download /tmp/slow.bin slow.bin && file slow slow.bin\n"},
+  };
+}
+
+std::string GuestScript(const std::vector<Phase>& phases) {
+  std::string script = "wait_device ''\n";
+  for (size_t i = 0; i < phases.size(); ++i) {
+    if (i > 0) script += "phase " + std::to_string(i) + "\n";
+    script += phases[i].script;
+  }
+  return script;
+}
+
+std::string FromHex(const std::string& hex) {
+  std::string bytes;
+  unsigned value = 0;
+  for (size_t at = 0; at + 1 < hex.size() && platform::ReadHexDigits(hex.c_str() + at, 2, value) == 2; at += 2)
+    bytes += static_cast<char>(value);
+  return bytes;
+}
+
+// What the guest reported on its console.
+struct GuestReport {
+  struct Check {
+    int status = -1;
+    std::string out;
+    std::string err;
+  };
+  std::map<std::string, Check> checks;
+  std::map<std::string, std::string> files;
+  std::string console;
+};
+
+// "@@check NAME STATUS out=HEX err=HEX" and "@@file NAME bytes=HEX" lines.
+GuestReport Parse(const std::string& console) {
+  GuestReport report{{}, {}, console};
+  std::istringstream lines(console);
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream words(line);
+    std::string kind, name, first, second;
+    words >> kind >> name >> first >> second;
+    if (kind == "@@file" && first.rfind("bytes=", 0) == 0) report.files[name] = FromHex(first.substr(6));
+    if (kind != "@@check" || second.rfind("out=", 0) != 0) continue;
+    std::string err;
+    words >> err;
+    report.checks[name] = {std::stoi(first), FromHex(second.substr(4)),
+                           FromHex(err.substr(std::min<size_t>(4, err.size())))};
+  }
+  return report;
+}
+
+class KernelGuestTest : public testing::Test {
+ protected:
+  // The guest, its kernel kept in the build tree, its initramfs with this
+  // run's files.
+  void SetUp() override {
+    fs::create_directories(payload_);
+    WriteFile(payload_ / "bundle.bin", bundle_);
+    WriteFile(payload_ / "f58.bin", f58_);
+    WriteFile(payload_ / "file.bin", unplugFile_);
+    WriteFile(payload_ / "run.sh", GuestScript(Phases()));
+    ProcessOptions prepare;
+    prepare.args = {"prepare", GUEST_DIR, FERROLT_BIN, payload_.string()};
+    prepare.timeout = kPrepareLimit;
+    const ProcessResult prepared = RunProcess(GUEST_SCRIPT, prepare);
+    if (prepared.exitStatus == kSkipStatus) GTEST_SKIP() << prepared.err;
+    ASSERT_EQ(prepared.exitStatus, 0) << prepared.err;
+  }
+
+  // Boots the guest and plays each phase's device in turn.
+  GuestReport RunGuest() {
+    const std::vector<Phase> phases = Phases();
+    const fs::path socket = work_ / "usbredir.sock";
+    std::unique_ptr<Subprocess> guest;
+    for (size_t i = 0; i < phases.size(); ++i) {
+      if (i > 0) {
+        if (!guest->WaitForOutput("@@phase " + std::to_string(i), kGuestLimit)) break;
+        devices_.back()->Stop();
+      }
+      const fs::path root = work_ / ("root" + std::to_string(i));
+      fs::create_directories(root / "tmp");
+      WriteFile(root / "tmp" / "slow.bin", slowFile_);
+      std::vector<std::string> args = {"--version", kVersion};
+      for (const std::string& fault : phases[i].faults) args.insert(args.end(), {"--fault", fault});
+      devices_.push_back(std::make_unique<DevsimServer>(args, root, DevsimEndpoint::Usbredir, socket));
+      if (!devices_.back()->Running()) break;
+      if (guest == nullptr) {
+        ProcessOptions boot;
+        boot.args = {"boot", GUEST_DIR, socket.string()};
+        guest = std::make_unique<Subprocess>(GUEST_SCRIPT, boot);
+      }
+    }
+    if (guest == nullptr) return {};
+    guest->WaitForOutput("@@end", kGuestLimit);
+    return Parse(guest->Wait(kGuestLimit).out);
+  }
+
+  const fs::path& Root(size_t phase) const { return devices_.at(phase)->Root(); }
+
+  TempDir work_;
+  fs::path payload_ = work_ / "payload";
+  std::vector<std::unique_ptr<DevsimServer>> devices_;
+  const std::string bundle_ = RandomBytes(3000, 31);
+  const std::string f58_ = RandomBytes(58, 58);
+  const std::string unplugFile_ = RandomBytes(kUnplugFileSize, 40);
+  const std::string slowFile_ = RandomBytes(kSlowFileSize, 5);
+};
+
+// Given the guest's kernel between the tool and the device, every check
+// prints what it prints over the other transports, and files arrive whole.
+TEST_F(KernelGuestTest, TheToolWorksThroughARealKernel) {
+  const GuestReport report = RunGuest();
+  ASSERT_EQ(report.checks.size(), 12u) << report.console;
+  for (const auto& [name, check] : report.checks) EXPECT_EQ(check.status, 0) << name << "\n" << check.err;
+  auto out = [&](const std::string& name) { return report.checks.at(name).out; };
+
+  // Discovery: the high-speed device, its strings and its interface 4.
+  EXPECT_EQ(report.files.at("speed"), "480\n");
+  EXPECT_EQ(report.files.at("interface"), "04\n");
+  EXPECT_EQ(out("strings"), "ferrolt\nferrolt-devsim emulated device\nDEVSIM0001\n");
+  EXPECT_EQ(out("version"), VersionLines(kQuiet, kVersion));
+  EXPECT_EQ(out("startcli"), StartCliLines());
+  EXPECT_EQ(out("echo"), EchoHelloLines());
+  EXPECT_EQ(out("stopcli"), StopCliLines());
+  EXPECT_NE(out("upgrade").find(Log("Download of upgrade bundle to device has completed.")), std::string::npos);
+  EXPECT_TRUE(ReadFile(Root(0) / "upgrade" / "bundle.img") == bundle_) << "the upgrade differs";
+  EXPECT_EQ(out("upload"), UploadOf58Bytes(f58_));
+  EXPECT_TRUE(ReadFile(Root(0) / "tmp" / "f58.bin") == f58_) << "the upload differs";
+  // The archive holds the device's log files as they are.
+  WriteFile(work_ / "logs.zip", report.files.at("logs"));
+  for (const char* log : {"messages", "boot.log", "ort.log"}) {
+    ProcessOptions unzip;
+    unzip.args = {"-p", (work_ / "logs.zip").string(), log};
+    EXPECT_TRUE(RunProcess("/usr/bin/unzip", unzip).out == ReadFile(Root(0) / "var" / "log" / log)) << log;
+  }
+
+  // Faults: a STALL and the retry past it, an unplug with and without a
+  // replug, replies that cross the reads' time-outs.
+  EXPECT_EQ(out("stall"), ProgCapThroughAStall());
+  const std::string replug = out("replug");
+  const size_t failed = replug.find(kWriteFailed);
+  ASSERT_NE(failed, std::string::npos) << replug;
+  EXPECT_NE(replug.find(kOpened, failed), std::string::npos) << replug;
+  EXPECT_EQ(replug.substr(replug.size() - std::string(kUploadFinished).size()), kUploadFinished) << replug;
+  EXPECT_TRUE(ReadFile(Root(2) / "tmp" / "file.bin") == unplugFile_) << "the upload across the replug differs";
+  const std::string unplug = out("unplug");
+  const std::string tail = UnpluggedForGoodTail();
+  ASSERT_GE(unplug.size(), tail.size());
+  EXPECT_EQ(unplug.substr(unplug.size() - tail.size()), tail) << unplug;
+  EXPECT_FALSE(fs::exists(Root(3) / "tmp" / "file.bin"));
+  EXPECT_TRUE(report.files.at("slow") == slowFile_) << "the download differs";
+}
+
+}  // namespace
+}  // namespace ferrolt::test
