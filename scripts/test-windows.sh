@@ -4,7 +4,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-bash scripts/install-deps.sh
+bash scripts/install-deps.sh --tests
 
 # A Wine prefix of our own, made on first use. The crash debugger is off so
 # exit codes show as they are; no Mono or Gecko installers are wanted.

@@ -6,7 +6,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-bash scripts/install-deps.sh
+bash scripts/install-deps.sh --tests
 
 export TMPDIR="${TMPDIR:-/tmp}"
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=0"
