@@ -19,6 +19,7 @@ else()
     "Upgrades one USB-attached embedded Linux device, reads its version,\nfetches its logs, runs commands in a CLI session, moves files to and from\nit and runs its reliability test; with ferrolt-devsim, the device emulator.")
   # The library packages come from what the binaries link (dpkg-shlibdeps).
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+  set(CPACK_PROJECT_CONFIG_FILE ${PROJECT_SOURCE_DIR}/cmake/PackageCheck.cmake)
   # One script as postinst and postrm: reload the udev rules.
   foreach(script postinst postrm)
     configure_file(${PROJECT_SOURCE_DIR}/packaging/deb/reload-udev ${PROJECT_BINARY_DIR}/packaging/deb/${script} COPYONLY)
