@@ -77,7 +77,7 @@ cmp -s "$work/hello.txt" "$work/hello-back.txt" ||
   fail "upload and download: hello-back.txt differs from the hello.txt that was uploaded"
 echo "(upload and download: the file came back unchanged)"
 run startcli
-# Commands run on the device: its /tmp/ is the emulator's root/tmp/.
+# Commands the device runs; uname -s answers Linux.
 run cmd "uname -s"
 expect "Linux" "the CLI command did not answer"
 run cmd "ls /tmp"
