@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # Cross-builds ferrolt.exe and its tests for Windows with MinGW-w64 (the
-# mingw preset, into build/mingw/) and runs the tests under Wine.
+# mingw preset, into build/mingw/), packs the zip and runs the tests under
+# Wine.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-bash scripts/install-deps.sh
+bash scripts/install-deps.sh --tests
 
 # A Wine prefix of our own, made on first use. The crash debugger is off so
 # exit codes show as they are; no Mono or Gecko installers are wanted.
@@ -15,6 +16,16 @@ export WINEDLLOVERRIDES="winedbg.exe=d;mscoree,mshtml="
 echo "== mingw: build"
 cmake --preset mingw >/dev/null
 cmake --build --preset mingw
+
+echo "== mingw: the zip"
+rm -rf build/mingw/package
+(cd build/mingw && cpack -G ZIP -B package >/dev/null)
+zip=$(echo build/mingw/package/ferrolt-*-win64.zip)
+unzip -Z1 "$zip" | tee build/mingw/package/contents.txt
+for file in ferrolt.exe WinUSB.txt README.md LICENSE; do
+  grep -qx "[^/]*/$file" build/mingw/package/contents.txt || { echo "$zip holds no $file"; exit 1; }
+done
+unzip -p "$zip" '*/WinUSB.txt' | grep -q "interface 4" || { echo "$zip: WinUSB.txt says nothing of interface 4"; exit 1; }
 
 echo "== mingw: test under Wine"
 # The server is started first, with nothing of ours inherited: otherwise it

@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs every test: the plain build,
 # then under AddressSanitizer with UndefinedBehaviorSanitizer, then under
-# ThreadSanitizer, then a short run of the fuzzers, then the Windows build
-# under Wine.
+# ThreadSanitizer, then the .deb, then a short run of the fuzzers, then the
+# Windows build under Wine and its zip.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-bash scripts/install-deps.sh
+bash scripts/install-deps.sh --tests
 
 export TMPDIR="${TMPDIR:-/tmp}"
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=0"
@@ -20,6 +20,9 @@ for preset in default asan tsan; do
   echo "== $preset: test"
   ctest --preset "$preset"
 done
+
+echo "== default: the .deb, installed, run and removed"
+bash tests/package/deb-test.sh build/default
 
 echo "== fuzz: build and a short run"
 cmake --preset fuzz >/dev/null

@@ -1,0 +1,56 @@
+# What `cmake --install` puts in place, and so what the packages hold. On
+# Linux: both programs, the udev rule, the man pages, bash completion, README
+# and licence. On Windows (the zip): ferrolt.exe beside its texts.
+include(GNUInstallDirs)
+
+# An id of the device as udev and lsusb show it: four lower-case hex digits,
+# no 0x. The cache variable may be written in hex (0x...) or decimal.
+function(ferrolt_usb_id_text id out)
+  math(EXPR number "${id}")
+  if(number LESS 0 OR number GREATER 65535)
+    message(FATAL_ERROR "USB id ${id} is not a 16-bit number")
+  endif()
+  math(EXPR hex "${number} + 65536" OUTPUT_FORMAT HEXADECIMAL)
+  # 0x1xxxx: the added 65536 keeps the leading zeros.
+  string(SUBSTRING "${hex}" 3 4 hex)
+  string(TOLOWER "${hex}" hex)
+  set(${out} "${hex}" PARENT_SCOPE)
+endfunction()
+ferrolt_usb_id_text("${FERROLT_VENDOR_ID}" FERROLT_USB_VENDOR)
+ferrolt_usb_id_text("${FERROLT_PRODUCT_ID}" FERROLT_USB_PRODUCT)
+
+set(packaging_source ${PROJECT_SOURCE_DIR}/packaging)
+set(packaging_binary ${PROJECT_BINARY_DIR}/packaging)
+
+if(WIN32)
+  # Notepad shows the text with Windows line ends.
+  configure_file(${packaging_source}/windows/WinUSB.txt ${packaging_binary}/WinUSB.txt @ONLY NEWLINE_STYLE WIN32)
+  install(TARGETS ferrolt RUNTIME DESTINATION .)
+  install(FILES ${packaging_binary}/WinUSB.txt ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/LICENSE DESTINATION .)
+  return()
+endif()
+
+install(TARGETS ferrolt ferrolt-devsim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+
+# udev reads /usr/lib/udev/rules.d and /etc/udev/rules.d, not /usr/local.
+configure_file(${packaging_source}/udev/70-ferrolt.rules.in ${packaging_binary}/70-ferrolt.rules @ONLY)
+install(FILES ${packaging_binary}/70-ferrolt.rules DESTINATION lib/udev/rules.d)
+
+# Man pages are installed compressed, as Debian keeps them; -n leaves the
+# time out, so a rebuild gives the same bytes.
+set(man_pages)
+foreach(page ferrolt.1 ferrolt-devsim.1)
+  configure_file(${packaging_source}/man/${page}.in ${packaging_binary}/${page} @ONLY)
+  add_custom_command(OUTPUT ${packaging_binary}/${page}.gz
+    COMMAND gzip -9nkf ${page}
+    DEPENDS ${packaging_binary}/${page}
+    WORKING_DIRECTORY ${packaging_binary}
+    VERBATIM)
+  list(APPEND man_pages ${packaging_binary}/${page}.gz)
+endforeach()
+add_custom_target(ferrolt_man_pages ALL DEPENDS ${man_pages})
+install(FILES ${man_pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+
+install(FILES ${packaging_source}/bash-completion/ferrolt
+  DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions)
+install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
