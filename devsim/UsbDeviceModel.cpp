@@ -42,8 +42,8 @@ constexpr uint8_t kSerialIndex = 3;
 constexpr uint16_t kEnglishUs = 0x0409;
 constexpr std::string_view kStrings[] = {"", "ferrolt", "ferrolt-devsim emulated device", "DEVSIM0001"};
 
-// Microsoft OS 2.0 descriptors (Microsoft, "Microsoft OS 2.0 Descriptors
-// Specification"): the platform capability UUID D8DD60DF-4589-4CC7-9CD2-659D9E648A9F
+// Microsoft OS 2.0 descriptors, as Microsoft documents them for WinUSB devices:
+// the platform capability UUID D8DD60DF-4589-4CC7-9CD2-659D9E648A9F
 // as its bytes go on the wire, Windows 8.1 as the least version, and the
 // descriptor set's parts.
 constexpr uint8_t kMsOs20Uuid[16] = {0xDF, 0x60, 0xDD, 0xD8, 0x89, 0x45, 0xC7, 0x4C,
