@@ -46,11 +46,16 @@ void RunReader(const std::vector<DeviceBlock>& blocks) {
   backend.SetSpeed(ferrolt::platform::kSpeedLow);  // nothing printed on opening
   ferrolt::platform::Event cancel;
   ferrolt::UsbLink link(backend, cancel);
+  // Once the blocks are used up the reader stops; the drain that opening
+  // makes finds nothing and leaves no read pending for the reader to wait on.
+  ferrolt::ReaderState state;
+  bool armed = false;
+  backend.OnReadWhenEmpty([&] {
+    if (armed) state.StopRequested = true;
+  });
   if (!link.ConnectDevice(ferrolt::kProductId, ferrolt::kVendorId, nullptr)) __builtin_trap();
   for (const DeviceBlock& block : blocks) backend.Send(block);
-
-  ferrolt::ReaderState state;
-  backend.OnReadWhenEmpty([&state] { state.StopRequested = true; });
+  armed = true;
   DiscardingLog log;
   ferrolt::ReadResponses(link, state, &log);
 }
