@@ -13,7 +13,7 @@
 #include "link/ResponseReader.h"
 #include "link/UsbLink.h"
 #include "platform/Event.h"
-#include "tests/support/InProcessDevice.h"
+#include "tests/fuzz/FedLink.h"
 
 namespace {
 
@@ -42,22 +42,9 @@ void ReadFields(const uint8_t* block) {
 }
 
 void RunReader(const std::vector<DeviceBlock>& blocks) {
-  ferrolt::test::InProcessDevice backend;
-  backend.SetSpeed(ferrolt::platform::kSpeedLow);  // nothing printed on opening
-  ferrolt::platform::Event cancel;
-  ferrolt::UsbLink link(backend, cancel);
-  // Once the blocks are used up the reader stops; the drain that opening
-  // makes finds nothing and leaves no read pending for the reader to wait on.
-  ferrolt::ReaderState state;
-  bool armed = false;
-  backend.OnReadWhenEmpty([&] {
-    if (armed) state.StopRequested = true;
-  });
-  if (!link.ConnectDevice(ferrolt::kProductId, ferrolt::kVendorId, nullptr)) __builtin_trap();
-  for (const DeviceBlock& block : blocks) backend.Send(block);
-  armed = true;
+  ferrolt::test::FedLink fed(blocks);
   DiscardingLog log;
-  ferrolt::ReadResponses(link, state, &log);
+  ferrolt::ReadResponses(fed.link, fed.reader, &log);
 }
 
 }  // namespace

@@ -10,13 +10,12 @@
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "admin/CliSession.h"
 #include "admin/RetrieveVersion.h"
-#include "link/DeviceIds.h"
 #include "link/DevicePacket.h"
-#include "platform/Event.h"
-#include "tests/support/InProcessDevice.h"
+#include "tests/fuzz/FedLink.h"
 #include "transfer/DownloadFile.h"
 #include "transfer/DownloadLogs.h"
 
@@ -54,30 +53,19 @@ std::string SavePath() {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
   const uint8_t worker = data[0] % kWorkers;
-  ferrolt::test::InProcessDevice backend;
-  backend.SetSpeed(ferrolt::platform::kSpeedLow);  // nothing printed on opening
-  ferrolt::platform::Event cancel;
-  ferrolt::UsbLink link(backend, cancel);
-  // Once the replies are used up the run tears down, so no worker waits; the
-  // drain that opening makes finds nothing and leaves no read pending.
-  ferrolt::ReaderState reader;
-  bool armed = false;
-  backend.OnReadWhenEmpty([&] {
-    if (armed) reader.StopRequested = true;
-  });
-  if (!link.ConnectDevice(ferrolt::kProductId, ferrolt::kVendorId, nullptr)) __builtin_trap();
-  for (size_t offset = 1, count = 0; offset < size && count < kMaxBlocks; offset += ferrolt::kBlockSize, ++count) {
+  std::vector<DeviceBlock> blocks;
+  for (size_t offset = 1; offset < size && blocks.size() < kMaxBlocks; offset += ferrolt::kBlockSize) {
     DeviceBlock block{};
     std::memcpy(block.data(), data + offset, std::min(ferrolt::kBlockSize, size - offset));
-    backend.Send(block);
+    blocks.push_back(block);
   }
-  armed = true;
+  ferrolt::test::FedLink fed(blocks);
 
   std::atomic<bool> running{true};
   std::mutex linkMutex;
   DiscardingLog log;
   ferrolt::OperationOutcome outcome;
-  const ferrolt::OperationContext op{link, running, reader, linkMutex, nullptr, &log, outcome};
+  const ferrolt::OperationContext op{fed.link, running, fed.reader, linkMutex, nullptr, &log, outcome};
   DiscardingVersion version;
   switch (worker) {
     case kVersion:

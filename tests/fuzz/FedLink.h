@@ -1,0 +1,36 @@
+// An open link to the in-memory device, fed the given blocks. Once they are
+// used up, a read sets the teardown stop, so no worker or reader waits; the
+// drain that opening makes finds nothing and leaves no read pending.
+#pragma once
+
+#include <vector>
+
+#include "link/DeviceIds.h"
+#include "link/ResponseReader.h"
+#include "link/UsbLink.h"
+#include "platform/Event.h"
+#include "tests/support/InProcessDevice.h"
+
+namespace ferrolt::test {
+
+struct FedLink {
+  explicit FedLink(const std::vector<DeviceBlock>& blocks) {
+    backend.SetSpeed(platform::kSpeedLow);  // nothing printed on opening
+    backend.OnReadWhenEmpty([this] {
+      if (armed) reader.StopRequested = true;
+    });
+    if (!link.ConnectDevice(kProductId, kVendorId, nullptr)) __builtin_trap();
+    for (const DeviceBlock& block : blocks) backend.Send(block);
+    armed = true;
+  }
+  FedLink(const FedLink&) = delete;
+  FedLink& operator=(const FedLink&) = delete;
+
+  InProcessDevice backend;
+  platform::Event cancel;
+  UsbLink link{backend, cancel};
+  ReaderState reader;
+  bool armed = false;
+};
+
+}  // namespace ferrolt::test
