@@ -1,7 +1,7 @@
 // Hints on standard error for the set-up faults a Linux user can fix alone:
 // no device to be seen, no permission on the device node, and an interface
-// someone else holds. The console lines of a failed open stay as they are; each hint is
-// printed at most once a run, however often the link retries.
+// someone else holds. The console lines of a failed open stay as they are;
+// each hint is printed at most once a run, however often the link retries.
 #pragma once
 
 #include <libusb.h>

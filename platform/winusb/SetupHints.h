@@ -1,7 +1,8 @@
 // Hints on standard error for the set-up faults a Windows user can fix alone:
 // no device to be seen, the device held by another program, and an interface
-// without the WinUSB driver. The console lines of a failed open stay as they are; each
-// hint is printed at most once a run, however often the link retries.
+// without the WinUSB driver. The console lines of a failed open stay as they
+// are; each hint is printed at most once a run, however often the link
+// retries.
 #pragma once
 
 #include <windows.h>
