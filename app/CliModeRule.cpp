@@ -1,14 +1,37 @@
 #include "app/CliModeRule.h"
 
 #include <cstdio>
+#include <filesystem>
+#include <system_error>
+
+#include "platform/Hint.h"
 
 namespace ferrolt {
 
 namespace {
 
-void RefuseInCliMode() { std::fputs("You are in CLI Mode. Please use stopcli command first.\n", stdout); }
+platform::Hint cliModeHint;
 
-void RefuseOutsideCliMode() { std::fputs("You are not in CLI Mode. Please use startcli command first.\n", stdout); }
+// The refusal names what the file says; the hint says where the file is,
+// since startcli and stopcli write it in the folder they run in.
+void HintCliModeFile(const char* finding) {
+  std::error_code error;
+  const std::filesystem::path file = std::filesystem::current_path(error) / kCliModeFileName;
+  cliModeHint.Print(
+      "%s %s. startcli and stopcli write that file in the folder they run in; run every command of "
+      "a CLI session from the same folder.\n",
+      file.string().c_str(), finding);
+}
+
+void RefuseInCliMode() {
+  std::fputs("You are in CLI Mode. Please use stopcli command first.\n", stdout);
+  HintCliModeFile("says \"CLI Mode = 1\"");
+}
+
+void RefuseOutsideCliMode(bool fileRead) {
+  std::fputs("You are not in CLI Mode. Please use startcli command first.\n", stdout);
+  HintCliModeFile(fileRead ? "says \"CLI Mode = 0\"" : "does not exist");
+}
 
 void ActOnVerdict(CliModeRule rule, CliModeVerdict verdict, const std::function<void()>& launch) {
   if (verdict == CliModeVerdict::None) return;
@@ -16,7 +39,7 @@ void ActOnVerdict(CliModeRule rule, CliModeVerdict verdict, const std::function<
   if (rule == CliModeRule::Forbidding) {
     inCliMode ? RefuseInCliMode() : launch();
   } else {
-    inCliMode ? launch() : RefuseOutsideCliMode();
+    inCliMode ? launch() : RefuseOutsideCliMode(true);
   }
 }
 
@@ -28,7 +51,7 @@ void ApplyCliModeRule(CliModeRule rule, CliModeReader& reader, const std::functi
     return;
   }
   if (!reader.IsOpen()) {
-    rule == CliModeRule::Forbidding ? launch() : RefuseOutsideCliMode();
+    rule == CliModeRule::Forbidding ? launch() : RefuseOutsideCliMode(false);
     return;
   }
   CliModeVerdict verdict = CliModeVerdict::None;

@@ -38,6 +38,7 @@ bool LaunchDefaultLogs(const std::string& logName, DeviceAdmin& admin, ConsoleRe
   const size_t length = TemporaryFolder(folder, sizeof folder);
   if (length == 0) {
     std::fputs("Please check and ensure user has a valid temporary folder.", stdout);
+    platform::HintNoTemporaryFolder();
     return false;
   }
   if (length >= sizeof folder) {

@@ -40,7 +40,7 @@ constexpr uint8_t kManufacturerIndex = 1;
 constexpr uint8_t kProductIndex = 2;
 constexpr uint8_t kSerialIndex = 3;
 constexpr uint16_t kEnglishUs = 0x0409;
-constexpr std::string_view kStrings[] = {"", "ferrolt", "ferrolt-devsim emulated device", "DEVSIM0001"};
+constexpr std::string_view kStrings[] = {"", "ferrolt", "ferrolt-devsim emulated device"};
 
 // Microsoft OS 2.0 descriptors, as Microsoft documents them for WinUSB devices:
 // the platform capability UUID D8DD60DF-4589-4CC7-9CD2-659D9E648A9F
@@ -153,13 +153,14 @@ std::vector<uint8_t> DescriptorsOf(const UsbDeviceModel& model) {
   return bytes;
 }
 
-std::optional<std::vector<uint8_t>> StringDescriptorOf(uint8_t index) {
-  if (index >= std::size(kStrings)) return std::nullopt;
+std::optional<std::vector<uint8_t>> StringDescriptorOf(const UsbDeviceModel& model, uint8_t index) {
+  if (index > kSerialIndex) return std::nullopt;
   std::vector<uint8_t> bytes = {0, kStringDescriptorType};
   if (index == 0) {
     AppendU16(bytes, kEnglishUs);
   } else {
-    for (const char c : kStrings[index]) AppendU16(bytes, static_cast<uint8_t>(c));
+    const std::string_view text = index == kSerialIndex ? std::string_view(model.serial) : kStrings[index];
+    for (const char c : text) AppendU16(bytes, static_cast<uint8_t>(c));
   }
   bytes[0] = static_cast<uint8_t>(bytes.size());
   return bytes;

@@ -32,6 +32,8 @@ struct UsbDeviceModel {
   uint8_t bulkInterface = kVendorInterface;
   // False: the bulk interface has no endpoints at all.
   bool bulkEndpoints = true;
+  // The serial number string: what tells devices with the same ids apart.
+  std::string serial = "DEVSIM0001";
 };
 
 // The ids, the bulk interface and the speed that the emulator link's hello
@@ -49,7 +51,7 @@ std::vector<uint8_t> ConfigDescriptorOf(const UsbDeviceModel& model);
 // "descriptors" holds them.
 std::vector<uint8_t> DescriptorsOf(const UsbDeviceModel& model);
 // String descriptor index (0: the language list); none for an unknown index.
-std::optional<std::vector<uint8_t>> StringDescriptorOf(uint8_t index);
+std::optional<std::vector<uint8_t>> StringDescriptorOf(const UsbDeviceModel& model, uint8_t index);
 // The device qualifier: only a high-speed device has one.
 std::optional<std::vector<uint8_t>> DeviceQualifierOf(const UsbDeviceModel& model);
 // The BOS descriptor: one platform capability, Microsoft OS 2.0.

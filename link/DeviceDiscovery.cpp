@@ -3,10 +3,14 @@
 // unchanged on every platform.
 #include <cstdio>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include "link/DeviceIds.h"
 #include "link/UsbLink.h"
 #include "platform/AsciiText.h"
+#include "platform/DeviceChoice.h"
+#include "platform/Hint.h"
 
 namespace ferrolt {
 
@@ -53,6 +57,24 @@ int32_t SearchFailure(uint32_t lastError) {
   return HresultFromWin32(lastError != 0 ? lastError : platform::kErrorGenFailure);
 }
 
+platform::Hint severalDevicesHint;
+
+// Several attached devices answer to the ids: the user is shown each, with
+// what picks it, once a run.
+void ListMatchingDevices(platform::DeviceBackend& backend, const std::vector<std::string>& paths, int vendorId,
+                         int productId) {
+  if (!severalDevicesHint.First()) return;
+  platform::PrintHintText("%d devices have ids %04x:%04x and interface %d; the first is used:\n",
+                          static_cast<int>(paths.size()), static_cast<unsigned>(vendorId),
+                          static_cast<unsigned>(productId), kVendorInterface);
+  for (const std::string& path : paths) {
+    const std::string description = backend.DescribeDevice(path);
+    std::fprintf(stderr, "  %s\n", description.empty() ? path.c_str() : description.c_str());
+  }
+  std::fprintf(stderr, "Set %s to the first or the second word of a line to choose that device.\n",
+               platform::kDeviceChoiceVariable);
+}
+
 }  // namespace
 
 int32_t HresultFromWin32(uint32_t error) {
@@ -85,10 +107,17 @@ int32_t UsbLink::FindDevicePath(int productId, int vendorId, char* devicePath, s
     return SearchFailure(listing.lastError);
   }
   if (devicePath != nullptr && size > 0) {
+    std::vector<std::string> matches;
     for (const std::string& path : listing.paths) {
       CopyBounded(path, devicePath, size);
       LowerCaseInPlace(devicePath);
-      if (PathNamesDevice(devicePath, productId, vendorId)) return kFound;
+      if (PathNamesDevice(devicePath, productId, vendorId)) matches.emplace_back(devicePath);
+    }
+    if (!matches.empty()) {
+      // The first match is opened, as ever; the others are only shown.
+      CopyBounded(matches.front(), devicePath, size);
+      if (matches.size() > 1) ListMatchingDevices(backend_, matches, vendorId, productId);
+      return kFound;
     }
     if (FindRegisteredPath(productId, vendorId, devicePath, size)) return kFound;
   }
@@ -97,6 +126,8 @@ int32_t UsbLink::FindDevicePath(int productId, int vendorId, char* devicePath, s
   if (listing.lastError == platform::kErrorNoMoreItems && notFound != nullptr) {
     *notFound = 1;
     std::printf("Device not found.\n");
+    backend_.HintNotFound(
+        {static_cast<uint16_t>(vendorId), static_cast<uint16_t>(productId), static_cast<uint8_t>(kVendorInterface)});
   }
   const int32_t result = SearchFailure(listing.lastError);
   std::printf("General failure. GetLastError returned %X.\n", static_cast<unsigned>(result));

@@ -9,6 +9,8 @@ namespace ferrolt::platform {
 
 inline char AsciiLower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
 
+inline char AsciiUpper(char c) { return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c; }
+
 inline std::string AsciiLowered(std::string text) {
   for (char& c : text) c = AsciiLower(c);
   return text;

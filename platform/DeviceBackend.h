@@ -100,7 +100,9 @@ class DeviceBackend {
   virtual ~DeviceBackend() = default;
 
   // Lists the present USB device interfaces. Never blocks for long (the
-  // emulator backend waits at most its hello time-out).
+  // emulator backend waits at most its hello time-out). Where FERROLT_DEVICE
+  // chooses a device (see DeviceChoice.h), the USB backends list that
+  // device's interfaces only.
   virtual InterfaceListing ListInterfaces() = 0;
 
   // The second search, for when no listed path names the wanted interface:
@@ -109,6 +111,16 @@ class DeviceBackend {
   // its DeviceInterfaceGUIDs). Empty where the listing already holds every
   // interface.
   virtual std::vector<std::string> ListRegisteredInterfaces(const UsbInterfaceId& /*wanted*/) { return {}; }
+
+  // No listed interface had the wanted ids and interface: says on standard
+  // error, once a run, where the user can look (the device's ids, its
+  // driver or access rights). Default: nothing.
+  virtual void HintNotFound(const UsbInterfaceId& /*wanted*/) {}
+
+  // How the device behind a listed path shows when several match: the values
+  // FERROLT_DEVICE takes for it (its place, "serial:NUMBER") and its speed, in
+  // one line. Empty where the backend knows no more than the path.
+  virtual std::string DescribeDevice(const std::string& /*path*/) { return {}; }
 
   // Opens the interface that a listed path names (the CreateFile step; the
   // path may have been lower-cased since it was listed). Null when it cannot

@@ -12,4 +12,8 @@ namespace ferrolt::platform {
 // length it would need when that is size or more (nothing is written then).
 size_t TemporaryFolder(char* buffer, size_t size);
 
+// TemporaryFolder found none: says on standard error, once a run, which
+// folder it tried and how to give it one.
+void HintNoTemporaryFolder();
+
 }  // namespace ferrolt::platform

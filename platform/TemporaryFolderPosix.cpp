@@ -4,6 +4,7 @@
 #include <string>
 #include <system_error>
 
+#include "platform/Hint.h"
 #include "platform/TemporaryFolder.h"
 
 namespace ferrolt::platform {
@@ -13,11 +14,17 @@ namespace {
 constexpr const char* kTempFolderVariable = "TMPDIR";
 constexpr const char* kFallbackTempFolder = "/tmp/";
 
+Hint noFolderHint;
+
+std::string FolderToTry() {
+  const char* variable = std::getenv(kTempFolderVariable);
+  return (variable != nullptr && *variable != '\0') ? variable : kFallbackTempFolder;
+}
+
 }  // namespace
 
 size_t TemporaryFolder(char* buffer, size_t size) {
-  const char* variable = std::getenv(kTempFolderVariable);
-  std::string folder = (variable != nullptr && *variable != '\0') ? variable : kFallbackTempFolder;
+  std::string folder = FolderToTry();
   // A folder that is not there is no temporary folder: nothing could be saved.
   std::error_code error;
   if (!std::filesystem::is_directory(folder, error)) return 0;
@@ -25,6 +32,13 @@ size_t TemporaryFolder(char* buffer, size_t size) {
   if (folder.size() >= size) return folder.size();
   std::memcpy(buffer, folder.c_str(), folder.size() + 1);
   return folder.size();
+}
+
+void HintNoTemporaryFolder() {
+  noFolderHint.Print(
+      "the temporary folder %s is not a folder; set %s to one you can write to, or give the logs "
+      "command a zip path.\n",
+      FolderToTry().c_str(), kTempFolderVariable);
 }
 
 }  // namespace ferrolt::platform

@@ -53,6 +53,7 @@ std::string SysfsRecordOf(const UsbDeviceModel& model, const UsbAddress& address
   record += Format("A: busnum=%d\\n\nA: devnum=%d\\n\n", address.bus, address.device);
   record += Format("A: idVendor=%04x\\n\nA: idProduct=%04x\\n\n", model.vendorId, model.productId);
   record += std::string("A: speed=") + SysfsSpeed(model.speed) + "\\n\n";
+  record += "A: serial=" + model.serial + "\\n\n";
   record += Format("A: bConfigurationValue=%d\\n\n", kConfigurationValue);
   record += Format("A: dev=%d:%d\\n\n", kUsbDeviceMajor, minor);
   record += "H: descriptors=" + Hex(DescriptorsOf(model)) + "\n";

@@ -5,6 +5,9 @@ namespace {
 
 constexpr uint8_t kHelloReady = 0;
 constexpr uint8_t kHelloNoDriver = 3;
+// Neighbours sit at ports from here, clear of the addresses a replug of the
+// first device takes.
+constexpr int kFirstNeighbourAddress = 20;
 
 bool ShapeFromHello(const LinkHello& hello, UsbDeviceModel& model, UsbFaults& faults, std::string& error) {
   if (!ModelFromHello(hello, model, error)) return false;
@@ -44,6 +47,24 @@ bool UsbBusDevice::Replug() {
   ++address_.device;
   // umockdev announces an added device itself.
   return Plug();
+}
+
+bool UsbBusDevice::PlugAnother(const DeviceSettings& settings, const std::string& serial) {
+  if (usb_ == nullptr) return false;
+  auto neighbour = std::make_unique<Neighbour>();
+  neighbour->model = model_;
+  neighbour->model.serial = serial;
+  neighbour->device = Device::Create(settings, error_);
+  if (neighbour->device == nullptr) return false;
+  neighbour->usb =
+      std::make_unique<UsbdevfsDevice>(*neighbour->device, model_.bulkInterface, BulkPacketSizeOf(model_.speed),
+                                       WithPlannedFaults(UsbFaults{}, settings.faults));
+  const UsbAddress address{address_.bus, kFirstNeighbourAddress + static_cast<int>(neighbours_.size())};
+  if (!testbed_.AttachHandler(DeviceNodeOf(address), neighbour->usb->Handler(), error_)) return false;
+  neighbour->usb->Plug();
+  if (!testbed_.AddDevice(SysfsRecordOf(neighbour->model, address), error_)) return false;
+  neighbours_.push_back(std::move(neighbour));
+  return true;
 }
 
 bool UsbBusDevice::Plug() {

@@ -9,12 +9,13 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "devsim/Device.h"
 #include "devsim/SocketServer.h"
-#include "devsim/usbdevfs/UmockdevTestbed.h"
 #include "devsim/UsbDeviceModel.h"
 #include "devsim/usbdevfs/SysfsRecord.h"
+#include "devsim/usbdevfs/UmockdevTestbed.h"
 #include "devsim/usbdevfs/UsbdevfsDevice.h"
 
 namespace ferrolt::devsim {
@@ -39,7 +40,19 @@ class UsbBusDevice {
   bool Replug();
   UsbdevfsDevice& Usb() { return *usb_; }
 
+  // One more device with the same ids, on the same bus at a port of its own,
+  // with its own folder (settings) and serial number: a host with several
+  // devices attached. It stays plugged in until this object goes.
+  bool PlugAnother(const DeviceSettings& settings, const std::string& serial);
+
  private:
+  // A device beside the first one.
+  struct Neighbour {
+    UsbDeviceModel model;
+    std::unique_ptr<Device> device;
+    std::unique_ptr<UsbdevfsDevice> usb;
+  };
+
   bool Plug();
 
   UsbDeviceModel model_;
@@ -48,6 +61,7 @@ class UsbBusDevice {
   std::string error_;
   std::unique_ptr<Device> device_;
   std::unique_ptr<UsbdevfsDevice> usb_;
+  std::vector<std::unique_ptr<Neighbour>> neighbours_;
   // Destroyed first: its worker thread is the one that calls the handler.
   UmockdevTestbed testbed_;
 };

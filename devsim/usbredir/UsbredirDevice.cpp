@@ -237,7 +237,7 @@ std::optional<std::vector<uint8_t>> UsbredirDevice::Descriptor(uint16_t value) c
       if (index == 0) return ConfigDescriptorOf(model_);
       return std::nullopt;
     case kStringType:
-      return StringDescriptorOf(index);
+      return StringDescriptorOf(model_, index);
     case kQualifierType:
       return DeviceQualifierOf(model_);
     case kBosType:

@@ -3,6 +3,7 @@
 #include <mutex>
 #include <optional>
 
+#include "platform/Hint.h"
 #include "platform/UsbInterfacePath.h"
 #include "platform/emulator/EmulatorConnection.h"
 #include "platform/emulator/EmulatorProtocol.h"
@@ -21,16 +22,31 @@ struct ListedDevice {
   std::string path;
 };
 
+Hint unreachableHint;
+
+// The emulator named cannot serve: said once a run with the address and why.
+void HintUnreachable(const std::string& endpoint, const std::string& why) {
+  unreachableHint.Print("cannot reach the device emulator at %s=%s: %s.\n", kEmulatorVariable, endpoint.c_str(),
+                        why.c_str());
+}
+
 // Connects and reads the hello, both within the hello wait. Empty when no
 // device answered as one.
 std::optional<ListedDevice> Discover(const std::string& endpoint) {
   const Deadline deadline = std::chrono::steady_clock::now() + emulator::kHelloWait;
-  UniqueSocket socket = ConnectEndpoint(endpoint, deadline);
-  if (!socket.Valid()) return std::nullopt;
+  std::string failure;
+  UniqueSocket socket = ConnectEndpoint(endpoint, deadline, failure);
+  if (!socket.Valid()) {
+    HintUnreachable(endpoint, failure);
+    return std::nullopt;
+  }
   std::array<uint8_t, emulator::kHelloSize> bytes{};
-  if (!ReceiveBefore(socket.Get(), bytes.data(), bytes.size(), deadline)) return std::nullopt;
-  const std::optional<Hello> hello = emulator::ParseHello(bytes);
-  if (!hello) return std::nullopt;
+  const std::optional<Hello> hello =
+      ReceiveBefore(socket.Get(), bytes.data(), bytes.size(), deadline) ? emulator::ParseHello(bytes) : std::nullopt;
+  if (!hello) {
+    HintUnreachable(endpoint, "it sent no device hello within " + std::to_string(emulator::kHelloWait.count()) + " ms");
+    return std::nullopt;
+  }
   return ListedDevice{std::move(socket), *hello, emulator::InterfacePathOf(*hello)};
 }
 

@@ -11,9 +11,14 @@
 
 namespace ferrolt::platform {
 
+// Why a "tcp:" endpoint without a host and a port (or, on Windows, any other
+// endpoint) cannot be reached.
+inline constexpr const char* kNotAnAddress = "not of the form tcp:HOST:PORT";
+
 // A connected, blocking stream socket, or an invalid one when nothing accepts
-// the connection before the deadline.
-UniqueSocket ConnectEndpoint(const std::string& endpoint, Deadline deadline);
+// the connection before the deadline; then failure says why, in the system's
+// words where the system gave any.
+UniqueSocket ConnectEndpoint(const std::string& endpoint, Deadline deadline, std::string& failure);
 
 struct TcpAddress {
   std::string host;

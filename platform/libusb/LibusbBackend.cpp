@@ -1,7 +1,10 @@
 #include "platform/libusb/LibusbBackend.h"
 
+#include <fstream>
+#include <map>
 #include <mutex>
 
+#include "platform/DeviceChoice.h"
 #include "platform/UsbInterfacePath.h"
 #include "platform/libusb/ConfigDescriptor.h"
 #include "platform/libusb/LibusbConnection.h"
@@ -39,6 +42,48 @@ std::string InstanceOf(libusb_device* device) {
   return std::to_string(libusb_get_bus_number(device)) + "." + std::to_string(libusb_get_device_address(device));
 }
 
+// USB 3 hubs nest at most 7 deep below the root.
+constexpr int kMaxPortDepth = 7;
+// Where the kernel keeps what it read of each device when it was plugged in,
+// readable without access to the device node.
+constexpr const char* kSysfsUsbDevices = "/sys/bus/usb/devices/";
+
+// The bus path as lsusb -t and sysfs show it: "1-4.3", the bus and then the
+// port of each hub on the way.
+std::string BusPathOf(libusb_device* device) {
+  uint8_t ports[kMaxPortDepth] = {};
+  const int depth = libusb_get_port_numbers(device, ports, kMaxPortDepth);
+  const std::string bus = std::to_string(libusb_get_bus_number(device));
+  if (depth <= 0) return "usb" + bus;
+  std::string path = bus + "-";
+  for (int i = 0; i < depth; ++i) path += (i > 0 ? "." : "") + std::to_string(ports[i]);
+  return path;
+}
+
+// The serial number the kernel read from the device; empty where there is
+// none (or no sysfs, off Linux).
+std::string SerialAt(const std::string& busPath) {
+  std::ifstream file(kSysfsUsbDevices + busPath + "/serial");
+  std::string serial;
+  std::getline(file, serial);
+  return serial;
+}
+
+const char* SpeedText(libusb_device* device) {
+  switch (libusb_get_device_speed(device)) {
+    case LIBUSB_SPEED_LOW:
+      return "low speed";
+    case LIBUSB_SPEED_FULL:
+      return "full speed";
+    case LIBUSB_SPEED_HIGH:
+      return "high speed";
+    case LIBUSB_SPEED_UNKNOWN:
+      return "";
+    default:
+      return "super speed";
+  }
+}
+
 void AppendInterfacePaths(libusb_device* device, std::vector<std::string>& paths) {
   libusb_device_descriptor descriptor{};
   if (libusb_get_device_descriptor(device, &descriptor) != LIBUSB_SUCCESS) return;
@@ -62,8 +107,29 @@ class LibusbBackend final : public DeviceBackend {
     const std::shared_ptr<LibusbContext> context = FreshContext();
     if (context == nullptr) return listing;
     const DeviceList devices(context->Get());
-    for (libusb_device* device : devices) AppendInterfacePaths(device, listing.paths);
+    const DeviceChoice choice = ChosenDevice();
+    std::map<std::string, std::string> descriptions;
+    for (libusb_device* device : devices) {
+      const std::string busPath = BusPathOf(device);
+      const DeviceIdentity identity{busPath, SerialAt(busPath)};
+      if (!Chooses(choice, identity)) continue;
+      descriptions[InstanceOf(device)] = DescribeIdentity(identity, SpeedText(device));
+      AppendInterfacePaths(device, listing.paths);
+    }
+    if (descriptions.empty() && choice.by != DeviceChoice::By::Anything) HintChoiceMatchesNothing(choice);
+    std::lock_guard<std::mutex> lock(mutex_);
+    descriptions_ = std::move(descriptions);
     return listing;
+  }
+
+  void HintNotFound(const UsbInterfaceId& wanted) override { HintNoDevice(wanted); }
+
+  std::string DescribeDevice(const std::string& path) override {
+    const std::optional<ParsedInterfacePath> parsed = ParseInterfacePath(path);
+    if (!parsed) return {};
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = descriptions_.find(parsed->instance);
+    return found != descriptions_.end() ? found->second : std::string();
   }
 
   std::unique_ptr<DeviceConnection> Open(const std::string& path) override {
@@ -109,6 +175,8 @@ class LibusbBackend final : public DeviceBackend {
 
   std::mutex mutex_;
   std::shared_ptr<LibusbContext> context_;
+  // What the last listing showed of each device, by path instance.
+  std::map<std::string, std::string> descriptions_;
 };
 
 }  // namespace

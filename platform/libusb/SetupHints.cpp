@@ -1,49 +1,66 @@
 #include "platform/libusb/SetupHints.h"
 
-#include <atomic>
 #include <cstdio>
+
+#include "platform/Hint.h"
 
 namespace ferrolt::platform {
 namespace {
 
-std::atomic<bool> openHinted{false};
-std::atomic<bool> claimHinted{false};
+Hint openHint;
+Hint claimHint;
+Hint notFoundHint;
 
-bool FirstTime(std::atomic<bool>& hinted) { return !hinted.exchange(true); }
+// The rule the install puts in place, in the words of its file.
+constexpr const char* kUdevRule =
+    "  /usr/lib/udev/rules.d/70-ferrolt.rules (or /etc/udev/rules.d/):\n"
+    "  SUBSYSTEM==\"usb\", ATTR{idVendor}==\"%04x\", ATTR{idProduct}==\"%04x\", TAG+=\"uaccess\"\n";
 
 }  // namespace
 
 void HintOpenFailure(libusb_device* device, uint16_t vendorId, uint16_t productId, int error) {
-  if (!FirstTime(openHinted)) return;
+  if (!openHint.First()) return;
   const int bus = libusb_get_bus_number(device);
   const int address = libusb_get_device_address(device);
   if (error != LIBUSB_ERROR_ACCESS) {
-    std::fprintf(stderr, "ferrolt: cannot open /dev/bus/usb/%03d/%03d: %s\n", bus, address,
-                 libusb_strerror(static_cast<libusb_error>(error)));
+    PrintHintText("cannot open /dev/bus/usb/%03d/%03d: %s\n", bus, address,
+                  libusb_strerror(static_cast<libusb_error>(error)));
     return;
   }
-  std::fprintf(stderr,
-               "ferrolt: no permission to open /dev/bus/usb/%03d/%03d. A udev rule gives it, for instance\n"
-               "  /etc/udev/rules.d/70-ferrolt.rules:\n"
-               "  SUBSYSTEM==\"usb\", ATTR{idVendor}==\"%04x\", ATTR{idProduct}==\"%04x\", MODE=\"0660\", "
-               "GROUP=\"plugdev\"\n"
-               "then 'udevadm control --reload && udevadm trigger', replug the device, and be in group plugdev.\n",
-               bus, address, vendorId, productId);
+  PrintHintText(
+      "no permission to open /dev/bus/usb/%03d/%03d. The udev rule that the install puts in place gives "
+      "it to the user logged in at the machine:\n",
+      bus, address);
+  std::fprintf(stderr, kUdevRule, vendorId, productId);
+  std::fputs("then 'udevadm control --reload-rules && udevadm trigger', or replug the device.\n", stderr);
 }
 
 void HintClaimFailure(libusb_device* device, uint8_t interfaceNumber, int error) {
-  if (!FirstTime(claimHinted)) return;
+  if (!claimHint.First()) return;
   const int bus = libusb_get_bus_number(device);
   const int address = libusb_get_device_address(device);
   if (error == LIBUSB_ERROR_BUSY) {
-    std::fprintf(stderr,
-                 "ferrolt: interface %d of /dev/bus/usb/%03d/%03d is held by another program or driver; "
-                 "end that program (another ferrolt?) and try again.\n",
-                 interfaceNumber, bus, address);
+    PrintHintText(
+        "interface %d of /dev/bus/usb/%03d/%03d is held by another program or driver; end that program "
+        "(another ferrolt?) and try again.\n",
+        interfaceNumber, bus, address);
     return;
   }
-  std::fprintf(stderr, "ferrolt: cannot claim interface %d of /dev/bus/usb/%03d/%03d: %s\n", interfaceNumber, bus,
-               address, libusb_strerror(static_cast<libusb_error>(error)));
+  PrintHintText("cannot claim interface %d of /dev/bus/usb/%03d/%03d: %s\n", interfaceNumber, bus, address,
+                libusb_strerror(static_cast<libusb_error>(error)));
+}
+
+void HintNoDevice(const UsbInterfaceId& wanted) {
+  if (!notFoundHint.First()) return;
+  PrintHintText(
+      "no USB device %04x:%04x with interface %d was found. 'lsusb -d %04x:%04x' lists it when it is "
+      "plugged in; then the udev rule\n",
+      wanted.vendorId, wanted.productId, wanted.interfaceNumber, wanted.vendorId, wanted.productId);
+  std::fprintf(stderr, kUdevRule, wanted.vendorId, wanted.productId);
+  std::fputs(
+      "gives the user at the machine access. Without hardware, FERROLT_EMULATOR=SOCKET or tcp:HOST:PORT "
+      "points ferrolt at ferrolt-devsim.\n",
+      stderr);
 }
 
 }  // namespace ferrolt::platform

@@ -1,12 +1,14 @@
-// Hints on standard error for the two set-up faults a Linux user can fix
-// alone: no permission on the device node, and an interface someone else
-// holds. The console lines of a failed open stay as they are; each hint is
-// printed at most once a run, however often the link retries.
+// Hints on standard error for the set-up faults a Linux user can fix alone:
+// no device to be seen, no permission on the device node, and an interface
+// someone else holds. The console lines of a failed open stay as they are;
+// each hint is printed at most once a run, however often the link retries.
 #pragma once
 
 #include <libusb.h>
 
 #include <cstdint>
+
+#include "platform/UsbInterfacePath.h"
 
 namespace ferrolt::platform {
 
@@ -15,5 +17,8 @@ void HintOpenFailure(libusb_device* device, uint16_t vendorId, uint16_t productI
 
 // libusb_claim_interface failed with error.
 void HintClaimFailure(libusb_device* device, uint8_t interfaceNumber, int error);
+
+// No listed device has the wanted ids and interface.
+void HintNoDevice(const UsbInterfaceId& wanted);
 
 }  // namespace ferrolt::platform

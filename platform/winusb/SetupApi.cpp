@@ -14,6 +14,7 @@ const SetupApi& RealSetupApi() {
       SetupDiEnumDeviceInterfaces,
       SetupDiGetDeviceInterfaceDetailA,
       SetupDiDestroyDeviceInfoList,
+      SetupDiGetDevicePropertyW,
       CreateFileA,
   };
   return api;

@@ -22,6 +22,7 @@ struct SetupApi {
   decltype(&SetupDiEnumDeviceInterfaces) EnumDeviceInterfaces;
   decltype(&SetupDiGetDeviceInterfaceDetailA) GetDeviceInterfaceDetail;
   decltype(&SetupDiDestroyDeviceInfoList) DestroyDeviceInfoList;
+  decltype(&SetupDiGetDevicePropertyW) GetDeviceProperty;
   decltype(&CreateFileA) CreateFileA;
 };
 

@@ -3,12 +3,16 @@
 #include <windows.h>
 // GUID_DEVINTERFACE_USB_DEVICE is defined, not only declared, in this file.
 #include <initguid.h>
+// DEVPKEY_Device_Parent too.
+#include <devpkey.h>
 #include <rpc.h>
 #include <setupapi.h>
 #include <usbiodef.h>
 
 #include <cstdio>
 #include <cstring>
+
+#include "platform/winusb/DeviceInstance.h"
 
 namespace ferrolt::platform {
 namespace {
@@ -27,11 +31,15 @@ constexpr const char* kHardwareIdFormat = "USB\\VID_%04X&PID_%04X&MI_%02X";
 constexpr size_t kHardwareIdSize = sizeof "USB\\VID_0000&PID_0000&MI_00";
 // A string list ends in two NULs; a value read may carry neither.
 constexpr size_t kListTerminators = 2;
+// MAX_DEVICE_ID_LEN of cfgmgr32.h, and its terminating NUL.
+constexpr size_t kInstanceIdSize = 201;
 
 enum class Detail { Read, Skipped, OutOfMemory };
 
 // The interface's path, through a detail record of the size SetupAPI asks for.
-Detail ReadInterfacePath(const SetupApi& api, HDEVINFO set, SP_DEVICE_INTERFACE_DATA& entry, std::string& path) {
+// node gets the device node the interface belongs to.
+Detail ReadInterfacePath(const SetupApi& api, HDEVINFO set, SP_DEVICE_INTERFACE_DATA& entry, std::string& path,
+                         SP_DEVINFO_DATA& node) {
   DWORD required = 0;
   if (!api.GetDeviceInterfaceDetail(set, &entry, nullptr, 0, &required, nullptr) &&
       GetLastError() != ERROR_INSUFFICIENT_BUFFER)
@@ -41,7 +49,8 @@ Detail ReadInterfacePath(const SetupApi& api, HDEVINFO set, SP_DEVICE_INTERFACE_
   if (detail == nullptr) return Detail::OutOfMemory;
   // The size of the fixed part, not of the buffer, as SetupAPI requires.
   detail->cbSize = sizeof(SP_DEVICE_INTERFACE_DETAIL_DATA_A);
-  const bool read = api.GetDeviceInterfaceDetail(set, &entry, detail, required, nullptr, nullptr) != FALSE;
+  node.cbSize = sizeof node;
+  const bool read = api.GetDeviceInterfaceDetail(set, &entry, detail, required, nullptr, &node) != FALSE;
   if (read) path = detail->DevicePath;
   LocalFree(detail);
   return read ? Detail::Read : Detail::Skipped;
@@ -81,6 +90,31 @@ bool ReadInstanceId(const SetupApi& api, HDEVINFO set, SP_DEVINFO_DATA& node, st
   return true;
 }
 
+// The instance id of the node's parent: for an interface of a composite
+// device, the device itself. Empty when it cannot be read.
+std::string ParentInstanceId(const SetupApi& api, HDEVINFO set, SP_DEVINFO_DATA& node) {
+  WCHAR buffer[kInstanceIdSize] = {};
+  DEVPROPTYPE type = DEVPROP_TYPE_EMPTY;
+  if (!api.GetDeviceProperty(set, &node, &DEVPKEY_Device_Parent, &type, reinterpret_cast<BYTE*>(buffer),
+                             sizeof buffer - sizeof(WCHAR), nullptr, 0) ||
+      type != DEVPROP_TYPE_STRING)
+    return {};
+  // Instance ids are ASCII.
+  std::string id;
+  for (const WCHAR* c = buffer; *c != 0; ++c) id.push_back(static_cast<char>(*c));
+  return id;
+}
+
+// The place and serial number that FERROLT_DEVICE picks the interface's
+// device by: the interface's own instance id, and the serial number its id
+// or its parent's carries.
+DeviceIdentity IdentityOf(const SetupApi& api, HDEVINFO set, SP_DEVINFO_DATA& node, const std::string& path) {
+  DeviceIdentity identity{InstanceIdOfPath(path), {}};
+  identity.serial = SerialOfInstanceId(identity.place);
+  if (identity.serial.empty()) identity.serial = SerialOfInstanceId(ParentInstanceId(api, set, node));
+  return identity;
+}
+
 // "{xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx}" as the registry holds it.
 bool ParseGuid(const std::string& text, GUID& guid) {
   if (text.size() < 2 || text.front() != '{' || text.back() != '}') return false;
@@ -110,7 +144,7 @@ std::vector<GUID> RegisteredClasses(const SetupApi& api, HDEVINFO set, SP_DEVINF
 }
 
 void AppendRegisteredPaths(const SetupApi& api, const GUID& interfaceClass, const std::string& instanceId,
-                           std::vector<std::string>& paths) {
+                           std::vector<std::string>& paths, std::vector<DeviceIdentity>& identities) {
   const HDEVINFO set = api.GetClassDevs(&interfaceClass, instanceId.c_str(), nullptr, kNodeInterfaceFlags);
   if (set == INVALID_HANDLE_VALUE) return;
   for (DWORD index = 0;; ++index) {
@@ -118,16 +152,19 @@ void AppendRegisteredPaths(const SetupApi& api, const GUID& interfaceClass, cons
     entry.cbSize = sizeof entry;
     if (!api.EnumDeviceInterfaces(set, nullptr, &interfaceClass, index, &entry)) break;
     std::string path;
-    const Detail detail = ReadInterfacePath(api, set, entry, path);
+    SP_DEVINFO_DATA node{};
+    const Detail detail = ReadInterfacePath(api, set, entry, path, node);
     if (detail == Detail::OutOfMemory) break;
-    if (detail == Detail::Read) paths.push_back(path);
+    if (detail != Detail::Read) continue;
+    paths.push_back(path);
+    identities.push_back(IdentityOf(api, set, node, path));
   }
   api.DestroyDeviceInfoList(set);
 }
 
 }  // namespace
 
-InterfaceListing ListUsbDeviceInterfaces(const SetupApi& api) {
+InterfaceListing ListUsbDeviceInterfaces(const SetupApi& api, std::vector<DeviceIdentity>& identities) {
   InterfaceListing listing;
   const HDEVINFO set = api.GetClassDevs(&GUID_DEVINTERFACE_USB_DEVICE, nullptr, nullptr, kListFlags);
   if (set == INVALID_HANDLE_VALUE) {
@@ -144,12 +181,15 @@ InterfaceListing ListUsbDeviceInterfaces(const SetupApi& api) {
       break;
     }
     std::string path;
-    const Detail detail = ReadInterfacePath(api, set, entry, path);
+    SP_DEVINFO_DATA node{};
+    const Detail detail = ReadInterfacePath(api, set, entry, path, node);
     if (detail == Detail::OutOfMemory) {
       listing.lastError = kErrorNotEnoughMemory;
       break;
     }
-    if (detail == Detail::Read) listing.paths.push_back(path);
+    if (detail != Detail::Read) continue;
+    listing.paths.push_back(path);
+    identities.push_back(IdentityOf(api, set, node, path));
   }
   api.DestroyDeviceInfoList(set);
   return listing;
@@ -159,7 +199,8 @@ InterfaceListing ListUsbDeviceInterfaces(const SetupApi& api) {
 // hub; nothing promises that a composite device's interface node is listed
 // there. WinUSB registers that node under the classes its driver package
 // names, which this reads from the node itself.
-std::vector<std::string> ListRegisteredInterfaces(const SetupApi& api, const UsbInterfaceId& wanted) {
+std::vector<std::string> ListRegisteredInterfaces(const SetupApi& api, const UsbInterfaceId& wanted,
+                                                  std::vector<DeviceIdentity>& identities) {
   std::vector<std::string> paths;
   char hardwareId[kHardwareIdSize] = {};
   std::snprintf(hardwareId, sizeof hardwareId, kHardwareIdFormat, static_cast<unsigned>(wanted.vendorId),
@@ -173,7 +214,7 @@ std::vector<std::string> ListRegisteredInterfaces(const SetupApi& api, const Usb
     std::string instanceId;
     if (!HasHardwareId(api, nodes, node, hardwareId) || !ReadInstanceId(api, nodes, node, instanceId)) continue;
     for (const GUID& interfaceClass : RegisteredClasses(api, nodes, node))
-      AppendRegisteredPaths(api, interfaceClass, instanceId, paths);
+      AppendRegisteredPaths(api, interfaceClass, instanceId, paths, identities);
   }
   api.DestroyDeviceInfoList(nodes);
   return paths;

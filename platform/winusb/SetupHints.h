@@ -1,10 +1,13 @@
-// Hints on standard error for the two set-up faults a Windows user can fix
-// alone: the device held by another program, and an interface without the
-// WinUSB driver. The console lines of a failed open stay as they are; each
-// hint is printed at most once a run, however often the link retries.
+// Hints on standard error for the set-up faults a Windows user can fix alone:
+// no device to be seen, the device held by another program, and an interface
+// without the WinUSB driver. The console lines of a failed open stay as they
+// are; each hint is printed at most once a run, however often the link
+// retries.
 #pragma once
 
 #include <windows.h>
+
+#include "platform/UsbInterfacePath.h"
 
 namespace ferrolt::platform {
 
@@ -13,5 +16,8 @@ void HintOpenFailure(DWORD error);
 
 // WinUsb_Initialize failed with error.
 void HintDriverFailure(DWORD error);
+
+// No listed interface has the wanted ids and interface.
+void HintNoDevice(const UsbInterfaceId& wanted);
 
 }  // namespace ferrolt::platform

@@ -2,6 +2,11 @@
 
 #include <windows.h>
 
+#include <map>
+#include <mutex>
+
+#include "platform/AsciiText.h"
+#include "platform/DeviceChoice.h"
 #include "platform/winusb/SetupApiListing.h"
 #include "platform/winusb/SetupHints.h"
 #include "platform/winusb/WinUsbConnection.h"
@@ -17,10 +22,34 @@ class WinUsbBackend final : public DeviceBackend {
  public:
   WinUsbBackend(const WinUsbApi& api, const SetupApi& setup) : api_(api), setup_(setup) {}
 
-  InterfaceListing ListInterfaces() override { return ListUsbDeviceInterfaces(setup_); }
+  InterfaceListing ListInterfaces() override {
+    std::vector<DeviceIdentity> identities;
+    InterfaceListing listing = ListUsbDeviceInterfaces(setup_, identities);
+    std::lock_guard<std::mutex> lock(mutex_);
+    descriptions_.clear();
+    listing.paths = KeepChosen(listing.paths, identities);
+    return listing;
+  }
 
+  // The vendor interface of a chosen device may be registered only here: a
+  // choice that matched nothing is said once both searches found nothing.
   std::vector<std::string> ListRegisteredInterfaces(const UsbInterfaceId& wanted) override {
-    return platform::ListRegisteredInterfaces(setup_, wanted);
+    std::vector<DeviceIdentity> identities;
+    const std::vector<std::string> paths = platform::ListRegisteredInterfaces(setup_, wanted, identities);
+    std::lock_guard<std::mutex> lock(mutex_);
+    const bool listedBefore = !descriptions_.empty();
+    std::vector<std::string> kept = KeepChosen(paths, identities);
+    const DeviceChoice choice = ChosenDevice();
+    if (kept.empty() && !listedBefore && choice.by != DeviceChoice::By::Anything) HintChoiceMatchesNothing(choice);
+    return kept;
+  }
+
+  void HintNotFound(const UsbInterfaceId& wanted) override { HintNoDevice(wanted); }
+
+  std::string DescribeDevice(const std::string& path) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = descriptions_.find(AsciiLowered(path));
+    return found != descriptions_.end() ? found->second : std::string();
   }
 
   std::unique_ptr<DeviceConnection> Open(const std::string& path) override {
@@ -34,8 +63,26 @@ class WinUsbBackend final : public DeviceBackend {
   }
 
  private:
+  // The paths whose devices FERROLT_DEVICE chooses, each described for a
+  // list of several. Called with mutex_ held.
+  std::vector<std::string> KeepChosen(const std::vector<std::string>& paths,
+                                      const std::vector<DeviceIdentity>& identities) {
+    const DeviceChoice choice = ChosenDevice();
+    std::vector<std::string> kept;
+    for (size_t i = 0; i < paths.size() && i < identities.size(); ++i) {
+      if (!Chooses(choice, identities[i])) continue;
+      kept.push_back(paths[i]);
+      descriptions_[AsciiLowered(paths[i])] = DescribeIdentity(identities[i], "");
+    }
+    return kept;
+  }
+
   const WinUsbApi& api_;
   const SetupApi& setup_;
+  std::mutex mutex_;
+  // What the last listing showed of each chosen path's device, by the
+  // lower-cased path.
+  std::map<std::string, std::string> descriptions_;
 };
 
 }  // namespace

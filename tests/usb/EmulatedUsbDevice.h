@@ -38,6 +38,10 @@ class EmulatedUsbDevice final : public DeviceUnderTest {
     if (bus_ != nullptr) bus_->Unplug();
   }
 
+  // One more device on this bus with the same ids and another serial number;
+  // its folder, record and event log in dir (a folder, received.bin, events.log).
+  bool PlugAnother(const fs::path& dir, const std::string& serial);
+
   void Unplug() { bus_->Unplug(); }
   bool Replug() { return bus_->Replug(); }
   devsim::UsbdevfsDevice& Usb() { return bus_->Usb(); }

@@ -4,6 +4,7 @@
 #include <winsock2.h>
 #include <ws2tcpip.h>
 
+#include <algorithm>
 #include <chrono>
 #include <string>
 #include <thread>
@@ -80,10 +81,15 @@ TEST(EmulatorTcpWindowsTest, ListsOpensAndClosesAtOnceWithAReadWaiting) {
 }
 
 // Given no device listening, or a Unix socket path (not for Windows), the
-// listing is empty.
+// listing is empty, and standard error says once why, in the system's words.
 TEST(EmulatorTcpWindowsTest, NoListenerAndUnixPathsListNothing) {
+  ::testing::internal::CaptureStderr();
   for (const std::string& absent : {std::string("tcp:127.0.0.1:1"), std::string("C:\\device.sock")})
     EXPECT_TRUE(CreateEmulatorBackend(absent)->ListInterfaces().paths.empty()) << absent;
+  const std::string err = ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(err.rfind("ferrolt: cannot reach the device emulator at FERROLT_EMULATOR=tcp:127.0.0.1:1: ", 0), 0u) << err;
+  EXPECT_EQ(err.find("Windows error"), std::string::npos) << err;
+  EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 // CLI-mode file in the working directory.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <fstream>
 #include <iterator>
@@ -53,6 +54,14 @@ TEST_F(FrontEndWindowsTest, VersionWithoutADeviceReportsTheSetupApiSearch) {
   EXPECT_EQ(result.out, WithCrLf("Device not found.\nGeneral failure. GetLastError returned 80070103.\n"
                                  "NONVERBOSE MODE DETECTED!\nSPI SUPPORT IS TURNED ON!\n"
                                  "LogMessageCallBack:\tFailed in writing 'Version Retrieval' to device.\n"));
+  // One hint: the ids searched and the WinUSB binding.
+  EXPECT_EQ(result.err.rfind("ferrolt: no USB device VID_1209&PID_0001 with interface 4 (MI_04) bound to WinUSB "
+                             "was found.",
+                             0),
+            0u)
+      << result.err;
+  EXPECT_NE(result.err.find("WinUSB Device"), std::string::npos) << result.err;
+  EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
   EXPECT_EQ(result.exitCode, 0u);
 }
 

@@ -1,5 +1,9 @@
 #include "tests/windows/WinUsbStandIn.h"
 
+// DEVPKEY_Device_Parent, defined here.
+#include <devpkey.h>
+#include <initguid.h>
+
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
@@ -325,6 +329,7 @@ struct DeviceNode {
   std::string hardwareIds;  // REG_MULTI_SZ
   std::vector<RegistryValue> hardwareKey;
   std::vector<DeviceInterface> interfaces;
+  std::string parentInstanceId;
 };
 
 struct DeviceInfoSet {
@@ -342,17 +347,24 @@ std::string MultiString(std::initializer_list<std::string> strings) {
 
 std::vector<DeviceNode> PresentNodes() {
   std::vector<DeviceNode> nodes;
-  nodes.push_back({"USB\\ROOT_HUB30\\4&2A5B0C1&0&0",
+  constexpr const char* kRootHub = "USB\\ROOT_HUB30\\4&2A5B0C1&0&0";
+  nodes.push_back({kRootHub,
                    MultiString({"USB\\ROOT_HUB30"}),
                    {},
-                   {{kUsbHubClass, "\\\\?\\USB#ROOT_HUB30#4&2A5B0C1&0&0#{F18A0E88-C30C-11D0-8815-00A0C906BED8}"}}});
+                   {{kUsbHubClass, "\\\\?\\USB#ROOT_HUB30#4&2A5B0C1&0&0#{F18A0E88-C30C-11D0-8815-00A0C906BED8}"}},
+                   ""});
   for (const auto& device : PluggedIn()) {
     const std::string ids = Format("USB\\VID_%04X&PID_%04X", device->serial);
     nodes.push_back({ParentInstanceId(*device),
                      MultiString({ids + "&REV_0100", ids}),
                      {},
-                     {{kUsbDeviceClass, ParentPath(*device)}}});
-    DeviceNode vendor{VendorInstanceId(*device), MultiString({ids + "&REV_0100&MI_04", ids + "&MI_04"}), {}, {}};
+                     {{kUsbDeviceClass, ParentPath(*device)}},
+                     kRootHub});
+    DeviceNode vendor{VendorInstanceId(*device),
+                      MultiString({ids + "&REV_0100&MI_04", ids + "&MI_04"}),
+                      {},
+                      {},
+                      ParentInstanceId(*device)};
     if (device->layout == StandInLayout::WithTheUsbDevices)
       vendor.interfaces.push_back({kUsbDeviceClass, VendorPath(*device, kUsbDeviceClassText)});
     vendor.interfaces.push_back({kVendorClass, VendorPath(*device, kVendorClassText)});
@@ -442,6 +454,21 @@ WINBOOL WINAPI GetDeviceInstanceId(HDEVINFO set, PSP_DEVINFO_DATA node, PSTR buf
   return CopyOut(found->instanceId + '\0', buffer, size, required);
 }
 
+// Of a node's properties, its parent's instance id only (a DEVPROP_TYPE_STRING).
+WINBOOL WINAPI GetDeviceProperty(HDEVINFO set, PSP_DEVINFO_DATA node, const DEVPROPKEY* key, DEVPROPTYPE* type,
+                                 PBYTE buffer, DWORD size, PDWORD required, DWORD flags) {
+  const DeviceNode* found = NodeOf(set, node);
+  if (found == nullptr || flags != 0) return Fail(ERROR_INVALID_PARAMETER);
+  if (!IsEqualDevPropKey(*key, DEVPKEY_Device_Parent) || found->parentInstanceId.empty()) return Fail(ERROR_NOT_FOUND);
+  const std::wstring text(found->parentInstanceId.begin(), found->parentInstanceId.end());
+  const DWORD needed = static_cast<DWORD>((text.size() + 1) * sizeof(WCHAR));
+  if (required != nullptr) *required = needed;
+  *type = DEVPROP_TYPE_STRING;
+  if (buffer == nullptr || size < needed) return Fail(ERROR_INSUFFICIENT_BUFFER);
+  std::memcpy(buffer, text.c_str(), needed);
+  return TRUE;
+}
+
 // A key is a copy of the node's values, freed when it is closed.
 HKEY WINAPI OpenDevRegKey(HDEVINFO set, PSP_DEVINFO_DATA node, DWORD, DWORD, DWORD keyType, REGSAM) {
   const DeviceNode* found = NodeOf(set, node);
@@ -492,7 +519,7 @@ WINBOOL WINAPI EnumDeviceInterfaces(HDEVINFO set, PSP_DEVINFO_DATA node, const G
 
 WINBOOL WINAPI GetDeviceInterfaceDetail(HDEVINFO set, PSP_DEVICE_INTERFACE_DATA entry,
                                         PSP_DEVICE_INTERFACE_DETAIL_DATA_A detail, DWORD size, PDWORD required,
-                                        PSP_DEVINFO_DATA) {
+                                        PSP_DEVINFO_DATA node) {
   const DeviceInfoSet& info = *SetOf(set);
   if (entry->Reserved >= info.interfaces.size()) return Fail(ERROR_INVALID_PARAMETER);
   const auto [nodeIndex, interfaceIndex] = info.interfaces[entry->Reserved];
@@ -503,6 +530,10 @@ WINBOOL WINAPI GetDeviceInterfaceDetail(HDEVINFO set, PSP_DEVICE_INTERFACE_DATA 
   if (detail->cbSize != sizeof(SP_DEVICE_INTERFACE_DETAIL_DATA_A)) return Fail(ERROR_INVALID_USER_BUFFER);
   if (size < needed) return Fail(ERROR_INSUFFICIENT_BUFFER);
   std::memcpy(detail->DevicePath, path.c_str(), path.size() + 1);
+  if (node != nullptr) {
+    if (node->cbSize != sizeof(SP_DEVINFO_DATA)) return Fail(ERROR_INVALID_USER_BUFFER);
+    node->DevInst = static_cast<DWORD>(nodeIndex);
+  }
   return TRUE;
 }
 
@@ -539,8 +570,9 @@ const platform::WinUsbApi& StandInWinUsbApi() {
 
 const platform::SetupApi& StandInSetupApi() {
   static const platform::SetupApi api{
-      GetClassDevs, EnumDeviceInfo,       GetDeviceRegistryProperty, GetDeviceInstanceId,   OpenDevRegKey, QueryValue,
-      CloseKey,     EnumDeviceInterfaces, GetDeviceInterfaceDetail,  DestroyDeviceInfoList, OpenInterface};
+      GetClassDevs,      EnumDeviceInfo, GetDeviceRegistryProperty, GetDeviceInstanceId,      OpenDevRegKey,
+      QueryValue,        CloseKey,       EnumDeviceInterfaces,      GetDeviceInterfaceDetail, DestroyDeviceInfoList,
+      GetDeviceProperty, OpenInterface};
   return api;
 }
 
@@ -603,5 +635,7 @@ std::string StandInDevice::InterfacePath() const {
   return VendorPath(*state_,
                     state_->layout == StandInLayout::WithTheUsbDevices ? kUsbDeviceClassText : kVendorClassText);
 }
+
+std::string StandInDevice::Serial() const { return state_->serial; }
 
 }  // namespace ferrolt::test

@@ -81,6 +81,8 @@ class StandInDevice {
   void HaltOut();
   // The path its vendor interface is listed under.
   std::string InterfacePath() const;
+  // The serial number its device instance id carries.
+  std::string Serial() const;
 
  private:
   std::shared_ptr<StandInState> state_;

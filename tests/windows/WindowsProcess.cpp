@@ -18,6 +18,24 @@ std::string CommandLine(const std::string& program, const std::vector<std::strin
   return line;
 }
 
+// A pipe whose write end the child inherits.
+bool ChildPipe(HANDLE& readEnd, HANDLE& writeEnd) {
+  SECURITY_ATTRIBUTES inherited{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
+  if (!CreatePipe(&readEnd, &writeEnd, &inherited, 0)) return false;
+  SetHandleInformation(readEnd, HANDLE_FLAG_INHERIT, 0);
+  return true;
+}
+
+// Reads the pipe to its end into text, on a thread of its own: the child may
+// fill one pipe while the other is read.
+std::thread Drain(HANDLE readEnd, std::string& text) {
+  return std::thread([readEnd, &text] {
+    char chunk[kReadChunk];
+    DWORD count = 0;
+    while (ReadFile(readEnd, chunk, sizeof chunk, &count, nullptr) && count > 0) text.append(chunk, count);
+  });
+}
+
 std::string FullPath(const std::filesystem::path& path) {
   char full[MAX_PATH] = {};
   GetFullPathNameA(path.string().c_str(), sizeof full, full, nullptr);
@@ -32,8 +50,14 @@ ChildResult RunChild(const std::filesystem::path& program, const std::vector<std
   SECURITY_ATTRIBUTES inherited{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
   HANDLE readEnd = nullptr;
   HANDLE writeEnd = nullptr;
-  if (!CreatePipe(&readEnd, &writeEnd, &inherited, 0)) return result;
-  SetHandleInformation(readEnd, HANDLE_FLAG_INHERIT, 0);
+  HANDLE errReadEnd = nullptr;
+  HANDLE errWriteEnd = nullptr;
+  if (!ChildPipe(readEnd, writeEnd)) return result;
+  if (!ChildPipe(errReadEnd, errWriteEnd)) {
+    CloseHandle(readEnd);
+    CloseHandle(writeEnd);
+    return result;
+  }
   HANDLE input =
       CreateFileA("NUL", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherited, OPEN_EXISTING, 0, nullptr);
 
@@ -42,7 +66,7 @@ ChildResult RunChild(const std::filesystem::path& program, const std::vector<std
   startup.dwFlags = STARTF_USESTDHANDLES;
   startup.hStdInput = input;
   startup.hStdOutput = writeEnd;
-  startup.hStdError = writeEnd;
+  startup.hStdError = errWriteEnd;
   PROCESS_INFORMATION process{};
   const std::string application = FullPath(program);
   std::string line = CommandLine(application, args);
@@ -50,28 +74,29 @@ ChildResult RunChild(const std::filesystem::path& program, const std::vector<std
   const bool started = CreateProcessA(application.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr,
                                       directory.c_str(), &startup, &process) != FALSE;
   CloseHandle(writeEnd);
+  CloseHandle(errWriteEnd);
   CloseHandle(input);
   if (!started) {
-    CloseHandle(readEnd);
     result.exitCode = GetLastError();
+    CloseHandle(readEnd);
+    CloseHandle(errReadEnd);
     return result;
   }
 
-  std::thread reader([&] {
-    char chunk[kReadChunk];
-    DWORD count = 0;
-    while (ReadFile(readEnd, chunk, sizeof chunk, &count, nullptr) && count > 0) result.out.append(chunk, count);
-  });
+  std::thread reader = Drain(readEnd, result.out);
+  std::thread errReader = Drain(errReadEnd, result.err);
   if (WaitForSingleObject(process.hProcess, static_cast<DWORD>(timeout.count())) != WAIT_OBJECT_0) {
     result.timedOut = true;
     TerminateProcess(process.hProcess, 1);
     WaitForSingleObject(process.hProcess, INFINITE);
   }
   reader.join();
+  errReader.join();
   GetExitCodeProcess(process.hProcess, &result.exitCode);
   CloseHandle(process.hProcess);
   CloseHandle(process.hThread);
   CloseHandle(readEnd);
+  CloseHandle(errReadEnd);
   return result;
 }
 

@@ -12,7 +12,8 @@ namespace ferrolt::test {
 struct ChildResult {
   unsigned long exitCode = 0;
   bool timedOut = false;
-  std::string out;  // standard output and standard error, as written
+  std::string out;  // standard output, as written
+  std::string err;  // standard error, as written
 };
 
 // program is resolved against the test's working directory.
