@@ -4,6 +4,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 
 namespace ferrolt::limits {
 
@@ -52,6 +53,13 @@ inline constexpr milliseconds kWithdrawWait{1000};
 // streaming is given up on after the limit, and the operation goes ahead.
 inline constexpr milliseconds kStaleBlockWait{20};
 inline constexpr milliseconds kStaleDrainLimit{2000};
+// IN reads kept queued on the link, so a device streaming a download or its
+// answers never waits for the host to ask for the next block.
+inline constexpr size_t kReadsQueued = 16;
+// Upgrade data packets in flight at once. Each completion costs the host an
+// interrupt and a thread hand-off; with this many queued the bus, not that
+// round trip, sets the pace (see the upgrade benchmark).
+inline constexpr size_t kUpgradeWriteWindow = 16;
 // How long process teardown waits for running tasks after closing the link.
 inline constexpr milliseconds kTeardownWait{1000};
 
