@@ -1,5 +1,6 @@
 #include "link/WriteWindow.h"
 
+#include <algorithm>
 #include <vector>
 
 #include "link/Limits.h"
@@ -23,6 +24,12 @@ WriteWindow::Ended WriteWindow::AwaitOldest(ILogMessageCallBack* log) {
   const Ended ended{oldest.tag, link_.AwaitWrite(oldest.write, oldest.deadline, log, behind)};
   writes_.pop_front();
   return ended;
+}
+
+bool WriteWindow::Pending(int32_t tag) const {
+  return std::any_of(writes_.begin(), writes_.end(), [tag](const InFlight& write) {
+    return write.tag == tag && write.write.transfer != nullptr && !write.write.transfer->IsComplete();
+  });
 }
 
 void WriteWindow::Drain() {

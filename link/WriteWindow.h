@@ -29,6 +29,9 @@ class WriteWindow {
 
   bool Full() const { return writes_.size() >= capacity_; }
   bool Empty() const { return writes_.empty(); }
+  // True while a write started with tag is in the window and has not
+  // completed: the device cannot have taken its block yet.
+  bool Pending(int32_t tag) const;
 
   // Starts a write and returns at once; the window must not be full.
   void Start(const uint8_t* block, uint32_t length, int32_t tag);

@@ -165,7 +165,6 @@ class PacketStream {
   bool Settle(const WriteWindow::Ended& ended, BundleFile& file) {
     if (ended.status == TransferStatus::Done) {
       if (ended.tag == failingPacket_) failures_ = 0;
-      if (ended.tag == rewoundTo_) resendWritten_ = true;
       ReportProgress(ended.tag);
       return true;
     }
@@ -184,15 +183,16 @@ class PacketStream {
 
   // A NACK for a packet already sent moves the stream back to it. Numbers at
   // or above the next packet stay stored for a later step. A NACK for the
-  // packet just gone back to, while its resend is still in flight, was sent
-  // before the device had the resend: it refuses nothing new. Once the resend
-  // is written, a NACK for it is a refusal again.
+  // packet just gone back to, while the write of its resend has not
+  // completed, was sent before the device had the resend: it refuses nothing
+  // new. Once that write has completed (the device has the block; its NACK
+  // comes after the completion), a NACK for it is a refusal again.
   bool TakeNack(BundleFile& file) {
     uint32_t stored = op_.reader.NackedPacketNumber.load();
     const int32_t nacked = static_cast<int32_t>(stored);
     // kNoNack reads as -1 here.
     if (nacked < 0 || nacked >= next_) return false;
-    const bool stale = nacked == rewoundTo_ && !resendWritten_;
+    const bool stale = nacked == rewoundTo_ && window_.Pending(nacked);
     if (!stale) {
       std::printf("Resending NACK packet, packet No : %d\n", nacked);
       RewindTo(nacked, file);
@@ -212,7 +212,6 @@ class PacketStream {
     file.SeekToPacket(packet);
     next_ = packet;
     rewoundTo_ = packet;
-    resendWritten_ = false;
   }
 
   void ReportProgress(int32_t written) {
@@ -228,9 +227,7 @@ class PacketStream {
   int32_t packetCount_ = 0;
   int32_t next_ = 0;  // the next packet to start
   int lastPercent_ = kNoPercentYet;
-  // The packet gone back to last, and whether its resend has been written.
-  int32_t rewoundTo_ = kNoPacket;
-  bool resendWritten_ = false;
+  int32_t rewoundTo_ = kNoPacket;  // the packet gone back to last
   // The packet whose writes failed last, and how often in a row.
   int32_t failingPacket_ = kNoPacket;
   int failures_ = 0;
