@@ -140,9 +140,8 @@ int Run(const fs::path& dir) {
               CpuMicrosPerPacket(packets, upgrade), upgrade.ok ? "" : "  (FAILED)");
   std::printf("  %-28s %8.2f s %10.0f packets/s %6.1f us CPU/packet%s\n", "raw block pump, window", raw.seconds,
               PerSecond(packets, raw), CpuMicrosPerPacket(packets, raw), raw.ok ? "" : "  (FAILED)");
-  std::printf("  %-28s %8.2f s %10.0f packets/s %6.1f us CPU/packet%s\n", "raw block pump, 1 in flight",
-              rawOne.seconds, PerSecond(packets, rawOne), CpuMicrosPerPacket(packets, rawOne),
-              rawOne.ok ? "" : "  (FAILED)");
+  std::printf("  %-28s %8.2f s %10.0f packets/s %6.1f us CPU/packet%s\n", "raw block pump, 1 in flight", rawOne.seconds,
+              PerSecond(packets, rawOne), CpuMicrosPerPacket(packets, rawOne), rawOne.ok ? "" : "  (FAILED)");
   std::printf("  %-28s %8.2f   (target >= 0.80)\n", "upgrade / windowed raw", ratio);
   std::printf("  %-28s %8ld KiB\n", "ferrolt peak RSS, 1 MiB", smallRss);
   std::printf("  %-28s %8ld KiB   (first %lld s of the run)\n", "ferrolt peak RSS, 256 MiB", largeRss,

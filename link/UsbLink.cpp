@@ -157,8 +157,9 @@ void UsbLink::CloseDevice() {
   // reconnect): the reads after reopening take them, in order. The reads
   // after the first that holds none are gone with the link.
   std::lock_guard<std::mutex> lock(mutex_);
-  const auto firstEmpty = std::find_if(queuedReads_.begin(), queuedReads_.end(),
-                                       [](const std::shared_ptr<platform::Transfer>& read) { return !HoldsBlock(*read); });
+  const auto firstEmpty =
+      std::find_if(queuedReads_.begin(), queuedReads_.end(),
+                   [](const std::shared_ptr<platform::Transfer>& read) { return !HoldsBlock(*read); });
   queuedReads_.erase(firstEmpty, queuedReads_.end());
 }
 

@@ -2,6 +2,8 @@
 // packets without waiting between them, goes back to a packet the device
 // refuses (go-back-N on the NACKs the response reader stores), then sends the
 // end packet and waits for the device's end report.
+#include "transfer/UpgradeBundle.h"
+
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -11,8 +13,6 @@
 #include <optional>
 #include <string>
 #include <thread>
-
-#include "transfer/UpgradeBundle.h"
 
 #include "link/DevicePacket.h"
 #include "link/Limits.h"
@@ -152,8 +152,7 @@ class PacketStream {
         continue;
       }
       Block packet{};
-      BuildPacket(static_cast<uint8_t>(PacketType::Upgrade), static_cast<uint32_t>(next_), piece, count,
-                  packet.data());
+      BuildPacket(static_cast<uint8_t>(PacketType::Upgrade), static_cast<uint32_t>(next_), piece, count, packet.data());
       if (resend) LogText(op_.log, "Write data :" + BytesToHex(packet.data(), static_cast<int>(kBlockSize)));
       window_.Start(packet.data(), kBlockSize, next_);
       ++next_;

@@ -81,11 +81,11 @@ extern const std::vector<ContractRow> kContractRows;
 class InFlightContract : public ::testing::TestWithParam<PeerMaker> {};
 
 // Instantiates the contract for one backend's peer.
-#define FERROLT_TRANSFER_CONTRACT(Backend, maker)                                                        \
-  INSTANTIATE_TEST_SUITE_P(Backend, TransferContract,                                                    \
+#define FERROLT_TRANSFER_CONTRACT(Backend, maker)                                                            \
+  INSTANTIATE_TEST_SUITE_P(Backend, TransferContract,                                                        \
                            ::testing::Combine(::testing::Values(maker), ::testing::ValuesIn(kContractRows)), \
-                           ContractCaseName);                                                            \
-  INSTANTIATE_TEST_SUITE_P(Backend, InFlightContract, ::testing::Values(maker),                         \
+                           ContractCaseName);                                                                \
+  INSTANTIATE_TEST_SUITE_P(Backend, InFlightContract, ::testing::Values(maker),                              \
                            [](const auto&) { return std::string("InFlight"); })
 
 }  // namespace ferrolt::test

@@ -58,15 +58,15 @@ TEST_P(UpgradeTable, StoresTheBundle) {
 
 INSTANTIATE_TEST_SUITE_P(
     Faults, UpgradeTable,
-    testing::Values(UpgradeCase{"OnePacket", 57, {}, "", false},
-                    UpgradeCase{"Nacks", kLargeBundle, {"nack=3,100,2000"}, "Resending NACK packet, packet No : 100\n",
-                                true, 3},
-                    UpgradeCase{"NackAlwaysUpToTheBound", kLargeBundle, {"nack-always=50"}, "", true, 5},
-                    UpgradeCase{"CorruptPackets", kLargeBundle, {"corrupt=7,1500"}, "CRC error\n", true, 2},
-                    UpgradeCase{"NackBeyondTheCount", kLargeBundle, {"nack-beyond=20"}, "", false},
-                    UpgradeCase{"DoubleNack", kLargeBundle, {"double-nack=400"}, "Sequence error\n", true},
-                    UpgradeCase{"CorruptEndStatus", kLargeBundle, {"corrupt-status-crc"}, "CRC failed.\n", false},
-                    UpgradeCase{"Mixed", kLargeBundle, {"nack=10", "corrupt=900", "double-nack=3000"}, "", true}),
+    testing::Values(
+        UpgradeCase{"OnePacket", 57, {}, "", false},
+        UpgradeCase{"Nacks", kLargeBundle, {"nack=3,100,2000"}, "Resending NACK packet, packet No : 100\n", true, 3},
+        UpgradeCase{"NackAlwaysUpToTheBound", kLargeBundle, {"nack-always=50"}, "", true, 5},
+        UpgradeCase{"CorruptPackets", kLargeBundle, {"corrupt=7,1500"}, "CRC error\n", true, 2},
+        UpgradeCase{"NackBeyondTheCount", kLargeBundle, {"nack-beyond=20"}, "", false},
+        UpgradeCase{"DoubleNack", kLargeBundle, {"double-nack=400"}, "Sequence error\n", true},
+        UpgradeCase{"CorruptEndStatus", kLargeBundle, {"corrupt-status-crc"}, "CRC failed.\n", false},
+        UpgradeCase{"Mixed", kLargeBundle, {"nack=10", "corrupt=900", "double-nack=3000"}, "", true}),
     [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
