@@ -1,8 +1,9 @@
 // File upload and download throughput against a spawned ferrolt-devsim over
 // the emulator link, each beside a raw pump of as many 64-byte blocks over the
 // same link (writes for the upload, reads of the device's stream for the
-// download), and the peak memory of a spawned ferrolt for a small and a large
-// file, which must not grow with the file.
+// download, with the link's queue of reads), the host CPU time per packet of
+// the download, and the peak memory of a spawned ferrolt for a small and a
+// large file, which must not grow with the file.
 #include <unistd.h>
 
 #include <cstdio>
@@ -20,6 +21,7 @@ namespace ferrolt::bench {
 namespace {
 
 constexpr size_t kThroughputFile = size_t{2} << 20;
+constexpr size_t kDownloadFile = size_t{16} << 20;
 constexpr size_t kSmallFile = size_t{1} << 20;
 constexpr size_t kLargeFile = size_t{16} << 20;
 
@@ -46,26 +48,35 @@ double TimeUpload(const std::string& endpoint, const std::string& name) {
   return ended ? taken : -1;
 }
 
-double TimeDownload(const std::string& endpoint, const std::string& devicePath, const fs::path& savePath) {
+struct Timed {
+  double seconds = -1;
+  double cpuSeconds = 0;
+};
+
+Timed TimeDownload(const std::string& endpoint, const std::string& devicePath, const fs::path& savePath) {
   DeviceAdmin admin(platform::CreateEmulatorBackend(endpoint));
   NullLog log;
   QuietStdout quiet;
+  const double cpuStart = CpuSeconds();
   const auto start = Clock::now();
   admin.DownloadFileAsync(devicePath, savePath.string(), nullptr, &log);
   const bool ended = WaitUntilIdle(admin);
-  const double taken = Seconds(Clock::now() - start);
+  Timed timed;
+  if (ended) timed.seconds = Seconds(Clock::now() - start);
+  timed.cpuSeconds = CpuSeconds() - cpuStart;
   admin.Shutdown(kShutdownBound);
-  return ended ? taken : -1;
+  return timed;
 }
 
 struct RawPump {
   double writeSeconds = -1;
   double readSeconds = -1;
+  double readCpuSeconds = 0;
 };
 
-// count blocks written one by one, then count blocks of the device's stream
-// of devicePath read one by one, with nothing done to them.
-RawPump PumpRaw(const std::string& endpoint, int count, const std::string& devicePath) {
+// count blocks written one by one, then readCount blocks of the device's
+// stream of devicePath read, with nothing done to them.
+RawPump PumpRaw(const std::string& endpoint, int count, int readCount, const std::string& devicePath) {
   auto backend = platform::CreateEmulatorBackend(endpoint);
   platform::Event cancel;
   UsbLink link(*backend, cancel);
@@ -79,12 +90,14 @@ RawPump PumpRaw(const std::string& endpoint, int count, const std::string& devic
   link.CloseDevice();
   if (!link.ConnectDevice(kProductId, kVendorId, nullptr)) return pump;
   const Block request = BuildTextPacket(PacketType::Download, "Starting download " + devicePath);
+  const double cpuStart = CpuSeconds();
   start = Clock::now();
   link.WritePacket(request.data(), kBlockSize, nullptr);
-  for (int i = 0; i < count; ++i) {
+  for (int i = 0; i < readCount; ++i) {
     if (link.ReadPacketBlocking(block.data(), kBlockSize, nullptr) != 0) return pump;
   }
   pump.readSeconds = Seconds(Clock::now() - start);
+  pump.readCpuSeconds = CpuSeconds() - cpuStart;
   link.CloseDevice();
   return pump;
 }
@@ -109,25 +122,33 @@ int Run(const fs::path& work) {
   // The upload names the file by its path; run where it lies.
   fs::current_path(work);
   WriteRandomFile(work / "up.bin", kThroughputFile, 1);
-  WriteRandomFile(deviceTmp / "down.bin", kThroughputFile, 2);
+  WriteRandomFile(deviceTmp / "down.bin", kDownloadFile, 2);
   WriteRandomFile(work / "small.bin", kSmallFile, 3);
   WriteRandomFile(work / "large.bin", kLargeFile, 4);
   WriteRandomFile(deviceTmp / "small.bin", kSmallFile, 5);
   WriteRandomFile(deviceTmp / "large.bin", kLargeFile, 6);
 
   const int packets = static_cast<int>((kThroughputFile + kPayloadSize - 1) / kPayloadSize);
+  const int downloadPackets = static_cast<int>((kDownloadFile + kPayloadSize - 1) / kPayloadSize);
   const double mib = static_cast<double>(kThroughputFile) / (kKiB * kKiB);
+  const double downloadMib = static_cast<double>(kDownloadFile) / (kKiB * kKiB);
   const double upload = TimeUpload(endpoint, "up.bin");
-  const double download = TimeDownload(endpoint, "/tmp/down.bin", work / "down.out");
-  const RawPump raw = PumpRaw(endpoint, packets, "/tmp/down.bin");
+  const Timed download = TimeDownload(endpoint, "/tmp/down.bin", work / "down.out");
+  const RawPump raw = PumpRaw(endpoint, packets, downloadPackets, "/tmp/down.bin");
 
-  std::printf("file_transfer_throughput (%zu-byte file, %d packets)\n", kThroughputFile, packets);
+  std::printf("file_transfer_throughput (%zu-byte upload, %d packets)\n", kThroughputFile, packets);
   PrintThroughput("upload", upload, mib);
   PrintThroughput("raw write pump", raw.writeSeconds, mib);
   std::printf("  %-34s %8.2f\n", "upload / raw", Ratio(upload, raw.writeSeconds));
-  PrintThroughput("download", download, mib);
-  PrintThroughput("raw read pump", raw.readSeconds, mib);
-  std::printf("  %-34s %8.2f\n", "download / raw", Ratio(download, raw.readSeconds));
+  std::printf("download (%zu-byte file, %d packets, %zu reads queued)\n", kDownloadFile, downloadPackets,
+              limits::kReadsQueued);
+  PrintThroughput("download", download.seconds, downloadMib);
+  PrintThroughput("raw read pump", raw.readSeconds, downloadMib);
+  std::printf("  %-34s %8.0f packets/s %6.1f us CPU/packet\n", "download", downloadPackets / download.seconds,
+              download.cpuSeconds * 1e6 / downloadPackets);
+  std::printf("  %-34s %8.0f packets/s %6.1f us CPU/packet\n", "raw read pump", downloadPackets / raw.readSeconds,
+              raw.readCpuSeconds * 1e6 / downloadPackets);
+  std::printf("  %-34s %8.2f\n", "download / raw", Ratio(download.seconds, raw.readSeconds));
 
   const std::vector<std::string> env{"FERROLT_EMULATOR=" + endpoint};
   const long uploadSmall = PeakRssOf({FERROLT_BIN, "upload", "small.bin"}, env);
@@ -138,7 +159,7 @@ int Run(const fs::path& work) {
   std::printf("  %-34s %8ld KiB\n", "ferrolt peak RSS, upload 16 MiB", uploadLarge);
   std::printf("  %-34s %8ld KiB\n", "ferrolt peak RSS, download 1 MiB", downloadSmall);
   std::printf("  %-34s %8ld KiB\n", "ferrolt peak RSS, download 16 MiB", downloadLarge);
-  return upload > 0 && download > 0 && raw.writeSeconds > 0 && raw.readSeconds > 0 ? 0 : 1;
+  return upload > 0 && download.seconds > 0 && raw.writeSeconds > 0 && raw.readSeconds > 0 ? 0 : 1;
 }
 
 }  // namespace

@@ -26,31 +26,39 @@ void LogTransferStatus(TransferStatus status, const char* failedText, ILogMessag
 }  // namespace
 
 TransferStatus UsbLink::WritePacket(const uint8_t* block, uint32_t length, ILogMessageCallBack* log) {
-  std::shared_ptr<platform::Transfer> transfer;
+  return AwaitWrite(StartWrite(block, length), std::chrono::steady_clock::now() + limits::kWriteWait, log);
+}
+
+UsbLink::PendingWrite UsbLink::StartWrite(const uint8_t* block, uint32_t length) {
+  PendingWrite write;
   // Not held through the wait: a close meanwhile releases the connection,
   // which ends the write.
-  std::weak_ptr<platform::DeviceConnection> startedOn;
   if (const auto connection = Connection()) {
-    transfer = connection->StartWrite(BulkOutPipeId(), block, length);
-    startedOn = connection;
+    write.transfer = connection->StartWrite(BulkOutPipeId(), block, length);
+    write.startedOn = connection;
   }
+  return write;
+}
 
+TransferStatus UsbLink::AwaitWrite(const PendingWrite& write, std::chrono::steady_clock::time_point deadline,
+                                   ILogMessageCallBack* log, const QueuedBehind& queuedBehind) {
   // A write that failed at once never completes: it waits out its time-out
   // on the cancel event alone, as a stalled pipe would.
-  const platform::Event* completion = transfer ? &transfer->Completion() : nullptr;
+  const platform::Event* completion = write.transfer ? &write.transfer->Completion() : nullptr;
   TransferStatus status = TransferStatus::TimedOut;
-  switch (platform::WaitAny({&cancelEvent_, completion}, limits::kWriteWait)) {
+  switch (platform::WaitAny({&cancelEvent_, completion}, platform::TimeLeft(deadline))) {
     case kCancelSignalled:
       status = TransferStatus::Cancelled;
       break;
     case kTransferCompleted:
-      status = transfer->Succeeded() ? TransferStatus::Done : TransferStatus::Failed;
+      status = write.transfer->Succeeded() ? TransferStatus::Done : TransferStatus::Failed;
       break;
     case platform::kWaitFailed:
       status = TransferStatus::Failed;
       break;
     default:
-      if (transfer && WithdrawWrite(startedOn, *transfer)) status = TransferStatus::Done;
+      if (write.transfer && WithdrawWrite(write, queuedBehind ? queuedBehind() : std::vector<PendingWrite>{}))
+        status = TransferStatus::Done;
       break;
   }
   LogTransferStatus(status, kWriteFailedText, log);
@@ -61,11 +69,17 @@ TransferStatus UsbLink::WritePacket(const uint8_t* block, uint32_t length, ILogM
 // controller, and a device that recovers would take it and every copy the
 // caller sends after it. Where the stack can withdraw it, it is withdrawn and
 // its end awaited; true when it went out all the same.
-bool UsbLink::WithdrawWrite(const std::weak_ptr<platform::DeviceConnection>& startedOn,
-                            platform::Transfer& transfer) {
+bool UsbLink::WithdrawWrite(const PendingWrite& write, const std::vector<PendingWrite>& queuedBehind) {
+  platform::Transfer& transfer = *write.transfer;
   // A connection closed meanwhile has ended the write itself.
-  const std::shared_ptr<platform::DeviceConnection> connection = startedOn.lock();
-  if (connection && !connection->Abort(transfer)) return false;
+  const std::shared_ptr<platform::DeviceConnection> connection = write.startedOn.lock();
+  if (connection) {
+    // Newest first: a write withdrawn while later ones wait behind it would
+    // let the next of them go out in its place.
+    for (auto later = queuedBehind.rbegin(); later != queuedBehind.rend(); ++later)
+      if (later->transfer) connection->Abort(*later->transfer);
+    if (!connection->Abort(transfer)) return false;
+  }
   // An abort that crossed the last handshake fails the write with all of its
   // bytes moved: the device has the block.
   return transfer.Completion().WaitFor(limits::kWithdrawWait) &&
@@ -95,21 +109,21 @@ TransferStatus UsbLink::ReadBlock(uint8_t* buffer, uint32_t length, std::chrono:
   const bool withCancel = kind == ReadWait::WithCancel;
   if (bytesReceived != nullptr) *bytesReceived = 0;
   for (;;) {
-    const std::shared_ptr<platform::Transfer> transfer = PendingRead(length);
+    const std::shared_ptr<platform::Transfer> transfer = OldestRead(length);
     if (transfer == nullptr && !withCancel) return TransferStatus::Failed;
 
     const platform::Event* completion = transfer ? &transfer->Completion() : nullptr;
     const int woke = platform::WaitAny({withCancel ? &cancelEvent_ : nullptr, completion}, platform::TimeLeft(deadline));
     // What the read holds now, looked at without waiting.
     const bool complete = transfer != nullptr && transfer->IsComplete();
-    // A cancelled read stays pending, complete or not: the next read takes
+    // A cancelled read stays queued, complete or not: the next read takes
     // its block, so none is lost.
     if (woke == kCancelSignalled) {
       if (bytesReceived != nullptr && complete) *bytesReceived = transfer->BytesTransferred();
       return TransferStatus::Cancelled;
     }
     if (!complete) return TransferStatus::TimedOut;
-    ForgetPendingRead(transfer);
+    ForgetOldestRead(transfer);
 
     // A whole block is a block, however the transfer ended: a read that was
     // cancelled or failed just as its data arrived still brought it.
@@ -129,26 +143,33 @@ bool UsbLink::HoldsBlock(platform::Transfer& read) {
   return read.IsComplete() && read.BytesTransferred() == read.RequestedLength();
 }
 
-std::shared_ptr<platform::Transfer> UsbLink::PendingRead(uint32_t length) {
+// Topped up at the start of each read rather than as each read is taken: the
+// next read starts once the caller has handled the block before it.
+std::shared_ptr<platform::Transfer> UsbLink::OldestRead(uint32_t length) {
   std::shared_ptr<platform::DeviceConnection> connection;
   uint8_t pipe = 0;
+  size_t queued = 0;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (pendingRead_ != nullptr) return pendingRead_;
     connection = WinUsbHandle;
     pipe = BulkInPipe;
+    queued = queuedReads_.size();
   }
-  if (connection == nullptr) return nullptr;
-  std::shared_ptr<platform::Transfer> transfer = connection->StartRead(pipe, length);
+  for (; connection != nullptr && queued < limits::kReadsQueued; ++queued) {
+    std::shared_ptr<platform::Transfer> transfer = connection->StartRead(pipe, length);
+    if (transfer == nullptr) break;
+    std::lock_guard<std::mutex> lock(mutex_);
+    // Kept only while the link it was started on is still the open one.
+    if (WinUsbHandle != connection) break;
+    queuedReads_.push_back(std::move(transfer));
+  }
   std::lock_guard<std::mutex> lock(mutex_);
-  // Kept only while the link it was started on is still the open one.
-  if (WinUsbHandle == connection) pendingRead_ = transfer;
-  return transfer;
+  return queuedReads_.empty() ? nullptr : queuedReads_.front();
 }
 
-void UsbLink::ForgetPendingRead(const std::shared_ptr<platform::Transfer>& transfer) {
+void UsbLink::ForgetOldestRead(const std::shared_ptr<platform::Transfer>& transfer) {
   std::lock_guard<std::mutex> lock(mutex_);
-  if (pendingRead_ == transfer) pendingRead_.reset();
+  if (!queuedReads_.empty() && queuedReads_.front() == transfer) queuedReads_.pop_front();
 }
 
 void UsbLink::FlushPipes() {
@@ -157,7 +178,7 @@ void UsbLink::FlushPipes() {
   uint8_t outPipe = 0;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    pendingRead_.reset();
+    queuedReads_.clear();
     connection = WinUsbHandle;
     inPipe = BulkInPipe;
     outPipe = BulkOutPipe;

@@ -2,6 +2,7 @@
 // binding and its two bulk pipes.
 #include "link/UsbLink.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <utility>
@@ -142,22 +143,24 @@ bool UsbLink::QueryPipes() {
 
 void UsbLink::CloseDevice() {
   std::shared_ptr<platform::DeviceConnection> connection;
-  std::shared_ptr<platform::Transfer> pending;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (!DeviceOpen) return;
     connection = std::move(WinUsbHandle);
-    pending = pendingRead_;
     DeviceOpen = false;
   }
   // Released outside the lock: the connection aborts its outstanding
   // transfers, and a reader waiting on one sees it complete.
   connection.reset();
-  // A read that brought its block before the link went holds data the device
-  // counts as delivered (the answer to a block sent before a reconnect): the
-  // next read after reopening takes it. Any other read is gone with the link.
+  // Reads that brought their blocks before the link went hold data the
+  // device counts as delivered (the answer to a block sent before a
+  // reconnect): the reads after reopening take them, in order. The reads
+  // after the first that holds none are gone with the link.
   std::lock_guard<std::mutex> lock(mutex_);
-  if (pendingRead_ == pending && !(pending && HoldsBlock(*pending))) pendingRead_.reset();
+  const auto firstEmpty =
+      std::find_if(queuedReads_.begin(), queuedReads_.end(),
+                   [](const std::shared_ptr<platform::Transfer>& read) { return !HoldsBlock(*read); });
+  queuedReads_.erase(firstEmpty, queuedReads_.end());
 }
 
 bool UsbLink::IsOpen() const {

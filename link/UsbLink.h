@@ -3,9 +3,13 @@
 // interface.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "link/Callbacks.h"
 #include "platform/DeviceBackend.h"
@@ -56,6 +60,23 @@ class UsbLink {
 
   // 500 ms write to the bulk OUT pipe.
   TransferStatus WritePacket(const uint8_t* block, uint32_t length, ILogMessageCallBack* log);
+  // A write started on the bulk OUT pipe and not yet awaited: its transfer
+  // (null when it failed at once) and the connection it went out on.
+  struct PendingWrite {
+    std::shared_ptr<platform::Transfer> transfer;
+    std::weak_ptr<platform::DeviceConnection> startedOn;
+  };
+  // The two halves of WritePacket, for callers that keep several writes in
+  // flight: StartWrite returns at once; AwaitWrite waits for the write until
+  // deadline or the cancel event, withdraws one whose wait ran out, and logs
+  // as WritePacket does. queuedBehind, asked only once the wait has run out,
+  // names the writes started after it and still in flight: they are
+  // withdrawn first, newest first, so that none of them goes out once it is
+  // gone.
+  using QueuedBehind = std::function<std::vector<PendingWrite>()>;
+  PendingWrite StartWrite(const uint8_t* block, uint32_t length);
+  TransferStatus AwaitWrite(const PendingWrite& write, std::chrono::steady_clock::time_point deadline,
+                            ILogMessageCallBack* log, const QueuedBehind& queuedBehind = nullptr);
   // 5 ms read from the bulk IN pipe; bytesReceived gets the count.
   TransferStatus ReadPacket(uint8_t* buffer, uint32_t length, ILogMessageCallBack* log, uint32_t* bytesReceived);
   // Read without the cancel event: 0 when a block arrived, 1 when the read
@@ -81,15 +102,18 @@ class UsbLink {
 
  private:
   enum class ReadWait { WithCancel, WithoutCancel };
-  // One block from the bulk IN pipe. At most one IN read is outstanding: a
-  // read whose wait ran out stays pending and the next read waits on it
-  // again, so no block the device sent is lost or handled twice.
+  // One block from the bulk IN pipe. Up to limits::kReadsQueued IN reads
+  // stay queued, so the device never waits for the host to ask for its next
+  // block; each call takes the oldest. A read whose wait ran out stays queued
+  // and the next call waits on it again, so no block the device sent is lost
+  // or handled twice.
   TransferStatus ReadBlock(uint8_t* buffer, uint32_t length, std::chrono::milliseconds wait, ReadWait kind,
                            uint32_t* bytesReceived);
-  // The outstanding IN read, started now if there is none; null on a closed link.
-  std::shared_ptr<platform::Transfer> PendingRead(uint32_t length);
-  void ForgetPendingRead(const std::shared_ptr<platform::Transfer>& transfer);
-  bool WithdrawWrite(const std::weak_ptr<platform::DeviceConnection>& startedOn, platform::Transfer& transfer);
+  // The oldest queued IN read, after topping the queue up on the open link;
+  // null when none is queued and the link is closed.
+  std::shared_ptr<platform::Transfer> OldestRead(uint32_t length);
+  void ForgetOldestRead(const std::shared_ptr<platform::Transfer>& transfer);
+  bool WithdrawWrite(const PendingWrite& write, const std::vector<PendingWrite>& queuedBehind);
   // True for a finished read that brought a whole block.
   static bool HoldsBlock(platform::Transfer& read);
   // Reads and drops what the device queued for an earlier link.
@@ -108,9 +132,10 @@ class UsbLink {
   uint8_t BulkInPipe = 0;
   uint8_t BulkOutPipe = 0;
   char DevicePath[kDevicePathSize] = {};
-  std::shared_ptr<platform::Transfer> pendingRead_;
+  // Oldest first; the backends complete reads on a pipe in the order started.
+  std::deque<std::shared_ptr<platform::Transfer>> queuedReads_;
   bool drainAtOpen_ = true;
-  // Serialises IN reads so one pending read is waited on by one reader.
+  // Serialises IN reads so the queue is taken from by one reader at a time.
   std::mutex readMutex_;
 };
 

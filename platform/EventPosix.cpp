@@ -58,6 +58,19 @@ void Event::Detach(Waiter* waiter) const {
   waiters_.erase(std::remove(waiters_.begin(), waiters_.end(), waiter), waiters_.end());
 }
 
+namespace {
+
+int FirstSetOf(std::initializer_list<const Event*> events) {
+  int index = 0;
+  for (const Event* event : events) {
+    if (event != nullptr && event->IsSet()) return index;
+    ++index;
+  }
+  return kWaitTimedOut;
+}
+
+}  // namespace
+
 // Registers one waiter with every listed event for the length of a WaitAny.
 class EventWaiter {
  public:
@@ -72,14 +85,7 @@ class EventWaiter {
   EventWaiter(const EventWaiter&) = delete;
   EventWaiter& operator=(const EventWaiter&) = delete;
 
-  int FirstSet() const {
-    int index = 0;
-    for (const Event* event : events_) {
-      if (event != nullptr && event->IsSet()) return index;
-      ++index;
-    }
-    return kWaitTimedOut;
-  }
+  int FirstSet() const { return FirstSetOf(events_); }
 
   int Wait(std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
@@ -100,6 +106,9 @@ class EventWaiter {
 };
 
 int WaitAny(std::initializer_list<const Event*> events, std::chrono::milliseconds timeout) {
+  // With writes in flight most waits find their event set already: no need
+  // to park a waiter on every event for them.
+  if (const int index = FirstSetOf(events); index != kWaitTimedOut) return index;
   EventWaiter waiter(events);
   return waiter.Wait(timeout);
 }

@@ -2,6 +2,8 @@
 // packets without waiting between them, goes back to a packet the device
 // refuses (go-back-N on the NACKs the response reader stores), then sends the
 // end packet and waits for the device's end report.
+#include "transfer/UpgradeBundle.h"
+
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -12,10 +14,9 @@
 #include <string>
 #include <thread>
 
-#include "transfer/UpgradeBundle.h"
-
 #include "link/DevicePacket.h"
 #include "link/Limits.h"
+#include "link/WriteWindow.h"
 #include "transfer/FilePackets.h"
 #include "transfer/LocalPath.h"
 
@@ -107,75 +108,128 @@ enum class StreamEnd {
   ReadFailed,   // the bundle file could not be read
 };
 
-// The data phase: one step per packet, in order, going back on a NACK for an
-// earlier packet.
+// The data phase: packets in order, up to a window of them in flight, going
+// back to a packet the device refused or whose write failed. Writes past that
+// packet drain first; the device drops what comes out of order.
 class PacketStream {
  public:
-  explicit PacketStream(const OperationContext& op) : op_(op) {}
+  explicit PacketStream(const OperationContext& op) : op_(op), window_(op.link, limits::kUpgradeWriteWindow) {}
 
   StreamEnd Send(BundleFile& file, int32_t packetCount) {
-    int lastPercent = kNoPercentYet;
-    for (index_ = 0; index_ < packetCount; ++index_) {
+    packetCount_ = packetCount;
+    const StreamEnd end = Stream(file);
+    // At a stop or a failure, what is still in flight ends within its wait.
+    window_.Drain();
+    return end;
+  }
+
+  int32_t Index() const { return next_; }
+
+ private:
+  static constexpr int32_t kNoPacket = -1;
+
+  StreamEnd Stream(BundleFile& file) {
+    int32_t end = packetCount_;
+    for (;;) {
       if (!op_.Running()) return StreamEnd::Stopped;
-      std::unique_lock<std::mutex> step(op_.linkMutex);
+      if (window_.Full() || (next_ >= end && !window_.Empty())) {
+        if (!Settle(window_.AwaitOldest(op_.log), file)) return StreamEnd::WriteFailed;
+        continue;
+      }
+      std::lock_guard<std::mutex> step(op_.linkMutex);
       const bool resend = TakeNack(file);
+      if (next_ >= end) {
+        if (window_.Empty()) return StreamEnd::Sent;
+        continue;
+      }
       uint8_t piece[kPayloadSize];
       uint8_t count = 0;
       const BundleFile::Piece read = file.ReadPiece(piece, count);
-      if (read == BundleFile::Piece::End) return StreamEnd::Sent;
       if (read == BundleFile::Piece::Failed) return StreamEnd::ReadFailed;
+      if (read == BundleFile::Piece::End) {
+        // The file ended early: what is in flight still ends.
+        end = next_;
+        continue;
+      }
       Block packet{};
-      BuildPacket(static_cast<uint8_t>(PacketType::Upgrade), static_cast<uint32_t>(index_), piece, count,
-                  packet.data());
+      BuildPacket(static_cast<uint8_t>(PacketType::Upgrade), static_cast<uint32_t>(next_), piece, count, packet.data());
       if (resend) LogText(op_.log, "Write data :" + BytesToHex(packet.data(), static_cast<int>(kBlockSize)));
-      if (!WriteWithRetries(packet, step)) return StreamEnd::WriteFailed;
-      ReportProgress(PercentOf(index_, packetCount), lastPercent);
+      window_.Start(packet.data(), kBlockSize, next_);
+      ++next_;
     }
-    return StreamEnd::Sent;
   }
 
-  int32_t Index() const { return index_; }
+  // One write's end. A failed one counts as a refusal of its packet, up to
+  // the retry bound; false once that is reached.
+  bool Settle(const WriteWindow::Ended& ended, BundleFile& file) {
+    if (ended.status == TransferStatus::Done) {
+      if (ended.tag == failingPacket_) failures_ = 0;
+      ReportProgress(ended.tag);
+      return true;
+    }
+    std::printf("A write retry was detected!\n");
+    if (ended.tag != failingPacket_) {
+      failingPacket_ = ended.tag;
+      failures_ = 0;
+    }
+    if (++failures_ >= limits::kMaxWriteRetries) {
+      next_ = ended.tag;
+      return false;
+    }
+    RewindTo(ended.tag, file);
+    return true;
+  }
 
- private:
   // A NACK for a packet already sent moves the stream back to it. Numbers at
-  // or above the current index stay stored for a later step.
+  // or above the next packet stay stored for a later step. A NACK for the
+  // packet just gone back to, while the write of its resend has not
+  // completed, was sent before the device had the resend: it refuses nothing
+  // new. Once that write has completed (the device has the block; its NACK
+  // comes after the completion), a NACK for it is a refusal again.
   bool TakeNack(BundleFile& file) {
     uint32_t stored = op_.reader.NackedPacketNumber.load();
     const int32_t nacked = static_cast<int32_t>(stored);
     // kNoNack reads as -1 here.
-    if (nacked < 0 || nacked >= index_) return false;
-    std::printf("Resending NACK packet, packet No : %d\n", nacked);
-    index_ = nacked;
-    file.SeekToPacket(nacked);
+    if (nacked < 0 || nacked >= next_) return false;
+    const bool stale = nacked == rewoundTo_ && window_.Pending(nacked);
+    if (!stale) {
+      std::printf("Resending NACK packet, packet No : %d\n", nacked);
+      RewindTo(nacked, file);
+    }
     // Only clear the number we acted on: a NACK stored since then must survive.
     op_.reader.NackedPacketNumber.compare_exchange_strong(stored, kNoNack);
-    return true;
+    return !stale;
   }
 
-  // Writes until the packet is written, the run is stopped, or the retry
-  // bound is reached. The step's lock is released after the first attempt so
-  // a slow device never holds it across retries.
-  bool WriteWithRetries(const Block& packet, std::unique_lock<std::mutex>& step) {
-    int failures = 0;
-    while (op_.Running()) {
-      const TransferStatus status = op_.link.WritePacket(packet.data(), kBlockSize, op_.log);
-      if (step.owns_lock()) step.unlock();
-      if (status == TransferStatus::Done) return true;
-      std::printf("A write retry was detected!\n");
-      if (++failures >= limits::kMaxWriteRetries) return false;
+  // The writes in flight end first, quietly but for the progress of those
+  // written: the device has them, or drops them as out of order.
+  void RewindTo(int32_t packet, BundleFile& file) {
+    while (!window_.Empty()) {
+      const WriteWindow::Ended ended = window_.AwaitOldest(nullptr);
+      if (ended.status == TransferStatus::Done) ReportProgress(ended.tag);
     }
-    return true;
+    file.SeekToPacket(packet);
+    next_ = packet;
+    rewoundTo_ = packet;
   }
 
-  void ReportProgress(int percent, int& lastPercent) {
-    if (percent == lastPercent) return;
+  void ReportProgress(int32_t written) {
+    const int percent = PercentOf(written, packetCount_);
+    if (percent == lastPercent_) return;
     if (op_.log != nullptr) op_.log->LogMessageCallBack("Progress: %d%%%%", percent);
-    lastPercent = percent;
+    lastPercent_ = percent;
     std::fflush(stdout);
   }
 
   const OperationContext& op_;
-  int32_t index_ = 0;
+  WriteWindow window_;
+  int32_t packetCount_ = 0;
+  int32_t next_ = 0;  // the next packet to start
+  int lastPercent_ = kNoPercentYet;
+  int32_t rewoundTo_ = kNoPacket;  // the packet gone back to last
+  // The packet whose writes failed last, and how often in a row.
+  int32_t failingPacket_ = kNoPacket;
+  int failures_ = 0;
 };
 
 // The wait for the reader's end report. Ends early on a cancel or after

@@ -1,5 +1,6 @@
 #include "platform/emulator/EmulatorConnection.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "platform/emulator/SocketIo.h"
@@ -110,14 +111,30 @@ void EmulatorConnection::ReadFrames() {
 // an error, a torn frame or a frame kind the link does not know).
 bool EmulatorConnection::ReadFrame() {
   uint8_t kind = 0;
-  if (!ReceiveAll(socket_.Get(), &kind, 1, stopReading_)) return false;
+  if (!Receive(&kind, 1)) return false;
   if (kind == kAckFrame) {
     CompleteOldestWrite();
     return true;
   }
   if (kind != kReadFrame) return false;
   Block block{};
-  return ReceiveAll(socket_.Get(), block.data(), block.size(), stopReading_) && QueueBlock(block);
+  return Receive(block.data(), block.size()) && QueueBlock(block);
+}
+
+bool EmulatorConnection::Receive(uint8_t* data, size_t size) {
+  while (size > 0) {
+    if (taken_ == received_) {
+      taken_ = 0;
+      received_ = ReceiveSome(socket_.Get(), receiveBuffer_.data(), receiveBuffer_.size(), stopReading_);
+      if (received_ == 0) return false;
+    }
+    const size_t count = std::min(size, received_ - taken_);
+    std::memcpy(data, receiveBuffer_.data() + taken_, count);
+    taken_ += count;
+    data += count;
+    size -= count;
+  }
+  return true;
 }
 
 void EmulatorConnection::CompleteOldestWrite() {

@@ -2,6 +2,7 @@
 // the device's frames from it.
 #pragma once
 
+#include <array>
 #include <condition_variable>
 #include <deque>
 #include <memory>
@@ -14,6 +15,9 @@
 #include "platform/emulator/Socket.h"
 
 namespace ferrolt::platform::emulator {
+
+// Bytes the reader asks the socket for at once.
+inline constexpr size_t kReceiveChunk = 4096;
 
 class EmulatorConnection final : public DeviceConnection {
  public:
@@ -34,6 +38,8 @@ class EmulatorConnection final : public DeviceConnection {
  private:
   void ReadFrames();
   bool ReadFrame();
+  // Exactly size bytes of the device's stream, through receiveBuffer_.
+  bool Receive(uint8_t* data, size_t size);
   void CompleteOldestWrite();
   bool QueueBlock(const Block& block);
   void StopReading();
@@ -59,6 +65,12 @@ class EmulatorConnection final : public DeviceConnection {
   std::deque<std::shared_ptr<Transfer>> sentWrites_;
   std::deque<std::shared_ptr<Transfer>> pendingReads_;
   std::deque<Block> receivedBlocks_;
+
+  // What the reader has received and not yet taken: one receive brings every
+  // frame that has arrived, not one per frame. Used by the reader alone.
+  std::array<uint8_t, kReceiveChunk> receiveBuffer_{};
+  size_t received_ = 0;
+  size_t taken_ = 0;
 
   std::thread reader_;  // last: it starts once everything it uses exists
 };

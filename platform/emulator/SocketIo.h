@@ -19,9 +19,10 @@ bool WaitReady(SocketHandle socket, short events, Deadline deadline);
 // Receives exactly size bytes before the deadline.
 bool ReceiveBefore(SocketHandle socket, uint8_t* data, size_t size, Deadline deadline);
 
-// Receives exactly size bytes, blocking; false at the end of the stream, on
-// an error, or once stop is set (whoever sets it also shuts the socket down).
-bool ReceiveAll(SocketHandle socket, uint8_t* data, size_t size, const Event& stop);
+// Receives what has arrived, at least one byte and at most capacity,
+// blocking until something comes; 0 at the end of the stream, on an error, or
+// once stop is set (whoever sets it also shuts the socket down).
+size_t ReceiveSome(SocketHandle socket, uint8_t* data, size_t capacity, const Event& stop);
 
 // Sends every byte, false when the peer has gone or has not taken them within
 // wait. Never raises SIGPIPE.

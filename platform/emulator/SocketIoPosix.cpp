@@ -51,18 +51,13 @@ bool ReceiveBefore(SocketHandle fd, uint8_t* data, size_t size, Deadline deadlin
 }
 
 // The shutdown that goes with stop wakes a receive already blocked.
-bool ReceiveAll(SocketHandle fd, uint8_t* data, size_t size, const Event& stop) {
-  size_t received = 0;
-  while (received < size) {
-    if (stop.IsSet()) return false;
-    const ssize_t count = ::recv(fd, data + received, size - received, 0);
-    if (count > 0) {
-      received += static_cast<size_t>(count);
-    } else if (count == 0 || errno != EINTR) {
-      return false;
-    }
+size_t ReceiveSome(SocketHandle fd, uint8_t* data, size_t capacity, const Event& stop) {
+  for (;;) {
+    if (stop.IsSet()) return 0;
+    const ssize_t count = ::recv(fd, data, capacity, 0);
+    if (count > 0) return static_cast<size_t>(count);
+    if (count == 0 || errno != EINTR) return 0;
   }
-  return true;
 }
 
 bool SendAll(SocketHandle fd, const uint8_t* data, size_t size, milliseconds wait) {

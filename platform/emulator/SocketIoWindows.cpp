@@ -90,14 +90,9 @@ bool ReceiveBefore(SocketHandle socket, uint8_t* data, size_t size, Deadline dea
   return true;
 }
 
-bool ReceiveAll(SocketHandle socket, uint8_t* data, size_t size, const Event& stop) {
-  size_t received = 0;
-  while (received < size) {
-    const int count = TransferSome(socket, Direction::Receive, data + received, size - received, &stop, kUntilStopped);
-    if (count <= 0) return false;
-    received += static_cast<size_t>(count);
-  }
-  return true;
+size_t ReceiveSome(SocketHandle socket, uint8_t* data, size_t capacity, const Event& stop) {
+  const int count = TransferSome(socket, Direction::Receive, data, capacity, &stop, kUntilStopped);
+  return count > 0 ? static_cast<size_t>(count) : 0;
 }
 
 bool SendAll(SocketHandle socket, const uint8_t* data, size_t size, milliseconds wait) {

@@ -146,7 +146,10 @@ std::shared_ptr<Transfer> LibusbConnection::StartRead(uint8_t pipeId, uint32_t l
     received_.pop_front();
     return transfer;
   }
-  if (!ReadingLocked(pipeId)) {
+  // One IN transfer in flight for each waiting reader: transfers queued on
+  // an endpoint go to the wire in order, so the host controller goes on
+  // asking the device for blocks while the link has reads queued.
+  if (ReadsInFlightLocked(pipeId) <= readers_.size()) {
     const uint32_t readLength = ReadLengthLocked(pipeId);
     if (readLength == 0 || !SubmitLocked(pipeId, nullptr, readLength, nullptr)) return nullptr;
   }
@@ -189,10 +192,10 @@ uint32_t LibusbConnection::ReadLengthLocked(uint8_t endpoint) const {
   return (kMaxTransferLength + packet - 1) / packet * packet;
 }
 
-bool LibusbConnection::ReadingLocked(uint8_t endpoint) const {
-  return std::any_of(inFlight_.begin(), inFlight_.end(), [&](const auto& entry) {
+size_t LibusbConnection::ReadsInFlightLocked(uint8_t endpoint) const {
+  return static_cast<size_t>(std::count_if(inFlight_.begin(), inFlight_.end(), [&](const auto& entry) {
     return entry.second->endpoint == endpoint && entry.second->transfer == nullptr;
-  });
+  }));
 }
 
 bool LibusbConnection::SubmitLocked(uint8_t endpoint, const uint8_t* data, uint32_t length,
@@ -281,10 +284,14 @@ void LibusbConnection::TakeReadLocked(const InFlight& read, libusb_transfer_stat
   }
   if (readers_.empty()) return;
   // Readers still waiting: a read that ended normally, or one a flush ended
-  // before they came, is followed by the next; any other end fails them.
+  // before they came, is followed by enough reads for them; any other end
+  // fails them.
   const bool readAgain = (completed || read.flushed) && !closing_ && halted_.count(read.endpoint) == 0;
   const uint32_t length = ReadLengthLocked(read.endpoint);
-  if (!readAgain || !SubmitLocked(read.endpoint, nullptr, length, nullptr)) FailReadersLocked();
+  while (readAgain && ReadsInFlightLocked(read.endpoint) < readers_.size()) {
+    if (!SubmitLocked(read.endpoint, nullptr, length, nullptr)) break;
+  }
+  if (!readAgain || ReadsInFlightLocked(read.endpoint) == 0) FailReadersLocked();
 }
 
 void LibusbConnection::FailReadersLocked() {

@@ -74,7 +74,7 @@ class LibusbConnection final : public DeviceConnection {
   void Finish(InFlight* inFlight);
   void TakeReadLocked(const InFlight& read, libusb_transfer_status status, uint32_t count);
   void FailReadersLocked();
-  bool ReadingLocked(uint8_t endpoint) const;
+  size_t ReadsInFlightLocked(uint8_t endpoint) const;
   uint32_t ReadLengthLocked(uint8_t endpoint) const;
   // Before the next transfer on an endpoint that stalled: its transfers are
   // cancelled and awaited, then the halt is cleared. False when that failed.

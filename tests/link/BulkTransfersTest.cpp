@@ -93,16 +93,17 @@ TEST_F(LinkDecides, ABlockThatCrossedACloseGoesToTheReadAfterTheReopen) {
   EXPECT_EQ(buffer, Marked(6));
 }
 
-// Given a pending read that took a block, a flush (IN, then OUT) drops that
-// block; what the device still holds comes next.
-TEST_F(LinkDecides, FlushDropsTheBlockThePendingReadTook) {
+// Given queued reads that took blocks, a flush (IN, then OUT) drops those
+// blocks; what the device sends after it comes next.
+TEST_F(LinkDecides, FlushDropsTheBlocksTheQueuedReadsTook) {
   EXPECT_EQ(Read(), TransferStatus::TimedOut);
   backend.Send(Marked(1));
   backend.Send(Marked(2));
   link.FlushPipes();
   EXPECT_EQ(backend.FlushedPipes(), (std::vector<uint8_t>{kDeviceInPipe, kDeviceOutPipe}));
+  backend.Send(Marked(3));
   EXPECT_EQ(Read(), TransferStatus::Done);
-  EXPECT_EQ(buffer, Marked(2));
+  EXPECT_EQ(buffer, Marked(3));
   EXPECT_TRUE(log.Lines().empty());
 }
 

@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "link/DeviceIds.h"
+#include "link/WriteWindow.h"
 #include "tests/support/RecordingCallbacks.h"
 
 namespace ferrolt::test {
@@ -169,6 +170,72 @@ TEST_P(TransferContract, StatusAndTime) {
     EXPECT_EQ(read(), TransferStatus::Done);
     EXPECT_EQ(buffer, second);
   }
+}
+
+namespace {
+
+constexpr size_t kWindow = 8;
+constexpr size_t kBlocksInFlight = 3 * kWindow;
+
+// The link opened on the peer's backend, the console line of the open dropped.
+bool Open(UsbLink& link) {
+  ::testing::internal::CaptureStdout();
+  const bool opened = link.ConnectDevice(kProductId, kVendorId, nullptr);
+  ::testing::internal::GetCapturedStdout();
+  return opened;
+}
+
+}  // namespace
+
+// Given writes kept in flight by a window, they end in the order they were
+// started, each done, and the device takes each block once, in that order.
+TEST_P(InFlightContract, WritesEndInOrderAndEachBlockArrivesOnce) {
+  const std::unique_ptr<ContractPeer> peer = GetParam().make();
+  platform::Event cancel;
+  UsbLink link{peer->Backend(), cancel};
+  ASSERT_TRUE(Open(link));
+  WriteWindow window(link, kWindow);
+  std::vector<Block> sent;
+  std::vector<int32_t> ended;
+  for (size_t i = 0; i < kBlocksInFlight || !window.Empty();) {
+    if (i < kBlocksInFlight && !window.Full()) {
+      sent.push_back(NumberedBlock(static_cast<uint8_t>(i)));
+      window.Start(sent.back().data(), kBlockSize, static_cast<int32_t>(i++));
+      continue;
+    }
+    const WriteWindow::Ended end = window.AwaitOldest(nullptr);
+    EXPECT_EQ(end.status, TransferStatus::Done) << "write " << end.tag;
+    ended.push_back(end.tag);
+  }
+  std::vector<int32_t> inOrder(kBlocksInFlight);
+  for (size_t i = 0; i < inOrder.size(); ++i) inOrder[i] = static_cast<int32_t>(i);
+  EXPECT_EQ(ended, inOrder);
+  EXPECT_EQ(peer->Taken(kBlocksInFlight), sent);
+}
+
+// Given blocks that arrive while reads are queued, each read takes the next
+// in order; a read whose wait ran out and a cancelled read lose none.
+TEST_P(InFlightContract, QueuedReadsDeliverInOrderAndLoseNoneAtACancel) {
+  const std::unique_ptr<ContractPeer> peer = GetParam().make();
+  platform::Event cancel;
+  UsbLink link{peer->Backend(), cancel};
+  ASSERT_TRUE(Open(link));
+  Block buffer{};
+  uint32_t bytes = 0;
+  const auto read = [&] { return link.ReadPacket(buffer.data(), kBlockSize, nullptr, &bytes); };
+  ASSERT_EQ(read(), TransferStatus::TimedOut);  // the queue is started, and stays
+  constexpr uint8_t kBlocks = 5;
+  for (uint8_t i = 0; i < kBlocks; ++i) peer->Send(NumberedBlock(i));
+  for (uint8_t i = 0; i < kBlocks; ++i) {
+    if (i == 2) {
+      cancel.Set();
+      EXPECT_EQ(read(), TransferStatus::Cancelled);
+      cancel.Reset();
+    }
+    ASSERT_EQ(read(), TransferStatus::Done) << "block " << int{i};
+    EXPECT_EQ(buffer, NumberedBlock(i));
+  }
+  EXPECT_EQ(read(), TransferStatus::TimedOut);
 }
 
 }  // namespace ferrolt::test

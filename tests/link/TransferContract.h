@@ -76,10 +76,16 @@ class TransferContract : public ::testing::TestWithParam<std::tuple<PeerMaker, C
 std::string ContractCaseName(const ::testing::TestParamInfo<TransferContract::ParamType>& info);
 extern const std::vector<ContractRow> kContractRows;
 
+// Several transfers in flight at once: writes through a WriteWindow, reads
+// through the link's queue.
+class InFlightContract : public ::testing::TestWithParam<PeerMaker> {};
+
 // Instantiates the contract for one backend's peer.
-#define FERROLT_TRANSFER_CONTRACT(Backend, maker)                                                        \
-  INSTANTIATE_TEST_SUITE_P(Backend, TransferContract,                                                    \
+#define FERROLT_TRANSFER_CONTRACT(Backend, maker)                                                            \
+  INSTANTIATE_TEST_SUITE_P(Backend, TransferContract,                                                        \
                            ::testing::Combine(::testing::Values(maker), ::testing::ValuesIn(kContractRows)), \
-                           ContractCaseName)
+                           ContractCaseName);                                                                \
+  INSTANTIATE_TEST_SUITE_P(Backend, InFlightContract, ::testing::Values(maker),                              \
+                           [](const auto&) { return std::string("InFlight"); })
 
 }  // namespace ferrolt::test

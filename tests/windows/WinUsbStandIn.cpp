@@ -166,6 +166,17 @@ void Deliver(StandInState& device, Request request, StandInPacket packet, Report
     return;
   }
   Complete(request, kStatusSuccess, count);
+  // The excess goes to the next read request (pipe policies ALLOW_PARTIAL_READS
+  // on, AUTO_FLUSH off), and WinUSB serves its queued requests in order: a
+  // read already waiting takes it before any later packet.
+  Interface* owner = request.owner;
+  const auto next = std::find_if(device.reads.begin(), device.reads.end(), [&](const Request& waiting) {
+    return waiting.owner == owner && waiting.pipe == request.pipe;
+  });
+  if (owner->rest.empty() || next == device.reads.end()) return;
+  const Request waiting = *next;
+  device.reads.erase(next);
+  Deliver(device, waiting, std::move(owner->rest), Report::AtOnce);
 }
 
 // Ends the requests of one handle (and one pipe, unless any) with status.
