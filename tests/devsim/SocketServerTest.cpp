@@ -110,22 +110,6 @@ struct Host {
   std::unique_ptr<platform::DeviceConnection> connection;
 };
 
-// The first bytes a host connecting to the Unix socket gets.
-std::string Greeting(const std::string& socketPath) {
-  const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, socketPath.c_str(), sizeof address.sun_path - 1);
-  std::string bytes(8, '\0');
-  const timeval limit{2, 0};
-  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-  const bool connected = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-  const ssize_t got = connected ? recv(fd, bytes.data(), bytes.size(), MSG_WAITALL) : 0;
-  close(fd);
-  bytes.resize(got > 0 ? static_cast<size_t>(got) : 0);
-  return bytes;
-}
-
 // Given the default hello, a host gets its bytes; given chosen ids, the
 // backend, connecting afresh for each listing, lists one path made from
 // them, opens it in any letter case, hands its connection over once, and
@@ -133,7 +117,7 @@ std::string Greeting(const std::string& socketPath) {
 // the pipe query.
 TEST(DevsimLink, TheHelloDecidesTheListedPathAndHowOpeningGoes) {
   auto plain = Start();
-  EXPECT_EQ(Greeting(plain->Endpoint()), std::string("H\x09\x12\x01\x00\x04\x03\x00", 8));
+  EXPECT_EQ(HostLink(plain->Endpoint()).Read(8, kReplyWait), std::string("H\x09\x12\x01\x00\x04\x03\x00", 8));
 
   auto chosen = Start({"--vendor-id", "0xBEEF", "--product-id", "2571", "--interface", "2", "--speed", "2"});
   auto backend = platform::CreateEmulatorBackend(chosen->Endpoint());
@@ -215,16 +199,6 @@ class DevsimProgram : public ::testing::Test {
   TempDir dir_;
 };
 
-// A socket file nobody listens on, as a run that was killed leaves it.
-void LeaveStaleSocket(const std::string& path) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-  const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-  ASSERT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-  close(fd);
-}
-
 TEST_F(DevsimProgram, SaysWhereItListensWarnsOfWhatIsOpenAndEndsWithStatusZeroOnSigtermOrSigint) {
   const std::string socketPath = (dir_ / "device.sock").string();
   struct Row {
@@ -242,7 +216,7 @@ TEST_F(DevsimProgram, SaysWhereItListensWarnsOfWhatIsOpenAndEndsWithStatusZeroOn
        "ferrolt-devsim: warning: listening on 0.0.0.0: other machines can drive the device and read its root "
        "folder\n"},
   };
-  LeaveStaleSocket(socketPath);  // the first row replaces it
+  ferrolt::test::LeaveStaleSocket(socketPath);  // the first row replaces it
   for (const Row& row : rows) {
     ProcessOptions options;
     options.args = row.args;
