@@ -28,7 +28,7 @@ void AnswerNextWrite(InProcessDevice& device, std::vector<Block> blocks) {
 }
 
 std::string OutputAfterCommand(const std::string& out) {
-  const std::string opened = "Device speed: 3 (High speed).\n\n";
+  const std::string opened = std::string(lines::kOpened) + "\n";
   const size_t at = out.find(opened);
   return at == std::string::npos ? "<no output start>" : out.substr(at + opened.size());
 }

@@ -2,7 +2,9 @@
 // root, record and event files in a temporary folder.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <thread>
@@ -70,6 +72,13 @@ class DeviceHarness {
   TempDir dir_;
   std::unique_ptr<Device> device_;
 };
+
+// A command block without packet fields: the text from byte 0.
+inline Block RawBlock(const std::string& text) {
+  Block block{};
+  std::memcpy(block.data(), text.data(), std::min(text.size(), block.size()));
+  return block;
+}
 
 // The output bytes of CLI packets (their first length bytes), end text excluded.
 inline std::string OutputOf(const std::vector<Block>& blocks) {

@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstring>
 #include <fstream>
 
 #include "tests/devsim/DeviceHarness.h"
@@ -78,12 +76,6 @@ TEST(DeviceRoot, EveryDevicePathResolvesInsideTheRootOrNowhere) {
     harness.Text(kTypeCli, std::string("cat ") + path);
     EXPECT_EQ(OutputOf(harness.CollectCommand(1000ms)), std::string("cat: ") + path + ": No such file or directory\n");
   }
-}
-
-Block RawBlock(const std::string& text) {
-  Block block{};
-  std::memcpy(block.data(), text.data(), std::min(text.size(), block.size()));
-  return block;
 }
 
 // Given an upload, the device writes only the packets its start announced,

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <cstdlib>
+
 #include "devsim/DevicePackets.h"
 #include "tests/e2e/FrontEndRuns.h"
 
@@ -57,16 +59,20 @@ TEST_F(FrontEndSignalsTest, BreakWithoutOperationCancelsAndEndsTheWait) {
   EXPECT_LT(Since(signalled), kAtOnce);
 }
 
+// With the opt-in exit status, the run says it was cancelled.
 TEST_F(FrontEndSignalsTest, BreakDuringUpgradeSendsTheCancelPacket) {
   const auto device = StartDevice({"--fault", kSlowWrites});
   ASSERT_TRUE(device->Running());
+  // The child takes the variable from this process's environment.
+  setenv("FERROLT_EXIT_STATUS", "1", 1);
   auto run = StartUpgrade(*device);
+  unsetenv("FERROLT_EXIT_STATUS");
   ASSERT_TRUE(run->WaitForOutput("Progress: ", kRunLimit));
   const auto signalled = std::chrono::steady_clock::now();
   run->Signal(SIGQUIT);
   const ProcessResult result = run->Wait(kRunLimit);
   EXPECT_LT(Since(signalled), kAtOnce);
-  EXPECT_EQ(result.exitStatus, 0);
+  EXPECT_EQ(result.exitStatus, 7);
   const std::string tail = std::string(kCancelSucceeded) + kCanceledLine;
   EXPECT_EQ(result.out.substr(result.out.size() - tail.size()), tail) << result.out;
   const size_t aborted = result.out.find("Upgrading is aborted.\n");

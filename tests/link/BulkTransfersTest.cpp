@@ -38,16 +38,10 @@ class InProcessPeer : public ContractPeer {
 
 FERROLT_TRANSFER_CONTRACT(InProcess, (PeerMaker{"in-process", [] { return std::make_unique<InProcessPeer>(); }}));
 
-DeviceBlock Marked(uint8_t value) {
-  DeviceBlock block;
-  block.fill(value);
-  return block;
-}
-
 class LinkDecides : public LinkFixture {
  protected:
   void SetUp() override { OpenLink(); }
-  TransferStatus Write() { return link.WritePacket(Marked(1).data(), kBlockSize, &log); }
+  TransferStatus Write() { return link.WritePacket(NumberedBlock(1).data(), kBlockSize, &log); }
   TransferStatus Read() { return link.ReadPacket(buffer.data(), kBlockSize, &log, &bytes); }
   Block buffer{};
   uint32_t bytes = 0;
@@ -72,10 +66,10 @@ TEST_F(LinkDecides, ALateCompletionIsItsOwnWrites) {
 // Given a read that ended failed (or cancelled) as its block arrived, the
 // block counts; with part of a block it is a failed read.
 TEST_F(LinkDecides, AFailedReadThatBroughtAWholeBlockCounts) {
-  backend.SendPacket(Marked(4), kBlockSize, false);
+  backend.SendPacket(NumberedBlock(4), kBlockSize, false);
   EXPECT_EQ(Read(), TransferStatus::Done);
-  EXPECT_EQ(buffer, Marked(4));
-  backend.SendPacket(Marked(5), 10, false);
+  EXPECT_EQ(buffer, NumberedBlock(4));
+  backend.SendPacket(NumberedBlock(5), 10, false);
   EXPECT_EQ(Read(), TransferStatus::Failed);
   EXPECT_EQ(log.Lines(), std::vector<std::string>{"failed to read to the bulk interface"});
 }
@@ -85,25 +79,25 @@ TEST_F(LinkDecides, AFailedReadThatBroughtAWholeBlockCounts) {
 // reopen takes it; a close with nothing pending leaves no connection.
 TEST_F(LinkDecides, ABlockThatCrossedACloseGoesToTheReadAfterTheReopen) {
   EXPECT_EQ(Read(), TransferStatus::TimedOut);
-  backend.Send(Marked(6));
+  backend.Send(NumberedBlock(6));
   link.CloseDevice();
   EXPECT_EQ(backend.LiveConnections(), 0);
   OpenLink();
   EXPECT_EQ(Read(), TransferStatus::Done);
-  EXPECT_EQ(buffer, Marked(6));
+  EXPECT_EQ(buffer, NumberedBlock(6));
 }
 
 // Given queued reads that took blocks, a flush (IN, then OUT) drops those
 // blocks; what the device sends after it comes next.
 TEST_F(LinkDecides, FlushDropsTheBlocksTheQueuedReadsTook) {
   EXPECT_EQ(Read(), TransferStatus::TimedOut);
-  backend.Send(Marked(1));
-  backend.Send(Marked(2));
+  backend.Send(NumberedBlock(1));
+  backend.Send(NumberedBlock(2));
   link.FlushPipes();
   EXPECT_EQ(backend.FlushedPipes(), (std::vector<uint8_t>{kDeviceInPipe, kDeviceOutPipe}));
-  backend.Send(Marked(3));
+  backend.Send(NumberedBlock(3));
   EXPECT_EQ(Read(), TransferStatus::Done);
-  EXPECT_EQ(buffer, Marked(3));
+  EXPECT_EQ(buffer, NumberedBlock(3));
   EXPECT_TRUE(log.Lines().empty());
 }
 

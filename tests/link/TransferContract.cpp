@@ -23,12 +23,6 @@ constexpr milliseconds kFast{250};
 // How long after the call starts a fault strikes, for a fault during a wait.
 constexpr milliseconds kLater{50};
 
-Block NumberedBlock(uint8_t first) {
-  Block block{};
-  for (size_t i = 0; i < block.size(); ++i) block[i] = static_cast<uint8_t>(first + i);
-  return block;
-}
-
 std::vector<std::string> LogFor(TransferStatus status, Call call) {
   if (call == Call::BlockingRead) return {};
   if (status == TransferStatus::Cancelled) return {"Operation has been Canceled"};

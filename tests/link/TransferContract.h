@@ -39,6 +39,13 @@ class ContractPeer {
   virtual std::vector<Block> Taken(size_t count) = 0;
 };
 
+// A block whose bytes count up from first, to tell blocks apart.
+inline Block NumberedBlock(uint8_t first) {
+  Block block{};
+  for (size_t i = 0; i < block.size(); ++i) block[i] = static_cast<uint8_t>(first + i);
+  return block;
+}
+
 struct PeerMaker {
   const char* name;
   std::function<std::unique_ptr<ContractPeer>()> make;

@@ -1,12 +1,8 @@
 // The emulator backend finds a device only where one greets it properly
 // (what a proper hello gives is in tests/devsim/SocketServerTest.cpp).
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <chrono>
-#include <cstring>
 #include <memory>
 #include <optional>
 
@@ -18,11 +14,10 @@ namespace {
 
 using namespace std::chrono_literals;
 using std::chrono::milliseconds;
+using test::kListedPath;
 using test::ScriptedDevice;
 using test::ScriptOptions;
 
-constexpr const char* kListedPath =
-    "\\\\?\\USB#VID_1209&PID_0001&MI_04#EMULATOR#{A5DCBF10-6530-11D2-901F-00C04FB951ED}";
 // The backend gives up on a silent device after a second; leave room.
 constexpr milliseconds kDiscoveryBound = 3000ms;
 
@@ -37,12 +32,7 @@ ScriptOptions Greeting(std::vector<uint8_t> bytes) {
 TEST(EmulatorAbsentDeviceTest, ListsNothingWithinItsBound) {
   test::TempDir dir;
   const std::string staleSocket = (dir / "stale.sock").string();
-  const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, staleSocket.c_str(), sizeof address.sun_path - 1);
-  ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  ::close(fd);
+  test::LeaveStaleSocket(staleSocket);
   const std::string refusedPort = "tcp:127.0.0.1:" + std::to_string(test::FreeTcpPort());
   ScriptOptions hangsUp = Greeting({'H', 0x09, 0x12});
   hangsUp.hangsUpAfterGreeting = true;

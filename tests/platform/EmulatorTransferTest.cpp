@@ -18,8 +18,6 @@ namespace {
 using namespace std::chrono_literals;
 using platform::Transfer;
 
-constexpr const char* kListedPath =
-    "\\\\?\\USB#VID_1209&PID_0001&MI_04#EMULATOR#{A5DCBF10-6530-11D2-901F-00C04FB951ED}";
 constexpr uint8_t kOut = 0x01;
 constexpr uint8_t kIn = 0x81;
 // Long enough for anything that should happen; short enough to keep a failure quick.
@@ -69,7 +67,7 @@ class EmulatorWire : public ::testing::Test {
     ASSERT_NE(connection, nullptr);
   }
   std::shared_ptr<Transfer> Write(uint8_t seq) {
-    const Block block = MarkedBlock(seq, seq);
+    const Block block = NumberedBlock(seq);
     return connection->StartWrite(kOut, block.data(), static_cast<uint32_t>(block.size()));
   }
 
@@ -110,7 +108,7 @@ TEST_F(EmulatorWire, EachAckCompletesTheOldestWrite) {
 // Given blocks the host queued, a flush of IN drops them and fails the open
 // read; wrong pipes start nothing.
 TEST_F(EmulatorWire, FlushOfInDropsQueuedBlocksAndWrongPipesStartNothing) {
-  device.SendBlock(MarkedBlock(1, 0xC1));
+  device.SendBlock(NumberedBlock(0xC1));
   auto probe = Write(9);
   device.SendAck();  // follows the block on the stream: the block has arrived
   ASSERT_TRUE(probe->Completion().WaitFor(kArrival));
@@ -161,8 +159,8 @@ INSTANTIATE_TEST_SUITE_P(Removals, EmulatorRemoval,
 TEST_F(EmulatorWire, BlocksSentBeforeAHangupStayReadable) {
   auto write = Write(1);
   ASSERT_TRUE(device.WaitForWrites(1, kArrival));
-  device.SendBlock(MarkedBlock(1, 1));
-  device.SendBlock(MarkedBlock(2, 2));
+  device.SendBlock(NumberedBlock(1));
+  device.SendBlock(NumberedBlock(2));
   device.Hangup();
   // The unanswered write fails once the link has seen the hangup.
   ASSERT_TRUE(write->Completion().WaitFor(kArrival));
@@ -173,7 +171,7 @@ TEST_F(EmulatorWire, BlocksSentBeforeAHangupStayReadable) {
     ASSERT_TRUE(read->Succeeded());
     Block got{};
     read->CopyData(got.data(), 64);
-    EXPECT_EQ(got, MarkedBlock(seq, seq));
+    EXPECT_EQ(got, NumberedBlock(seq));
   }
   auto after = connection->StartRead(kIn, 64);
   EXPECT_TRUE(after == nullptr || (after->Completion().WaitFor(kArrival) && !after->Succeeded()));

@@ -35,13 +35,6 @@ void SendEverything(int fd, const uint8_t* data, size_t size) {
 
 }  // namespace
 
-Block MarkedBlock(uint8_t seq, uint8_t value) {
-  Block block;
-  block.fill(value);
-  block[0] = seq;
-  return block;
-}
-
 ScriptedDevice::ScriptedDevice(ScriptOptions options) : options_(std::move(options)) {
   endpoint_ = (dir_ / "device.sock").string();
   listener_ = ListenUnix(endpoint_);

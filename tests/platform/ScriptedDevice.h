@@ -17,6 +17,9 @@
 
 namespace ferrolt::test {
 
+// The path the emulator backend lists a device with the tool's ids under.
+inline constexpr const char* kListedPath =
+    "\\\\?\\USB#VID_1209&PID_0001&MI_04#EMULATOR#{A5DCBF10-6530-11D2-901F-00C04FB951ED}";
 inline constexpr uint8_t kWireHello = 'H';
 inline constexpr uint8_t kWireWrite = 'W';
 inline constexpr uint8_t kWireAck = 'A';
@@ -75,8 +78,5 @@ class ScriptedDevice {
 
   std::thread server_;
 };
-
-// A block whose bytes all read value, with its first byte seq, to tell blocks apart.
-Block MarkedBlock(uint8_t seq, uint8_t value);
 
 }  // namespace ferrolt::test

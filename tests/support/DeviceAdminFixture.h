@@ -19,6 +19,7 @@
 
 #include "admin/DeviceAdmin.h"
 #include "link/DevicePacket.h"
+#include "tests/support/ExpectedLines.h"
 #include "tests/support/InProcessDevice.h"
 #include "tests/support/InProcessDevsim.h"
 #include "tests/support/RecordingCallbacks.h"
@@ -74,9 +75,6 @@ inline constexpr std::chrono::milliseconds kOperationBound{15000};
 inline constexpr std::chrono::milliseconds kShutdownBound{5000};
 // Whole-file transfers of a MiB or more, under the sanitizers too.
 inline constexpr std::chrono::milliseconds kTransferBound{60000};
-
-// What opening the link prints for a high-speed device.
-inline const std::string kSpeedLine = "Device speed: 3 (High speed).\n";
 
 // Polls until the condition holds; false when the bound passed first.
 inline bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds bound = kOperationBound) {

@@ -1,6 +1,6 @@
-// The console lines the tool prints, as the end-to-end tests expect them over
-// every transport: the emulator link, umockdev's USB bus, and a real kernel
-// in a virtual machine.
+// The console lines the tool prints, as every test expects them: in process,
+// and end to end over the emulator link, umockdev's USB bus, and a real
+// kernel in a virtual machine.
 #pragma once
 
 #include <string>

@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -76,6 +77,16 @@ int FreeTcpPort() {
   if (fd >= 0) close(fd);
   if (!bound) throw std::runtime_error("cannot find a free TCP port");
   return ntohs(address.sin_port);
+}
+
+void LeaveStaleSocket(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const bool bound = fd >= 0 && bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  if (fd >= 0) close(fd);
+  if (!bound) throw std::runtime_error("cannot bind " + path);
 }
 
 namespace {

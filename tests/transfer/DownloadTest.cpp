@@ -42,7 +42,7 @@ TEST_F(DownloadTest, FilesOfEverySizeArriveByteForByte) {
 TEST_F(DownloadTest, ConsoleMarksTheFirstDataPacket) {
   Start();
   const std::string out = Download(OnDevice("two", RandomBytes(58, 9)), dir / "two");
-  EXPECT_EQ(out, kSpeedLine + "SPI SUPPORT IS TURNED ON!\n\nThis is the actual first packet!\n" +
+  EXPECT_EQ(out, std::string(lines::kOpened) + lines::kSpi + "\nThis is the actual first packet!\n" +
                      "Sequence = 0 , Total Packets = 2\n");
   EXPECT_TRUE(log.Has("Starting file download now."));
 }

@@ -39,7 +39,7 @@ TEST_F(LogsTest, ArchiveHoldsTheDeviceLogsAndProgressRisesFromZero) {
   Start();
   const std::string out = Logs();
   ExpectArchiveOfTheDeviceLogs();
-  EXPECT_EQ(out, kSpeedLine + "SPI SUPPORT IS TURNED ON!\n" + zip.string() + "\n\n");
+  EXPECT_EQ(out, std::string(lines::kOpened) + lines::kSpi + zip.string() + "\n\n");
   EXPECT_EQ(progress.Reports(), (std::vector<int>{5, 100}));
   EXPECT_TRUE(log.Has("Starting download logs now."));
   EXPECT_EQ(log.Lines()[1], "Download Log Progress: 0%%");
@@ -58,7 +58,7 @@ TEST_F(LogsTest, SequenceErrorRestartsAndTheArchiveHoldsOnlyTheLastAttempt) {
   EXPECT_EQ(log.CountStartingWith("Expected sequence 2, but got "), 1u);
   EXPECT_EQ(log.CountStartingWith("Download Log Progress: 0%%"), 2u) << "each attempt starts from 0";
   EXPECT_EQ(log.CountStartingWith("Total file size = "), 2u);
-  EXPECT_EQ(out, kSpeedLine + "SPI SUPPORT IS TURNED ON!\n" + zip.string() + "\n\n" + zip.string() + "\n\n");
+  EXPECT_EQ(out, std::string(lines::kOpened) + lines::kSpi + zip.string() + "\n\n" + zip.string() + "\n\n");
 }
 
 TEST_F(LogsTest, LongLengthAndUnreadableStartNumbersStillGiveAGoodArchive) {

@@ -4,7 +4,7 @@
 // is in the upgrade table (UpgradeDevsimTest).
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <algorithm>
 
 #include "devsim/Bundle.h"
 #include "tests/devsim/DeviceHarness.h"
@@ -13,12 +13,6 @@ namespace ferrolt::devsim::test {
 namespace {
 
 constexpr size_t kPiece = 57;
-
-Block RawBlock(const std::string& text) {
-  Block block{};
-  std::memcpy(block.data(), text.data(), std::min(text.size(), block.size() - 1));
-  return block;
-}
 
 // Streams the start text (with count packets, or as many as the bundle
 // needs), the first `sent` data packets and the end packet; returns the

@@ -39,12 +39,6 @@ constexpr milliseconds kDeviceWait{5000};
 constexpr milliseconds kQuiet{1000};
 constexpr milliseconds kDeviceAsleep{1500};
 
-StandInBlock NumberedBlock(uint8_t first) {
-  StandInBlock block{};
-  for (size_t i = 0; i < block.size(); ++i) block[i] = static_cast<uint8_t>(first + i);
-  return block;
-}
-
 std::unique_ptr<platform::DeviceBackend> StandInBackend() {
   return platform::CreateWinUsbBackend(StandInWinUsbApi(), StandInSetupApi());
 }
