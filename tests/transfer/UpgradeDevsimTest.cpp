@@ -53,7 +53,9 @@ TEST_P(UpgradeTable, StoresTheBundle) {
   EXPECT_EQ(console.find("Resending NACK packet") != std::string::npos, row.resends);
   // Writes in flight past a refused packet draw no second NACK from the
   // device and are no second rewind; a refusal of the resend itself is.
-  if (row.rewinds != kAnyCount) EXPECT_EQ(Count(console, "Resending NACK packet"), row.rewinds);
+  if (row.rewinds != kAnyCount) {
+    EXPECT_EQ(Count(console, "Resending NACK packet"), row.rewinds);
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(
