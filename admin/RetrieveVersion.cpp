@@ -13,7 +13,6 @@ namespace ferrolt {
 namespace {
 
 constexpr const char* kVersionRequest = "Version Retrieval";
-constexpr int kProgressDone = 100;
 
 void PrintModeLines(bool verbose) {
   std::printf(verbose ? "VERBOSE MODE DETECTED!\n" : "NONVERBOSE MODE DETECTED!\n");

@@ -11,7 +11,6 @@ namespace ferrolt {
 namespace {
 
 constexpr int kProgressStarted = 5;
-constexpr int kProgressDone = 100;
 
 void Report(ILogMessageCallBack* log, const char* message) {
   if (log != nullptr) log->LogMessageCallBack(message);

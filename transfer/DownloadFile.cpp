@@ -18,7 +18,6 @@ namespace ferrolt {
 
 namespace {
 
-constexpr int kProgressDone = 100;
 constexpr char kRequestPrefix[] = "Starting download ";
 // The request text and its terminating zero must fit the payload.
 constexpr size_t kMaxDevicePathLength = kPayloadSize - 1 - (sizeof kRequestPrefix - 1);

@@ -21,7 +21,6 @@ namespace ferrolt {
 
 namespace {
 
-constexpr int kProgressDone = 100;
 constexpr const char* kRequestText = "Download Logs";
 
 enum class AttemptEnd { Complete, SequenceError, Stopped };

@@ -10,6 +10,9 @@
 
 namespace ferrolt {
 
+// The progress an operation reports when it has finished its work.
+inline constexpr int kProgressDone = 100;
+
 inline void ReportProgress(IProgressChangeCallBack* progress, int percent) {
   if (progress != nullptr) progress->ProgressChangeCallBack(percent);
 }

@@ -22,7 +22,6 @@ namespace {
 constexpr int kProgressStarted = 5;
 constexpr int kProgressFileOpen = 10;
 constexpr int kProgressStartWritten = 15;
-constexpr int kProgressDone = 100;
 // The start text must leave room for its terminating zero in the block.
 constexpr size_t kMaxStartTextLength = kBlockSize - 1;
 // Byte 6 of a type-4 reply that refuses the last data packet.
