@@ -193,6 +193,9 @@ class PacketStream {
     if (nacked < 0 || nacked >= next_) return false;
     const bool stale = nacked == rewoundTo_ && window_.Pending(nacked);
     if (!stale) {
+      // The progress of the packets already written comes before the
+      // resend line, as it would with one write at a time.
+      DrainWindow();
       std::printf("Resending NACK packet, packet No : %d\n", nacked);
       RewindTo(nacked, file);
     }
@@ -204,13 +207,17 @@ class PacketStream {
   // The writes in flight end first, quietly but for the progress of those
   // written: the device has them, or drops them as out of order.
   void RewindTo(int32_t packet, BundleFile& file) {
+    DrainWindow();
+    file.SeekToPacket(packet);
+    next_ = packet;
+    rewoundTo_ = packet;
+  }
+
+  void DrainWindow() {
     while (!window_.Empty()) {
       const WriteWindow::Ended ended = window_.AwaitOldest(nullptr);
       if (ended.status == TransferStatus::Done) ReportProgress(ended.tag);
     }
-    file.SeekToPacket(packet);
-    next_ = packet;
-    rewoundTo_ = packet;
   }
 
   void ReportProgress(int32_t written) {
