@@ -19,21 +19,13 @@
 
 #include "platform/hid/HidOpenMode.h"
 
-// The mode hid_open_path_w_mode opens with, and the one every other open
-// (hid_open_path, hid_open, hid_enumerate's look at each device) uses.
+// The mode of every open but hid_open_path_w_mode's: hid_open_path,
+// hid_open, and hid_enumerate's look at each device.
 enum { kModeDefault = 0 };
 
 // The mode of the open in progress. hidapi's interface is not thread-safe
 // (hid.c keeps its last error in a global too), and neither is this.
 static int open_mode = kModeDefault;
-
-static HidCreateFile create_file = CreateFileW;
-
-HidCreateFile HidUseCreateFile(HidCreateFile replacement) {
-  HidCreateFile replaced = create_file;
-  create_file = replacement;
-  return replaced;
-}
 
 // hid.c asks for read and write access first and retries with none; the mode
 // decides instead, the same both times.
@@ -42,7 +34,7 @@ static HANDLE WINAPI CreateFileInMode(LPCWSTR path, DWORD access, DWORD share, L
   (void)access;
   (void)share;
   const int read_only = open_mode > kModeDefault;
-  return create_file(path, read_only ? GENERIC_READ : 0, read_only ? 0 : FILE_SHARE_READ | FILE_SHARE_WRITE, security,
+  return CreateFileW(path, read_only ? GENERIC_READ : 0, read_only ? 0 : FILE_SHARE_READ | FILE_SHARE_WRITE, security,
                      disposition, flags, template_file);
 }
 

@@ -1,6 +1,4 @@
-// The two entry points ferrolt.exe offers beside hidapi's interface, and the
-// one function through which every HID device is opened (CreateFileW, which
-// tests swap for a stand-in that records how a device was asked for).
+// The two entry points ferrolt.exe offers beside hidapi's interface.
 #pragma once
 
 #include <windows.h>
@@ -20,13 +18,6 @@ hid_device* hid_open_path_w_mode(const char* path, int mode);
 
 // Gives back the device it is given.
 hid_device* hid_get_windows_handle(hid_device* device);
-
-typedef HANDLE(WINAPI* HidCreateFile)(LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
-                                      DWORD disposition, DWORD flags, HANDLE template_file);
-
-// Makes create_file the function that opens devices; gives back the one it
-// replaces.
-HidCreateFile HidUseCreateFile(HidCreateFile create_file);
 
 #ifdef __cplusplus
 }
