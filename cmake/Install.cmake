@@ -27,6 +27,9 @@ if(WIN32)
   configure_file(${packaging_source}/windows/WinUSB.txt ${packaging_binary}/WinUSB.txt @ONLY NEWLINE_STYLE WIN32)
   install(TARGETS ferrolt RUNTIME DESTINATION .)
   install(FILES ${packaging_binary}/WinUSB.txt ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/LICENSE DESTINATION .)
+  # ferrolt.exe holds hidapi's Windows backend, taken under its BSD-style
+  # licence, whose notice goes with every copy.
+  install(FILES ${FERROLT_HIDAPI_SOURCE}/LICENSE-bsd.txt DESTINATION . RENAME hidapi-LICENSE.txt)
   return()
 endif()
 

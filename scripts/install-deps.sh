@@ -23,13 +23,19 @@ test_packages+=(libusbredirparser-dev qemu-system-x86 busybox-static cpio)
 # The Windows build: MinGW-w64 with the posix thread model, GoogleTest's
 # sources to build for it, and Wine to run what it builds.
 test_packages+=(g++-mingw-w64-x86-64-posix googletest wine64 wine)
+# ferrolt.exe's HID exports: Debian's hidapi source package (its Windows
+# backend, built with MinGW), fetched by apt-get source, which dpkg-dev unpacks.
 # The .deb: CPack finds the binaries with file and their library packages
 # with dpkg-shlibdeps.
 test_packages+=(dpkg-dev file)
 
+fetch_hidapi=false
 case "${1:-}" in
   "") ;;
-  --tests) packages+=("${test_packages[@]}") ;;
+  --tests)
+    packages+=("${test_packages[@]}")
+    fetch_hidapi=true
+    ;;
   *)
     echo "usage: $0 [--tests]" >&2
     exit 2
@@ -45,4 +51,45 @@ if [ ${#missing[@]} -gt 0 ]; then
   export DEBIAN_FRONTEND=noninteractive
   apt-get update -qq
   apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+fi
+
+# Debian's hidapi sources, unpacked under the build tree (never committed),
+# where the MinGW build looks for them (build/hidapi-src/hidapi-*/).
+hidapi_parent="$(cd "$(dirname "$0")/.." && pwd)/build/hidapi-src"
+deb_src_entries=/etc/apt/sources.list.d/ferrolt-deb-src
+
+# Adds a deb-src entry beside every Debian entry the system already has, with
+# the same mirrors, suites, components and keys: deb822 stanzas of "Types: deb"
+# and classic "deb" lines alike.
+add_deb_src_entries() {
+  local file
+  for file in /etc/apt/sources.list.d/*.sources; do
+    [ -f "$file" ] && [ "$file" != "$deb_src_entries.sources" ] || continue
+    awk -v RS= -v ORS='\n\n' '/(^|\n)Types:[^\n]*[ \t]deb([ \t]|\n|$)/ {
+      sub(/(^|\n)Types:[^\n]*/, "\nTypes: deb-src"); sub(/^\n/, ""); print }' "$file"
+  done >"$deb_src_entries.sources"
+  for file in /etc/apt/sources.list /etc/apt/sources.list.d/*.list; do
+    [ -f "$file" ] && [ "$file" != "$deb_src_entries.list" ] || continue
+    sed -n 's/^[[:space:]]*deb[[:space:]]/deb-src /p' "$file"
+  done >"$deb_src_entries.list"
+  # An empty file of either kind says nothing: no need to leave it.
+  find "$deb_src_entries".* -empty -delete
+}
+
+hidapi_sources() { compgen -G "$hidapi_parent/hidapi-*/windows/hid.c" >/dev/null; }
+
+if $fetch_hidapi && ! hidapi_sources; then
+  if ! apt-cache showsrc hidapi 2>/dev/null | grep -q '^Package: hidapi$'; then
+    echo "Adding deb-src entries beside the system's Debian entries ($deb_src_entries.*)"
+    add_deb_src_entries
+    apt-get update -qq
+  fi
+  rm -rf "$hidapi_parent"
+  mkdir -p "$hidapi_parent"
+  echo "Fetching Debian's hidapi sources into $hidapi_parent"
+  (cd "$hidapi_parent" && apt-get source -qq hidapi >/dev/null 2>&1) || {
+    echo "apt-get source hidapi failed: no deb-src entry for Debian?" >&2
+    exit 1
+  }
+  hidapi_sources || { echo "$hidapi_parent holds no hidapi-*/windows/hid.c" >&2; exit 1; }
 fi
