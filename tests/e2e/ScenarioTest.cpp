@@ -79,6 +79,12 @@ std::string ProgCapGivesUp() {
          Log("Error: Giving up after 5 failed attempts to send the reboot message.");
 }
 
+// The version lines with the busy line of a second launch before the reply.
+std::string VersionAfterTheBusyLine() {
+  std::string out = VersionLines(kQuiet);
+  return out.insert(out.find("VersionInfoReadyCallBack:"), kBusyLine);
+}
+
 // The whole exchange of a two-packet upgrade.
 std::string UpgradeOf58Bytes() {
   return std::string(kOpened) + Log("I found specified file - b58.bin") + kSpi + Progress(10) +
@@ -166,13 +172,12 @@ std::vector<Scenario> Scenarios() {
              Log("Error: Can not find specified log destination path - nofolder/logs.zip")}},
        true},
 
-      // Given a CLImode file, or none, the command launches or is refused,
-      // and a refusal still waits the end wait.
-      {"RefusedOutsideACliSession", true, {}, {}, {{{"cmd", "ls"}, kRefusedOutsideCli, {}, {}, Timing::EndWait}}, true},
-      {"SilentForLinesThatGiveNoVerdict", true, {}, {{"CLImode", "cli mode = 0\n"}},
-       {{{"version"}, "", {}, {}, Timing::EndWait}}, true},
-      {"RefusedInsideACliSession", true, {}, {{"CLImode", "CLI Mode = 1\n"}},
-       {{{"upload", "/x"}, kRefusedInCli, {}, {}, Timing::EndWait}}, true},
+      // Given a CLImode file with two verdict lines, each launches the
+      // command: the second meets the first still running, and one request
+      // reaches the device.
+      {"EveryVerdictLineLaunchesTheSecondMeetsTheBusyGuard", true, {"delay-replies=500"},
+       {{"CLImode", "CLI Mode = 0\nCLI Mode = 0"}},
+       {{{"version"}, VersionAfterTheBusyLine(), "2 Version Retrieval", {}, Timing::Any, kBusyLine}}},
   };
 
   // Given command lines that launch nothing, it answers and ends at once.
