@@ -109,7 +109,6 @@ std::vector<Scenario> Scenarios() {
       {"CliSessionPrintsDeviceTextAsText", true, {}, {},
        {{{"startcli"}, std::string(kOpened) + kSpi + Log("STARTING CLI MODE...\n"), "4 CLI On"},
         {{"cmd", "echo hello"}, std::string(kOpened) + "\nhello\n", "4 echo hello"},
-        {{"cmd", "echo 100%n %s"}, std::string(kOpened) + "\n100%n %s\n"},
         // A command of 60 characters goes out as its first 57.
         {{"cmd", "echo " + std::string(55, 'z')}, std::string(kOpened) + "\n" + std::string(52, 'z') + "\n",
          "4 echo " + std::string(52, 'z')},
