@@ -160,18 +160,6 @@ TEST(DevsimLink, DropAfterClosesTheLinkBeforeCompletingTheNthWrite) {
   EXPECT_EQ(server->Received().size(), 2u);
 }
 
-// While one host holds the link, another gets no hello; once the first
-// leaves, it is served.
-TEST(DevsimLink, ASecondHostIsServedOnceTheFirstLeaves) {
-  auto server = Start();
-  auto first = std::make_unique<Host>(server->Endpoint());
-  ASSERT_NE(first->connection, nullptr);
-  auto second = platform::CreateEmulatorBackend(server->Endpoint());
-  EXPECT_TRUE(second->ListInterfaces().paths.empty());
-  first.reset();
-  EXPECT_EQ(second->ListInterfaces().paths.size(), 1u);
-}
-
 // Given the program itself, it listens where asked, ends cleanly on a
 // signal and refuses bad command lines.
 class DevsimProgram : public ::testing::Test {
@@ -268,8 +256,8 @@ TEST_F(DevsimProgram, BadCommandLinesExitWithOneLineAndHelpWithZero) {
 }
 
 // Given a host that holds the link without using it, or stops reading what
-// the device sends, it is dropped after the idle limit and the next host is
-// served.
+// the device sends, the next host gets no hello until the first is dropped
+// after the idle limit.
 TEST_F(DevsimProgram, AnIdleOrNonReadingHostIsDroppedAfterTheIdleLimit) {
   TempDir root;
   std::filesystem::create_directories(root / "tmp");
