@@ -4,15 +4,12 @@
 // the program itself, its endpoints, signals and command line.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <cctype>
-#include <cstring>
 
 #include "devsim/DevicePackets.h"
 #include "platform/emulator/EmulatorBackend.h"
+#include "platform/emulator/SocketEndpoint.h"
 #include "tests/support/TestSupport.h"
 
 namespace ferrolt::devsim {
@@ -33,37 +30,30 @@ constexpr const char* kDefaultPath =
 
 constexpr auto kQuietWait = 300ms;
 
-// A host's raw end of the emulator link on a Unix socket, with every wait
-// bounded: for what the tool's backend never does (read the hello's bytes,
-// stop reading).
+// A host's raw end of the emulator link, with every wait bounded: for what
+// the tool's backend never does (read the hello's bytes, stop reading).
 class HostLink {
  public:
-  explicit HostLink(const std::string& socketPath) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, socketPath.c_str(), sizeof address.sun_path - 1);
-    fd_ = socket(AF_UNIX, SOCK_STREAM, 0);
-    connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  explicit HostLink(const std::string& endpoint) {
+    std::string failure;
+    socket_ = platform::ConnectEndpoint(endpoint, std::chrono::steady_clock::now() + kReplyWait, failure);
   }
-  ~HostLink() { close(fd_); }
 
   void Write(const Block& block) {
     std::string frame = "W" + std::string(reinterpret_cast<const char*>(block.data()), block.size());
-    ASSERT_EQ(send(fd_, frame.data(), frame.size(), MSG_NOSIGNAL), static_cast<ssize_t>(frame.size()));
+    ASSERT_TRUE(platform::SendAll(socket_.Get(), reinterpret_cast<const uint8_t*>(frame.data()), frame.size(),
+                                  kReplyWait));
   }
-  // Up to count bytes, waiting at most wait for each; fewer when the device
-  // is quiet or gone.
+  // Exactly count bytes, or none when they did not all come within wait.
   std::string Read(size_t count, std::chrono::milliseconds wait) {
-    const timeval limit{wait.count() / 1000, static_cast<suseconds_t>(wait.count() % 1000 * 1000)};
-    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     std::string bytes(count, '\0');
-    const ssize_t got = recv(fd_, bytes.data(), count, MSG_WAITALL);
-    bytes.resize(got > 0 ? static_cast<size_t>(got) : 0);
-    return bytes;
+    const bool got = platform::ReceiveBefore(socket_.Get(), reinterpret_cast<uint8_t*>(bytes.data()), count,
+                                             std::chrono::steady_clock::now() + wait);
+    return got ? bytes : std::string();
   }
 
  private:
-  int fd_ = -1;
+  platform::UniqueSocket socket_;
 };
 
 std::unique_ptr<DevsimServer> Start(std::vector<std::string> args = {},

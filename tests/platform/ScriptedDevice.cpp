@@ -8,6 +8,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "platform/emulator/SocketIo.h"
+
 namespace ferrolt::test {
 namespace {
 
@@ -24,14 +26,8 @@ int ListenUnix(const std::string& path) {
   return fd;
 }
 
-void SendEverything(int fd, const uint8_t* data, size_t size) {
-  while (size > 0) {
-    const ssize_t sent = ::send(fd, data, size, MSG_NOSIGNAL);
-    if (sent <= 0) return;
-    data += sent;
-    size -= static_cast<size_t>(sent);
-  }
-}
+// Bounds a send to a host that has stopped reading.
+constexpr std::chrono::milliseconds kSendWait{2000};
 
 }  // namespace
 
@@ -69,7 +65,7 @@ void ScriptedDevice::Accept() {
   std::lock_guard<std::mutex> lock(mutex_);
   CloseClientLocked();
   client_ = fd;
-  SendEverything(client_, options_.greeting.data(), options_.greeting.size());
+  platform::SendAll(client_, options_.greeting.data(), options_.greeting.size(), kSendWait);
   if (options_.hangsUpAfterGreeting) CloseClientLocked();
 }
 
@@ -88,7 +84,7 @@ void ScriptedDevice::ReadFromHost() {
       Block block;
       std::memcpy(block.data(), pending_.data() + 1, block.size());
       writes_.push_back(block);
-      if (acksWrites_) SendEverything(client_, &kWireAck, 1);
+      if (acksWrites_) platform::SendAll(client_, &kWireAck, 1, kSendWait);
     }
     pending_.erase(pending_.begin(), pending_.begin() + kFrameSize);
   }
@@ -126,7 +122,7 @@ void ScriptedDevice::SendBlock(const Block& block) {
 
 void ScriptedDevice::SendRaw(const std::vector<uint8_t>& bytes) {
   std::lock_guard<std::mutex> lock(mutex_);
-  if (client_ >= 0) SendEverything(client_, bytes.data(), bytes.size());
+  if (client_ >= 0) platform::SendAll(client_, bytes.data(), bytes.size(), kSendWait);
 }
 
 void ScriptedDevice::Hangup() {
