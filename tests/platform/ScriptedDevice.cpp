@@ -2,7 +2,6 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -15,16 +14,7 @@ namespace {
 
 constexpr int kPollSliceMs = 10;
 constexpr size_t kFrameSize = 65;
-
-int ListenUnix(const std::string& path) {
-  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-  if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || ::listen(fd, 4) != 0)
-    throw std::runtime_error("cannot listen on " + path);
-  return fd;
-}
+constexpr int kBacklog = 4;
 
 // Bounds a send to a host that has stopped reading.
 constexpr std::chrono::milliseconds kSendWait{2000};
@@ -33,7 +23,8 @@ constexpr std::chrono::milliseconds kSendWait{2000};
 
 ScriptedDevice::ScriptedDevice(ScriptOptions options) : options_(std::move(options)) {
   endpoint_ = (dir_ / "device.sock").string();
-  listener_ = ListenUnix(endpoint_);
+  listener_ = BindUnixSocket(endpoint_);
+  if (::listen(listener_, kBacklog) != 0) throw std::runtime_error("cannot listen on " + endpoint_);
   server_ = std::thread([this] { Serve(); });
 }
 
