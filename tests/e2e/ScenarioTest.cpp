@@ -1,7 +1,8 @@
 // The end-to-end scenarios that differ only in data: the built ferrolt run
 // as a user runs it, in a working folder, against a device on the selected
 // transport (or none), with the whole standard output compared byte for
-// byte, the exit status, the time taken, and what reached the device.
+// byte, the exit status, the time taken, and what reached the device; and
+// the default log path, whose name no row can hold.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -244,6 +245,25 @@ TEST_P(ScenarioTest, PrintsExactlyItsLines) {
 
 INSTANTIATE_TEST_SUITE_P(Runs, ScenarioTest, testing::ValuesIn(Scenarios()),
                          [](const testing::TestParamInfo<Scenario>& info) { return info.param.name; });
+
+// Given a device and no log path, the archive is named, by the time of day,
+// in the temporary folder.
+TEST(DefaultLogPath, TheArchiveIsNamedInTheTemporaryFolder) {
+  const auto device = StartDevice();
+  ASSERT_TRUE(device->Running());
+  TempDir dir;
+  ProcessOptions options;
+  options.args = {"DownloadLogs"};
+  options.env = {{"TMPDIR", dir.Path().string()}};
+  options.cwd = dir.Path();
+  options.timeout = kRunLimit;
+  const ProcessResult result = RunFerrolt(options, *device);
+  const std::string head =
+      "Since there was no log path argument was identified, your log files have been downloaded to:\n<" +
+      dir.Path().string() + "/TavrelLogs(";
+  EXPECT_EQ(result.out.rfind(head, 0), 0u) << result.out;
+  EXPECT_NE(result.out.find(").zip>\n"), std::string::npos);
+}
 
 }  // namespace
 }  // namespace ferrolt::test
