@@ -42,6 +42,7 @@ const Row kRows[] = {
     {{"cmd", "ls"}, "CLI Mode = 0\nCLI Mode = 1", kRefusedOut, 1},
     {{"cmd", "ls"}, kNoVerdicts, "", 0},
     {{"startcli"}, "CLI Mode = 1\n", "", 1},
+    {{"upload", "/x"}, "CLI Mode = 1\n", kRefusedIn, 0},
 };
 
 void PrintTo(const Row& row, std::ostream* out) {

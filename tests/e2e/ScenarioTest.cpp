@@ -1,7 +1,8 @@
 // The end-to-end scenarios that differ only in data: the built ferrolt run
 // as a user runs it, in a working folder, against a device on the selected
 // transport (or none), with the whole standard output compared byte for
-// byte, the exit status, the time taken, and what reached the device.
+// byte, the exit status, the time taken, and what reached the device; and
+// the default log path, whose name no row can hold.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -79,6 +80,12 @@ std::string ProgCapGivesUp() {
          Log("Error: Giving up after 5 failed attempts to send the reboot message.");
 }
 
+// The version lines with the busy line of a second launch before the reply.
+std::string VersionAfterTheBusyLine() {
+  std::string out = VersionLines(kQuiet);
+  return out.insert(out.find("VersionInfoReadyCallBack:"), kBusyLine);
+}
+
 // The whole exchange of a two-packet upgrade.
 std::string UpgradeOf58Bytes() {
   return std::string(kOpened) + Log("I found specified file - b58.bin") + kSpi + Progress(10) +
@@ -103,7 +110,6 @@ std::vector<Scenario> Scenarios() {
       {"CliSessionPrintsDeviceTextAsText", true, {}, {},
        {{{"startcli"}, std::string(kOpened) + kSpi + Log("STARTING CLI MODE...\n"), "4 CLI On"},
         {{"cmd", "echo hello"}, std::string(kOpened) + "\nhello\n", "4 echo hello"},
-        {{"cmd", "echo 100%n %s"}, std::string(kOpened) + "\n100%n %s\n"},
         // A command of 60 characters goes out as its first 57.
         {{"cmd", "echo " + std::string(55, 'z')}, std::string(kOpened) + "\n" + std::string(52, 'z') + "\n",
          "4 echo " + std::string(52, 'z')},
@@ -166,13 +172,12 @@ std::vector<Scenario> Scenarios() {
              Log("Error: Can not find specified log destination path - nofolder/logs.zip")}},
        true},
 
-      // Given a CLImode file, or none, the command launches or is refused,
-      // and a refusal still waits the end wait.
-      {"RefusedOutsideACliSession", true, {}, {}, {{{"cmd", "ls"}, kRefusedOutsideCli, {}, {}, Timing::EndWait}}, true},
-      {"SilentForLinesThatGiveNoVerdict", true, {}, {{"CLImode", "cli mode = 0\n"}},
-       {{{"version"}, "", {}, {}, Timing::EndWait}}, true},
-      {"RefusedInsideACliSession", true, {}, {{"CLImode", "CLI Mode = 1\n"}},
-       {{{"upload", "/x"}, kRefusedInCli, {}, {}, Timing::EndWait}}, true},
+      // Given a CLImode file with two verdict lines, each launches the
+      // command: the second meets the first still running, and one request
+      // reaches the device.
+      {"EveryVerdictLineLaunchesTheSecondMeetsTheBusyGuard", true, {"delay-replies=500"},
+       {{"CLImode", "CLI Mode = 0\nCLI Mode = 0"}},
+       {{{"version"}, VersionAfterTheBusyLine(), "2 Version Retrieval", {}, Timing::Any, kBusyLine}}},
   };
 
   // Given command lines that launch nothing, it answers and ends at once.
@@ -240,6 +245,25 @@ TEST_P(ScenarioTest, PrintsExactlyItsLines) {
 
 INSTANTIATE_TEST_SUITE_P(Runs, ScenarioTest, testing::ValuesIn(Scenarios()),
                          [](const testing::TestParamInfo<Scenario>& info) { return info.param.name; });
+
+// Given a device and no log path, the archive is named, by the time of day,
+// in the temporary folder.
+TEST(DefaultLogPath, TheArchiveIsNamedInTheTemporaryFolder) {
+  const auto device = StartDevice();
+  ASSERT_TRUE(device->Running());
+  TempDir dir;
+  ProcessOptions options;
+  options.args = {"DownloadLogs"};
+  options.env = {{"TMPDIR", dir.Path().string()}};
+  options.cwd = dir.Path();
+  options.timeout = kRunLimit;
+  const ProcessResult result = RunFerrolt(options, *device);
+  const std::string head =
+      "Since there was no log path argument was identified, your log files have been downloaded to:\n<" +
+      dir.Path().string() + "/TavrelLogs(";
+  EXPECT_EQ(result.out.rfind(head, 0), 0u) << result.out;
+  EXPECT_NE(result.out.find(").zip>\n"), std::string::npos);
+}
 
 }  // namespace
 }  // namespace ferrolt::test

@@ -1,9 +1,11 @@
 // The emulator link under the transfer contract, with a scripted device at
-// its far end; and the wire's own rules: every A completes the oldest W, and
-// a device that breaks the framing or stops reading is a removed device.
+// its far end; and the wire's own rules: a device is found only where one
+// greets properly, every A completes the oldest W, and a device that breaks
+// the framing or stops reading is a removed device.
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,6 +26,8 @@ constexpr uint8_t kIn = 0x81;
 constexpr auto kArrival = 2000ms;
 // How long a transfer that should stay open is watched.
 constexpr auto kQuiet = 100ms;
+// The backend gives up on a silent device after a second; leave room.
+constexpr auto kDiscoveryBound = 3000ms;
 
 class EmulatorPeer : public ContractPeer {
  public:
@@ -55,6 +59,56 @@ class EmulatorPeer : public ContractPeer {
 };
 
 FERROLT_TRANSFER_CONTRACT(EmulatorLink, (PeerMaker{"emulator", [] { return std::make_unique<EmulatorPeer>(); }}));
+
+ScriptOptions Greeting(std::vector<uint8_t> bytes) {
+  ScriptOptions options;
+  options.greeting = std::move(bytes);
+  return options;
+}
+
+// Given anything but a device that greets properly, the backend lists
+// nothing, as a PC without the device does, within its bound, and opens nothing.
+TEST(EmulatorAbsentDeviceTest, ListsNothingWithinItsBound) {
+  TempDir dir;
+  const std::string staleSocket = (dir / "stale.sock").string();
+  LeaveStaleSocket(staleSocket);
+  const std::string refusedPort = "tcp:127.0.0.1:" + std::to_string(FreeTcpPort());
+  ScriptOptions hangsUp = Greeting({'H', 0x09, 0x12});
+  hangsUp.hangsUpAfterGreeting = true;
+
+  struct Case {
+    const char* name;
+    std::string endpoint;                 // when there is no device
+    std::optional<ScriptOptions> device;  // one that greets as these say
+    std::chrono::milliseconds atLeast = 0ms;
+    std::chrono::milliseconds below = kDiscoveryBound;
+  };
+  const Case cases[] = {
+      {"no socket", (dir / "missing.sock").string(), std::nullopt},
+      {"empty endpoint", "", std::nullopt},
+      {"socket file with no listener", staleSocket, std::nullopt},
+      {"refused TCP port", refusedPort, std::nullopt},
+      {"garbage greeting", "", Greeting({'X', 0x09, 0x12, 0x01, 0x00, 0x04, 0x03, 0x00})},
+      {"partial greeting", "", Greeting({'H', 0x09, 0x12, 0x01, 0x00, 0x04, 0x03})},
+      // A hangup ends the wait for the hello at once.
+      {"partial greeting, then a hangup", "", hangsUp, 0ms, 900ms},
+      {"silent device, given up after the hello wait", "", Greeting({}), 900ms},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto device = c.device ? std::make_unique<ScriptedDevice>(*c.device) : nullptr;
+    auto backend = platform::CreateEmulatorBackend(device ? device->Endpoint() : c.endpoint);
+    const auto start = std::chrono::steady_clock::now();
+    const platform::InterfaceListing listing = backend->ListInterfaces();
+    const auto elapsed = std::chrono::steady_clock::now() - start;
+    EXPECT_TRUE(listing.listed);
+    EXPECT_TRUE(listing.paths.empty());
+    EXPECT_EQ(listing.lastError, platform::kErrorNoMoreItems);
+    EXPECT_GE(elapsed, c.atLeast);
+    EXPECT_LT(elapsed, c.below);
+    EXPECT_EQ(backend->Open(kListedPath), nullptr);
+  }
+}
 
 // Given an opened emulator link to a scripted device.
 class EmulatorWire : public ::testing::Test {

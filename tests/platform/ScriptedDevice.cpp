@@ -2,42 +2,29 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <stdexcept>
+
+#include "platform/emulator/SocketIo.h"
 
 namespace ferrolt::test {
 namespace {
 
 constexpr int kPollSliceMs = 10;
 constexpr size_t kFrameSize = 65;
+constexpr int kBacklog = 4;
 
-int ListenUnix(const std::string& path) {
-  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-  if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || ::listen(fd, 4) != 0)
-    throw std::runtime_error("cannot listen on " + path);
-  return fd;
-}
-
-void SendEverything(int fd, const uint8_t* data, size_t size) {
-  while (size > 0) {
-    const ssize_t sent = ::send(fd, data, size, MSG_NOSIGNAL);
-    if (sent <= 0) return;
-    data += sent;
-    size -= static_cast<size_t>(sent);
-  }
-}
+// Bounds a send to a host that has stopped reading.
+constexpr std::chrono::milliseconds kSendWait{2000};
 
 }  // namespace
 
 ScriptedDevice::ScriptedDevice(ScriptOptions options) : options_(std::move(options)) {
   endpoint_ = (dir_ / "device.sock").string();
-  listener_ = ListenUnix(endpoint_);
+  listener_ = BindUnixSocket(endpoint_);
+  if (::listen(listener_, kBacklog) != 0) throw std::runtime_error("cannot listen on " + endpoint_);
   server_ = std::thread([this] { Serve(); });
 }
 
@@ -69,7 +56,7 @@ void ScriptedDevice::Accept() {
   std::lock_guard<std::mutex> lock(mutex_);
   CloseClientLocked();
   client_ = fd;
-  SendEverything(client_, options_.greeting.data(), options_.greeting.size());
+  platform::SendAll(client_, options_.greeting.data(), options_.greeting.size(), kSendWait);
   if (options_.hangsUpAfterGreeting) CloseClientLocked();
 }
 
@@ -88,7 +75,7 @@ void ScriptedDevice::ReadFromHost() {
       Block block;
       std::memcpy(block.data(), pending_.data() + 1, block.size());
       writes_.push_back(block);
-      if (acksWrites_) SendEverything(client_, &kWireAck, 1);
+      if (acksWrites_) platform::SendAll(client_, &kWireAck, 1, kSendWait);
     }
     pending_.erase(pending_.begin(), pending_.begin() + kFrameSize);
   }
@@ -126,7 +113,7 @@ void ScriptedDevice::SendBlock(const Block& block) {
 
 void ScriptedDevice::SendRaw(const std::vector<uint8_t>& bytes) {
   std::lock_guard<std::mutex> lock(mutex_);
-  if (client_ >= 0) SendEverything(client_, bytes.data(), bytes.size());
+  if (client_ >= 0) platform::SendAll(client_, bytes.data(), bytes.size(), kSendWait);
 }
 
 void ScriptedDevice::Hangup() {

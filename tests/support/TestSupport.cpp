@@ -79,23 +79,21 @@ int FreeTcpPort() {
   return ntohs(address.sin_port);
 }
 
-void LeaveStaleSocket(const std::string& path) {
+int BindUnixSocket(const std::string& path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
   const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const bool bound = fd >= 0 && bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  if (fd >= 0 && bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return fd;
   if (fd >= 0) close(fd);
-  if (!bound) throw std::runtime_error("cannot bind " + path);
+  throw std::runtime_error("cannot bind " + path);
 }
+
+void LeaveStaleSocket(const std::string& path) { close(BindUnixSocket(path)); }
 
 namespace {
 
 void SetNonBlocking(int fd) { fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK); }
-
-}  // namespace
-
-namespace {
 
 // The environment the child gets: this process's, less the variables removed,
 // with the variables set.

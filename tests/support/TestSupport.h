@@ -43,6 +43,8 @@ std::string RandomBytes(size_t count, unsigned seed);
 size_t CountOf(const std::string& text, const std::string& part);
 // A loopback TCP port that nothing listens on: bound, then let go.
 int FreeTcpPort();
+// A Unix stream socket bound to path, not yet listening; throws when it cannot be.
+int BindUnixSocket(const std::string& path);
 // A Unix socket file nobody listens on, as a killed server leaves it.
 void LeaveStaleSocket(const std::string& path);
 
