@@ -9,13 +9,13 @@
 # downloaded file against the device's. Prints packets/s and MiB/s of both
 # builds and their ratio against the goal; exits non-zero when a byte
 # differs or an operation fails, never for speed.
-#   bench/kernel_throughput.sh [MIB]     bundle size in MiB (default 16)
+#   bench/kernel_throughput.sh [MIB]     bundle size in MiB (default 8)
 # Exit status 77: no QEMU or no kernel here (skipped).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 readonly kSkip=77
-readonly kSizeMiB=${1:-16}
+readonly kSizeMiB=${1:-8}
 readonly kPayloadSize=57  # bundle bytes per upgrade and download packet
 readonly kNackPercent=1
 readonly kNackSeed=16
