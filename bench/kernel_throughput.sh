@@ -89,6 +89,7 @@ start_device() {
   shift
   mkdir -p "$root/tmp"
   cp "$work/bundle.bin" "$root/tmp/bundle.bin"
+  : >"$root.log"
   "$devsim" --usbredir "$work/usbredir.sock" --root "$root" --version "$kVersion" "$@" >"$root.log" 2>&1 &
   device_pid=$!
   for ((tries = 0; tries < kListenLimit * 10; ++tries)); do
@@ -144,6 +145,7 @@ run_build() {
   fi
   [ "$status" -eq 0 ] || exit "$status"
   start_device "$work/$name.root0"
+  : >"$console"
   "$guest" boot "$kernelDir" "$work/usbredir.sock" >"$console" 2>&1 &
   guest_pid=$!
   await "$console" "@@phase 1"
