@@ -182,9 +182,10 @@ rate() {
   awk -v cs="$1" -v packets="$packets" -v size="$size" \
     'BEGIN { s = cs / 100; printf "%.2f s, %d packets/s, %.2f MiB/s", s, packets / s, size / s / 1048576 }'
 }
-# What every run of the tool costs before and after its packets (starting
-# under emulation, finding and opening the device) is about what "ferrolt
-# version" takes; the rate without it is the rate of the packets.
+# What every run of the tool costs besides its packets (starting under
+# emulation, finding and opening the device, and the 3 s it waits at the
+# end for a cancel) is about what "ferrolt version" takes; the rate without
+# it is the rate of the packets.
 # packet_rate NAME OP: "P packets/s less S s".
 packet_rate() {
   awk -v cs="${results[$1_$2]}" -v fixed="${results[$1_version]}" -v packets="$packets" \
