@@ -62,9 +62,13 @@ inline constexpr milliseconds kStaleDrainLimit{2000};
 // 32 (64 added a third more); the figures we have through a real kernel's
 // USB stack are 11,000 blocks/s with one, 23,000 with 8 and 32,000 with 32.
 // 32 keeps what a refusal costs small: at most 31 packets drained and sent
-// again.
-inline constexpr size_t kUpgradeWriteWindow = 32;
-inline constexpr size_t kReadsQueued = 32;
+// again. A build made to compare against sets another number for both with
+// the FERROLT_TRANSFERS_IN_FLIGHT CMake variable.
+#ifndef FERROLT_TRANSFERS_IN_FLIGHT
+#define FERROLT_TRANSFERS_IN_FLIGHT 32
+#endif
+inline constexpr size_t kUpgradeWriteWindow = FERROLT_TRANSFERS_IN_FLIGHT;
+inline constexpr size_t kReadsQueued = FERROLT_TRANSFERS_IN_FLIGHT;
 // How long process teardown waits for running tasks after closing the link.
 inline constexpr milliseconds kTeardownWait{1000};
 
