@@ -4,7 +4,11 @@
 # write in flight and one read queued), each in the QEMU guest of
 # tests/kernel/guest.sh, talking to ferrolt-devsim's usbredir front. In each
 # guest: an upgrade and a download of the same bundle, timed, then the
-# upgrade again while the device refuses 1% of its packets. Every byte is
+# upgrade again while the device refuses 1% of its packets, and the download
+# again from a device that sends each block as a USB packet of its own
+# (ferrolt-devsim's block-per-packet; otherwise it fills each 512-byte
+# packet with up to 8 due blocks, and one read in flight already moves
+# them all). Every byte is
 # compared: the bundle the device received against the one sent, the
 # downloaded file against the device's. Prints packets/s and MiB/s of both
 # builds and their ratio against the goal; exits non-zero when a byte
@@ -61,8 +65,8 @@ head -c "$size" /dev/urandom >"$work/bundle.bin"
 mkdir -p "$work/payload"
 cp "$work/bundle.bin" "$work/payload/"
 # The guest's side, with the helpers of tests/kernel/init: "@@time NAME
-# STATUS CENTISECONDS" for each operation, "@@same" or "@@differs" for the
-# download.
+# STATUS CENTISECONDS" for each operation, "@@same NAME" or "@@differs NAME"
+# for each download.
 cat >"$work/payload/run.sh" <<'EOF'
 centiseconds() { cut -d' ' -f1 /proc/uptime | tr -d .; }
 timed() {
@@ -77,11 +81,16 @@ timed() {
 wait_device ''
 timed version ferrolt version
 timed upgrade ferrolt upgrade /payload/bundle.bin
-timed download ferrolt download /tmp/bundle.bin got.bin
-if cmp -s got.bin /payload/bundle.bin; then echo "@@same download"; else echo "@@differs download"; fi
-rm -f got.bin
+download() {
+  timed "$1" ferrolt download /tmp/bundle.bin got.bin
+  if cmp -s got.bin /payload/bundle.bin; then echo "@@same $1"; else echo "@@differs $1"; fi
+  rm -f got.bin
+}
+download download
 phase 1
 timed storm ferrolt upgrade /payload/bundle.bin
+phase 2
+download blocks
 EOF
 
 # ferrolt-devsim on the guest's socket, its root ROOT, with FAULTS...
@@ -133,8 +142,8 @@ received() {
 }
 
 # One boot of the guest with the tool of build folder BUILD; leaves
-# NAME_version, NAME_upgrade, NAME_download, NAME_storm (centiseconds) and
-# what was compared in results.
+# NAME_version, NAME_upgrade, NAME_download, NAME_storm, NAME_blocks
+# (centiseconds) and what was compared in results.
 declare -A results
 run_build() {
   local name=$1 build=$2 console="$work/$1.console" status
@@ -153,23 +162,28 @@ run_build() {
   stop_device
   received "$work/$name.root0" "${name}_upgrade_bytes"
   start_device "$work/$name.root1" --fault "nack=$nacks"
+  await "$console" "@@phase 2"
+  stop_device
+  received "$work/$name.root1" "${name}_storm_bytes"
+  start_device "$work/$name.root2" --fault block-per-packet
   await "$console" "@@end"
   wait "$guest_pid" || true
   guest_pid=""
   stop_device
-  received "$work/$name.root1" "${name}_storm_bytes"
   local line op code centis
   while read -r line op code centis; do
     results[${name}_$op]=$centis
     [ "$code" = 0 ] || { echo "$name: $op exited $code" >&2; ((++failures)); }
   done < <(tr -d '\r' <"$console" | grep "^@@time ")
-  if tr -d '\r' <"$console" | grep -q "^@@same download"; then
-    results[${name}_download_bytes]=same
-  else
-    results[${name}_download_bytes]=differs
-    ((++failures))
-  fi
-  for op in version upgrade download storm; do
+  for op in download blocks; do
+    if tr -d '\r' <"$console" | grep -q "^@@same $op\$"; then
+      results[${name}_${op}_bytes]=same
+    else
+      results[${name}_${op}_bytes]=differs
+      ((++failures))
+    fi
+  done
+  for op in version upgrade download storm blocks; do
     [ -n "${results[${name}_$op]:-}" ] || { echo "$name: no time for $op" >&2; tr -d '\r' <"$console" | tail -n 20 >&2; exit 1; }
   done
 }
@@ -198,10 +212,12 @@ packet_ratio() {
 }
 
 echo "real kernel under QEMU, ${kSizeMiB} MiB bundle ($packets packets), window $window against 1"
-for op in upgrade download; do
-  echo "$op, window $window: $(rate "${results[window_$op]}") ($(packet_rate window "$op")), bytes ${results[window_${op}_bytes]}"
-  echo "$op, window 1:  $(rate "${results[one_$op]}") ($(packet_rate one "$op")), bytes ${results[one_${op}_bytes]}"
-  echo "$op, window $window / window 1: $(ratio "${results[one_$op]}" "${results[window_$op]}")x, $(packet_ratio "$op")x less \"ferrolt version\" (goal ${kGoal}x)"
+# What each operation's lines are headed with.
+label() { [ "$1" = blocks ] && echo "download, a block a packet" || echo "$1"; }
+for op in upgrade download blocks; do
+  echo "$(label $op), window $window: $(rate "${results[window_$op]}") ($(packet_rate window "$op")), bytes ${results[window_${op}_bytes]}"
+  echo "$(label $op), window 1:  $(rate "${results[one_$op]}") ($(packet_rate one "$op")), bytes ${results[one_${op}_bytes]}"
+  echo "$(label $op), window $window / window 1: $(ratio "${results[one_$op]}" "${results[window_$op]}")x, $(packet_ratio "$op")x less \"ferrolt version\" (goal ${kGoal}x)"
 done
 count=$(awk -F, '{ print NF }' <<<"$nacks")
 storm="upgrade, $count packets refused once (${kNackPercent}%, seed $kNackSeed)"

@@ -29,6 +29,7 @@ constexpr FaultHelp kFaultHelp[] = {
     {"stall-out=N", "USB: answer OUT transfer N with a STALL (until the host clears it)"},
     {"unplug-at-out=N", "USB: unplug the device as it is offered OUT transfer N"},
     {"replug-after=MS", "usbredir: plug the device back in MS milliseconds after an unplug"},
+    {"block-per-packet", "USB: send each IN block as a packet of its own, not as many as fit in one"},
     // The device: numbers count OUT blocks over its whole life.
     {"pause-writes-after=N", "after N OUT blocks, take none for a while (NAK them), once"},
     {"pause-writes-for=MS", "how long that pause lasts (default 2000)"},

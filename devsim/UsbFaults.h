@@ -26,9 +26,15 @@ struct UsbFaults {
   // After each IN packet of exactly wMaxPacketSize bytes the device sends a
   // zero-length packet, as devices do to end a transfer of whole packets.
   bool zeroLengthAfterFullPacket = false;
+  // Each IN block goes out as a packet of its own (a short packet at high
+  // speed, which ends the host's transfer), as from a device that writes its
+  // blocks one by one; otherwise a packet holds as many due blocks as fit in
+  // wMaxPacketSize.
+  bool blockPerPacket = false;
 };
 
-// faults, with what the plan's stall-out, unplug-at-out and replug-after say.
+// faults, with what the plan's stall-out, unplug-at-out, replug-after and
+// block-per-packet say.
 UsbFaults WithPlannedFaults(UsbFaults faults, const FaultPlan& plan);
 
 }  // namespace ferrolt::devsim

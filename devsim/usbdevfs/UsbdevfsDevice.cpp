@@ -381,11 +381,11 @@ void UsbdevfsDevice::AdvanceOut() {
 }
 
 // Each IN URB takes one packet: as many of the device's due blocks as fit in
-// wMaxPacketSize. The device does not know the URB's size; a packet larger
+// wMaxPacketSize (one, for a device that sends block by block). The device does not know the URB's size; a packet larger
 // than the buffer is babble, and the URB ends with -EOVERFLOW
 // (Documentation/driver-api/usb/error-codes.rst).
 void UsbdevfsDevice::AnswerIn() {
-  const size_t blocksPerPacket = std::max<size_t>(1, packetSize_ / kBlockBytes);
+  const size_t blocksPerPacket = faults_.blockPerPacket ? 1 : std::max<size_t>(1, packetSize_ / kBlockBytes);
   while (!awaitingData_.empty()) {
     if (zeroLengthOwed_) {
       zeroLengthOwed_ = false;

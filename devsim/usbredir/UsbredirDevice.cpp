@@ -407,12 +407,14 @@ void UsbredirDevice::AdvanceOut() {
 }
 
 // Each IN transfer takes one packet: as many of the device's due blocks as
-// fit in wMaxPacketSize and in the transfer. A transfer too short for one
-// block is babble (the device sends more than was asked).
+// fit in wMaxPacketSize and in the transfer (one, for a device that sends
+// block by block). A transfer too short for one block is babble (the device
+// sends more than was asked).
 void UsbredirDevice::AnswerIn() {
+  const size_t packetBytes = faults_.blockPerPacket ? kBlockBytes : packetSize_;
   while (!awaitingData_.empty()) {
     const InTransfer transfer = awaitingData_.front();
-    const size_t room = std::min<size_t>(packetSize_, transfer.length) / kBlockBytes;
+    const size_t room = std::min<size_t>(packetBytes, transfer.length) / kBlockBytes;
     std::vector<Block> blocks;
     while (blocks.size() < std::max<size_t>(room, 1)) {
       const std::optional<Block> block = device_.PopInBlock();
