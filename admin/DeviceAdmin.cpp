@@ -2,7 +2,6 @@
 // cancel and the teardown, and the worker shims.
 #include "admin/DeviceAdmin.h"
 
-#include <cstdio>
 #include <utility>
 
 #include "admin/CliSession.h"
@@ -11,6 +10,7 @@
 #include "admin/RetrieveVersion.h"
 #include "link/DeviceIds.h"
 #include "link/DevicePacket.h"
+#include "link/Reporting.h"
 #include "transfer/DownloadFile.h"
 #include "transfer/DownloadLogs.h"
 #include "transfer/UpgradeBundle.h"
@@ -27,8 +27,8 @@ constexpr const char* kCancelText = "Cancel";
 
 }  // namespace
 
-DeviceAdmin::DeviceAdmin(std::unique_ptr<platform::DeviceBackend> backend)
-    : Backend(std::move(backend)), Link(*Backend, CancelEvent) {}
+DeviceAdmin::DeviceAdmin(std::unique_ptr<platform::DeviceBackend> backend, ConsoleSink& console)
+    : Console(console), Backend(std::move(backend)), Link(*Backend, CancelEvent, console) {}
 
 // Nothing waits here: Shutdown() has given the tasks their bounded chance.
 DeviceAdmin::~DeviceAdmin() { Link.CloseDevice(); }
@@ -102,6 +102,7 @@ void DeviceAdmin::WaitForOperation() {
 }
 
 void DeviceAdmin::CancelOperation(ILogMessageCallBack* log) {
+  CancelsUnderWay.fetch_add(1);
   Result.MarkCancelled();
   OperationRunning.exchange(false);
   Task worker;
@@ -112,17 +113,18 @@ void DeviceAdmin::CancelOperation(ILogMessageCallBack* log) {
   worker.Wait();
   const Block cancel = BuildTextPacket(PacketType::Cancel, kCancelText);
   Link.WritePacket(cancel.data(), kBlockSize, log);
-  std::printf("Cancel Operation has succeeded.\n");
-  std::fflush(stdout);
-  // Only now: a signalled event would have cut the write short, and the front
-  // end ends the run as soon as it sees it.
-  CancelEvent.Set();
+  Console.Print("Cancel Operation has succeeded.\n");
+  Console.Flush();
+  // Only once the last cancel under way has printed its line: a signalled
+  // event would cut another cancel's write short, and the front end ends the
+  // run as soon as it sees it.
+  if (CancelsUnderWay.fetch_sub(1) == 1) CancelEvent.Set();
 }
 
 bool DeviceAdmin::WaitForCancelEvent(std::chrono::milliseconds timeout) { return CancelEvent.WaitFor(timeout); }
 
 bool DeviceAdmin::Shutdown(std::chrono::milliseconds bound) {
-  Reader.StopRequested.exchange(true);
+  TearingDown.exchange(true);
   Link.CloseDevice();
   Task worker;
   Task reader;
@@ -156,21 +158,29 @@ int DeviceAdmin::Launch(ILogMessageCallBack* log, BeforeWorker before, std::func
     // A reader left from an earlier upgrade must not hand its state over.
     Reader.NackedPacketNumber.exchange(kNoNack);
     Reader.ReaderDone.exchange(false);
-    ReaderFuture = Task::Start([this, log] { ReadResponses(Link, Reader, log); });
+    ReaderFuture = Task::Start([this, log] { ReadResponses(Link, Reader, TearingDown, LogOrSilent(log)); });
   }
   OperationFuture = Task::Start(std::move(worker));
   return 0;
 }
 
 OperationContext DeviceAdmin::Context(IProgressChangeCallBack* progress, ILogMessageCallBack* log) {
-  return OperationContext{Link, OperationRunning, Reader, LinkMutex, progress, log, Result};
+  return OperationContext{Link,
+                          OperationRunning,
+                          TearingDown,
+                          Reader,
+                          LinkMutex,
+                          ProgressOrSilent(progress),
+                          LogOrSilent(log),
+                          Console,
+                          Result};
 }
 
 // The workers: each hands its operation's free function the context.
 
 void DeviceAdmin::RetrieveVersion(IVersionInfoReadyCallBack* version, IProgressChangeCallBack* progress,
                                   ILogMessageCallBack* log, bool verbose) {
-  ferrolt::RetrieveVersion(Context(progress, log), version, verbose);
+  ferrolt::RetrieveVersion(Context(progress, log), VersionOrSilent(version), verbose);
 }
 
 void DeviceAdmin::StartCli(IProgressChangeCallBack* progress, ILogMessageCallBack* log) {

@@ -26,7 +26,9 @@ namespace ferrolt {
 
 class DeviceAdmin {
  public:
-  explicit DeviceAdmin(std::unique_ptr<platform::DeviceBackend> backend);
+  // console takes the console lines of the link and the workers; it must
+  // outlive the object.
+  explicit DeviceAdmin(std::unique_ptr<platform::DeviceBackend> backend, ConsoleSink& console = StandardConsole());
   // Closes the link. Expects Shutdown() to have stopped every task first.
   ~DeviceAdmin();
   DeviceAdmin(const DeviceAdmin&) = delete;
@@ -52,8 +54,9 @@ class DeviceAdmin {
   // Blocks until the running worker's task has finished; returns at once
   // when no operation runs.
   void WaitForOperation();
-  // Stops the running worker, waits for it, then writes the Cancel packet,
-  // prints its line and signals CancelEvent.
+  // Stops the running worker, waits for it, then writes the Cancel packet
+  // and prints its line. Each call is a whole cancel; CancelEvent is
+  // signalled once the last of the calls under way has printed its line.
   void CancelOperation(ILogMessageCallBack* log);
   // The front end's end wait: true when CancelEvent is signalled in time.
   bool WaitForCancelEvent(std::chrono::milliseconds timeout);
@@ -97,6 +100,7 @@ class DeviceAdmin {
   // Taken by the upgrade sender for each packet step; the response reader
   // never takes it, so it paces nothing.
   std::mutex LinkMutex;
+  ConsoleSink& Console;
   // Manual reset; reset at every launch, listed first by every waited transfer.
   platform::Event CancelEvent;
   std::unique_ptr<platform::DeviceBackend> Backend;
@@ -106,8 +110,13 @@ class DeviceAdmin {
   Task ReaderFuture;
   Task OperationFuture;
   std::atomic<bool> OperationRunning{false};
-  // NackedPacketNumber, ReaderDone, and the teardown stop for the reader.
+  // NackedPacketNumber and ReaderDone.
   ReaderState Reader;
+  // Set by Shutdown: the reader and every loop of a worker without a bound
+  // of its own stop.
+  std::atomic<bool> TearingDown{false};
+  // Cancels that have not yet printed their line.
+  std::atomic<int> CancelsUnderWay{0};
   // What the running (or last) operation reached; reset at every launch.
   OperationOutcome Result;
 };

@@ -17,9 +17,8 @@ Block RebootRequest() { return BuildRawTextBlock("\rreboot\r" + std::string(kReb
 }  // namespace
 
 void ProgramCaptouch(const OperationContext& op) {
-  const Block request = RebootRequest();
-  SendCommandBlock(op, request.data(), "Sent reboot message to device successfully.",
-                   "Failed to send reboot message to device.", "the reboot message");
+  SendCommandBlock(op, RebootRequest(), "Sent reboot message to device successfully.",
+                   {.subject = "the reboot message", .failureLine = "Failed to send reboot message to device."});
 }
 
 }  // namespace ferrolt

@@ -1,7 +1,5 @@
 #include "admin/ReliabilityTest.h"
 
-#include <cstdio>
-
 #include "admin/SendCommandBlock.h"
 #include "link/DevicePacket.h"
 
@@ -15,16 +13,15 @@ constexpr const char* kOrtEnd = "ort end";
 
 void StartOrt(const OperationContext& op, const char* ortString) {
   // Copied unchanged: a '%' in the ORT string is an ordinary character.
-  const Block packet = BuildTextPacket(PacketType::Ort, ortString != nullptr ? ortString : "");
-  SendCommandBlock(op, packet.data(), "Sent ORT message to device successfully.",
-                   "Failed to send ORT message to device.", "the ORT message");
+  SendCommandBlock(op, BuildTextPacket(PacketType::Ort, ortString != nullptr ? ortString : ""),
+                   "Sent ORT message to device successfully.",
+                   {.subject = "the ORT message", .failureLine = "Failed to send ORT message to device."});
 }
 
 void EndOrt(const OperationContext& op, bool verbose) {
-  std::printf(verbose ? "VERBOSE MODE DETECTED!\n" : "NONVERBOSE MODE DETECTED!\n");
-  const Block packet = BuildTextPacket(PacketType::Ort, kOrtEnd);
-  SendCommandBlock(op, packet.data(), "Sent 'ort end' to device successfully.",
-                   "Failed in writing 'ort end' to device.", "'ort end'");
+  op.console.Print(verbose ? "VERBOSE MODE DETECTED!\n" : "NONVERBOSE MODE DETECTED!\n");
+  SendCommandBlock(op, BuildTextPacket(PacketType::Ort, kOrtEnd), "Sent 'ort end' to device successfully.",
+                   {.subject = "'ort end'", .failureLine = "Failed in writing 'ort end' to device."});
 }
 
 }  // namespace ferrolt

@@ -6,6 +6,6 @@
 
 namespace ferrolt {
 
-void RetrieveVersion(const OperationContext& op, IVersionInfoReadyCallBack* version, bool verbose);
+void RetrieveVersion(const OperationContext& op, IVersionInfoReadyCallBack& version, bool verbose);
 
 }  // namespace ferrolt

@@ -2,16 +2,16 @@
 // block to the device, no answer read.
 #pragma once
 
-#include <cstdint>
-
+#include "link/DevicePacket.h"
 #include "transfer/OperationContext.h"
+#include "transfer/ReconnectPolicy.h"
 
 namespace ferrolt {
 
-// Open, progress 5, send until written (reconnecting after each failed
-// write, at most limits::kMaxReconnectRounds writes), progress 100, close.
-// subject names the block in the give-up line.
-void SendCommandBlock(const OperationContext& op, const uint8_t* block, const char* sentMessage,
-                      const char* failedMessage, const char* subject);
+// Open, progress 5, send until written under the reconnect policy (whose
+// failureLine is the worker's line for a failed write), then the sent line,
+// progress 100, close.
+void SendCommandBlock(const OperationContext& op, const Block& block, const char* sentLine,
+                      const ReconnectPolicy& policy);
 
 }  // namespace ferrolt

@@ -96,7 +96,7 @@ bool LaunchCommand(const Command& command, DeviceAdmin& admin, ConsoleReporters&
     case CommandKind::Unrecognised:
     case CommandKind::WrongOrt:
     case CommandKind::OrtTooLong:
-      PrintImmediateAnswer(command, reporters);
+      // Answered by PrintImmediateAnswer before any launch.
       break;
   }
   return false;

@@ -13,7 +13,8 @@ namespace ferrolt {
 // reported itself through the log reporter.
 bool LaunchCommand(const Command& command, DeviceAdmin& admin, ConsoleReporters& reporters, char* ortString);
 
-// Launches with kinds that end the run at once print their line instead.
+// The line of a command that ends the run without a launch: the help, a
+// command not recognised, an ORT string that is wrong or too long.
 void PrintImmediateAnswer(const Command& command, ConsoleReporters& reporters);
 
 }  // namespace ferrolt

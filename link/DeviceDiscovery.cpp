@@ -103,7 +103,7 @@ int32_t UsbLink::FindDevicePath(int productId, int vendorId, char* devicePath, s
   if (notFound != nullptr) *notFound = 0;
   const platform::InterfaceListing listing = backend_.ListInterfaces();
   if (!listing.listed) {
-    std::printf("Couldn't find the Device GUID\n");
+    console_.Print("Couldn't find the Device GUID\n");
     return SearchFailure(listing.lastError);
   }
   if (devicePath != nullptr && size > 0) {
@@ -125,12 +125,12 @@ int32_t UsbLink::FindDevicePath(int productId, int vendorId, char* devicePath, s
   if (listing.lastError == platform::kErrorNotEnoughMemory) return kHresultOutOfMemory;
   if (listing.lastError == platform::kErrorNoMoreItems && notFound != nullptr) {
     *notFound = 1;
-    std::printf("Device not found.\n");
+    console_.Print("Device not found.\n");
     backend_.HintNotFound(
         {static_cast<uint16_t>(vendorId), static_cast<uint16_t>(productId), static_cast<uint8_t>(kVendorInterface)});
   }
   const int32_t result = SearchFailure(listing.lastError);
-  std::printf("General failure. GetLastError returned %X.\n", static_cast<unsigned>(result));
+  console_.PrintFormatted("General failure. GetLastError returned %X.\n", static_cast<unsigned>(result));
   return result;
 }
 

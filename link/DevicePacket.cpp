@@ -86,12 +86,12 @@ bool PacketCrcMatches(const uint8_t* block) {
   return ComputeCrc8(block, static_cast<int>(kCrcOffset)) == block[kCrcOffset];
 }
 
-bool VerifyPacketCrc(const uint8_t* block) {
+bool VerifyPacketCrc(const uint8_t* block, ConsoleSink& console) {
   const uint8_t computed = ComputeCrc8(block, static_cast<int>(kCrcOffset));
   if (computed == block[kCrcOffset]) return true;
-  std::printf("CRC failed.\n");
-  std::printf("CRC you gave me - %x\n", static_cast<unsigned>(block[kCrcOffset]));
-  std::printf("CRC I calculated - %x\n", static_cast<unsigned>(computed));
+  console.Print("CRC failed.\n");
+  console.PrintFormatted("CRC you gave me - %x\n", static_cast<unsigned>(block[kCrcOffset]));
+  console.PrintFormatted("CRC I calculated - %x\n", static_cast<unsigned>(computed));
   return false;
 }
 

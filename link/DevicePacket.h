@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <string>
 
+#include "link/ConsoleSink.h"
+
 namespace ferrolt {
 
 inline constexpr size_t kBlockSize = 64;
@@ -60,7 +62,7 @@ bool PacketCrcMatches(const uint8_t* block);
 
 // Checks a received packet's CRC; on a mismatch prints the three console
 // lines ("CRC failed." and the two values) and returns false.
-bool VerifyPacketCrc(const uint8_t* block);
+bool VerifyPacketCrc(const uint8_t* block, ConsoleSink& console);
 
 // A received text payload: the 57 payload bytes with a zero appended, read
 // as a zero-terminated string.

@@ -32,9 +32,8 @@ inline constexpr milliseconds kLinkLostLimit{5000};
 // Writes of one block before an operation gives up on it: the first, then
 // one after each close, pause and reopen.
 inline constexpr int kMaxReconnectRounds = 5;
-// A download may grow past the size its device announced by this many bytes
-// before it is stopped rather than let fill the disk.
-inline constexpr long long kDownloadOverrunMargin = 1 << 20;
+// How often a pause between rounds looks for a cancel or the teardown.
+inline constexpr milliseconds kStopPoll{20};
 // Log download attempts started over after a sequence error before the
 // download gives up.
 inline constexpr int kMaxLogDownloadRestarts = 5;

@@ -17,11 +17,13 @@ constexpr size_t kSequenceErrorFlag = kPayloadOffset;
 constexpr const char* kEndMarker = "ending";
 constexpr const char* kFailureMarker = "Failed";
 
-bool StopRequested(const ReaderState& state) { return state.ReaderDone.load() || state.StopRequested.load(); }
+bool StopRequested(const ReaderState& state, const std::atomic<bool>& stop) {
+  return state.ReaderDone.load() || stop.load();
+}
 
 // One console write for the whole NACK report, so it is not interleaved
 // with the sender's lines.
-void PrintNack(const uint8_t* block) {
+void PrintNack(const uint8_t* block, ConsoleSink& console) {
   std::string line = kNackLabel;
   for (size_t i = 0; i < kBlockSize; ++i) {
     char byteText[kNackByteTextSize];
@@ -30,27 +32,27 @@ void PrintNack(const uint8_t* block) {
   }
   line += "\n";
   line += block[kSequenceErrorFlag] != 0 ? "Sequence error\n" : "CRC error\n";
-  std::fputs(line.c_str(), stdout);
+  console.Print(line);
 }
 
 // A status text during an upgrade; true when it reports the end.
-bool HandleStatusText(const uint8_t* block, ILogMessageCallBack* log) {
-  if (!VerifyPacketCrc(block)) return false;
+bool HandleStatusText(const uint8_t* block, ConsoleSink& console, ILogMessageCallBack& log) {
+  if (!VerifyPacketCrc(block, console)) return false;
   const std::string text = PayloadText(block);
-  if (log != nullptr) log->LogMessageCallBack("%s", text.c_str());
+  log.LogMessageCallBack("%s", text.c_str());
   return text.find(kEndMarker) != std::string::npos || text.find(kFailureMarker) != std::string::npos;
 }
 
 // True when the block ends the reader.
-bool HandleBlock(const uint8_t* block, ReaderState& state, ILogMessageCallBack* log) {
+bool HandleBlock(const uint8_t* block, ReaderState& state, ConsoleSink& console, ILogMessageCallBack& log) {
   switch (static_cast<PacketType>(PacketTypeOf(block))) {
     case PacketType::Nack:
       // The sender acts on the number; a NACK's own CRC is not checked.
       state.NackedPacketNumber.exchange(PacketNumber(block));
-      PrintNack(block);
+      PrintNack(block, console);
       return false;
     case PacketType::Upgrade:
-      return HandleStatusText(block, log);
+      return HandleStatusText(block, console, log);
     default:
       return false;
   }
@@ -58,13 +60,13 @@ bool HandleBlock(const uint8_t* block, ReaderState& state, ILogMessageCallBack* 
 
 }  // namespace
 
-void ReadResponses(UsbLink& link, ReaderState& state, ILogMessageCallBack* log) {
+void ReadResponses(UsbLink& link, ReaderState& state, const std::atomic<bool>& stop, ILogMessageCallBack& log) {
   Block block{};
-  while (!StopRequested(state)) {
+  while (!StopRequested(state, stop)) {
     uint32_t bytesReceived = 0;
     const TransferStatus status = link.ReadPacket(block.data(), kBlockSize, nullptr, &bytesReceived);
     if (status == TransferStatus::Done) {
-      if (HandleBlock(block.data(), state, log)) {
+      if (HandleBlock(block.data(), state, link.Console(), log)) {
         state.ReaderDone.exchange(true);
         return;
       }
@@ -72,7 +74,7 @@ void ReadResponses(UsbLink& link, ReaderState& state, ILogMessageCallBack* log) 
     }
     // A signalled cancel or a failed read returns without waiting; pause as
     // long as a read would have waited, so the reader never spins.
-    if ((status == TransferStatus::Cancelled || status == TransferStatus::Failed) && !StopRequested(state))
+    if ((status == TransferStatus::Cancelled || status == TransferStatus::Failed) && !StopRequested(state, stop))
       std::this_thread::sleep_for(limits::kReadWait);
   }
 }

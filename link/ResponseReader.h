@@ -16,12 +16,11 @@ inline constexpr uint32_t kNoNack = 0xFFFFFFFF;
 struct ReaderState {
   std::atomic<uint32_t> NackedPacketNumber{kNoNack};
   std::atomic<bool> ReaderDone{false};
-  // Set at process teardown: the reader stops at its next pass.
-  std::atomic<bool> StopRequested{false};
 };
 
 // Runs until a status text containing "ending" or "Failed" arrives (setting
-// ReaderDone), or until ReaderDone or StopRequested is found set.
-void ReadResponses(UsbLink& link, ReaderState& state, ILogMessageCallBack* log);
+// ReaderDone), or until ReaderDone or stop is found set. NACK reports and
+// CRC lines go to the link's console.
+void ReadResponses(UsbLink& link, ReaderState& state, const std::atomic<bool>& stop, ILogMessageCallBack& log);
 
 }  // namespace ferrolt

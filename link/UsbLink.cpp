@@ -37,21 +37,21 @@ const char* OpenFailureText(OpenStatus status) {
 }
 
 // The speed is only reported; it changes nothing.
-void ReportSpeed(platform::DeviceConnection& connection) {
+void ReportSpeed(platform::DeviceConnection& connection, ConsoleSink& console) {
   uint8_t speed = 0;
   uint32_t error = 0;
   if (!connection.QueryDeviceSpeed(speed, error)) {
-    std::printf("Error getting device speed: %d.\n", static_cast<int>(error));
+    console.PrintFormatted("Error getting device speed: %d.\n", static_cast<int>(error));
     return;
   }
-  if (speed == platform::kSpeedFull) std::printf("Device speed: %d (Full speed).\n", speed);
-  if (speed == platform::kSpeedHigh) std::printf("Device speed: %d (High speed).\n", speed);
+  if (speed == platform::kSpeedFull) console.PrintFormatted("Device speed: %d (Full speed).\n", speed);
+  if (speed == platform::kSpeedHigh) console.PrintFormatted("Device speed: %d (High speed).\n", speed);
 }
 
 }  // namespace
 
-UsbLink::UsbLink(platform::DeviceBackend& backend, platform::Event& cancelEvent)
-    : backend_(backend), cancelEvent_(cancelEvent) {}
+UsbLink::UsbLink(platform::DeviceBackend& backend, platform::Event& cancelEvent, ConsoleSink& console)
+    : backend_(backend), cancelEvent_(cancelEvent), console_(console) {}
 
 UsbLink::~UsbLink() { CloseDevice(); }
 
@@ -88,7 +88,7 @@ OpenStatus UsbLink::OpenDevice(int productId, int vendorId) {
     WinUsbHandle.reset();
     return OpenStatus::PipeQueryFailed;
   }
-  ReportSpeed(*connection);
+  ReportSpeed(*connection, console_);
   bool drain = false;
   {
     std::lock_guard<std::mutex> lock(mutex_);

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "link/Callbacks.h"
+#include "link/ConsoleSink.h"
 #include "platform/DeviceBackend.h"
 #include "platform/Event.h"
 
@@ -41,8 +42,9 @@ int32_t HresultFromWin32(uint32_t error);
 class UsbLink {
  public:
   // cancelEvent is the operation runner's; every waited transfer lists it
-  // first. Both references must outlive the link.
-  UsbLink(platform::DeviceBackend& backend, platform::Event& cancelEvent);
+  // first. console takes the link's console lines. The references must
+  // outlive the link.
+  UsbLink(platform::DeviceBackend& backend, platform::Event& cancelEvent, ConsoleSink& console = StandardConsole());
   ~UsbLink();
   UsbLink(const UsbLink&) = delete;
   UsbLink& operator=(const UsbLink&) = delete;
@@ -95,6 +97,7 @@ class UsbLink {
   void DrainAtNextOpen();
 
   bool IsOpen() const;
+  ConsoleSink& Console() const { return console_; }
   uint8_t BulkInPipeId() const;
   uint8_t BulkOutPipeId() const;
   // The last interface path examined, lower-cased.
@@ -125,6 +128,7 @@ class UsbLink {
 
   platform::DeviceBackend& backend_;
   platform::Event& cancelEvent_;
+  ConsoleSink& console_;
 
   mutable std::mutex mutex_;  // guards every field below
   bool DeviceOpen = false;

@@ -6,11 +6,7 @@
 
 #include <atomic>
 
-#if defined(__GNUC__) && !defined(_WIN32)
-#define FERROLT_PRINTF(formatIndex) __attribute__((format(printf, formatIndex, formatIndex + 1)))
-#else
-#define FERROLT_PRINTF(formatIndex)
-#endif
+#include "platform/FormatAttribute.h"
 
 namespace ferrolt::platform {
 

@@ -6,7 +6,6 @@
 #include <fstream>
 #include <string>
 
-#include "link/Limits.h"
 #include "transfer/DownloadReply.h"
 
 namespace ferrolt {
@@ -14,8 +13,6 @@ namespace ferrolt {
 namespace {
 
 constexpr const char* kMarkSuffix = ".incomplete";
-
-void Say(const std::string& line) { std::fprintf(stderr, "ferrolt: %s\n", line.c_str()); }
 
 }  // namespace
 
@@ -27,7 +24,7 @@ void DownloadAudit::StartReply(int32_t size, int32_t total, bool readable) {
   bytes_ = 0;
 }
 
-bool DownloadAudit::DataPacket(uint32_t number, size_t length) {
+void DownloadAudit::DataPacket(uint32_t number, size_t length) {
   if (firstMisfit_.empty()) {
     if (!announced_ && packets_ == 0) {
       firstMisfit_ = "data packet " + std::to_string(number) + " came before the start reply";
@@ -37,13 +34,10 @@ bool DownloadAudit::DataPacket(uint32_t number, size_t length) {
   }
   ++packets_;
   bytes_ += static_cast<int64_t>(length);
-  if (bytes_ <= static_cast<int64_t>(size_) + limits::kDownloadOverrunMargin) return true;
-  overran_ = true;
-  return false;
 }
 
 void DownloadAudit::WriteFailed(const std::string& reason) {
-  if (!writeFailed_) Say("writing " + path_ + " failed: " + reason + ".");
+  if (!writeFailed_) console_.Note("writing " + path_ + " failed: " + reason + ".");
   writeFailed_ = true;
 }
 
@@ -51,7 +45,6 @@ void DownloadAudit::Restart() {
   StartReply(0, 0, false);
   firstMisfit_.clear();
   writeFailed_ = false;
-  overran_ = false;
 }
 
 bool DownloadAudit::Finish(bool reachedEnd) {
@@ -62,16 +55,15 @@ bool DownloadAudit::Finish(bool reachedEnd) {
     return true;
   }
   const std::string report = path_ + " is incomplete: " + problem;
-  Say(report);
+  console_.Note(report);
   std::ofstream(mark) << report << '\n';
   return false;
 }
 
-bool SaveDataPacket(const Block& packet, OutputFile& output, DownloadAudit& audit) {
+void SaveDataPacket(const Block& packet, OutputFile& output, DownloadAudit& audit) {
   const size_t length = DataLength(packet.data());
-  if (!audit.DataPacket(PacketNumber(packet.data()), length)) return false;
+  audit.DataPacket(PacketNumber(packet.data()), length);
   if (!output.Append(packet.data() + kPayloadOffset, length)) audit.WriteFailed(std::strerror(errno));
-  return true;
 }
 
 std::string DownloadAudit::Problem(bool reachedEnd) const {
@@ -80,7 +72,6 @@ std::string DownloadAudit::Problem(bool reachedEnd) const {
   const std::string announced =
       announced_ ? "the device announced " + std::to_string(size_) + " bytes in " + std::to_string(total_) + " packets"
                  : "the device announced no size";
-  if (overran_) return announced + ", and more kept coming; the download was stopped (" + arrived + ").";
   if (writeFailed_) return "a write to it failed (" + arrived + ").";
   if (!firstMisfit_.empty()) return firstMisfit_ + " (" + announced + "; " + arrived + ").";
   if (announced_ && (packets_ != total_ || bytes_ != size_)) return announced + "; " + arrived + ".";

@@ -1,18 +1,17 @@
 // The file download: one request naming the device path, then the device's
 // start reply, the file's data packets in arrival order, and its end reply.
 // The host acknowledges nothing; it reads, checks and writes.
-#include <chrono>
-#include <cstdio>
 #include <string>
 
 #include "transfer/DownloadFile.h"
 
 #include "link/DevicePacket.h"
+#include "link/Reporting.h"
 #include "transfer/DownloadAudit.h"
 #include "transfer/DownloadOpening.h"
-#include "transfer/DownloadReply.h"
-#include "transfer/OutputFile.h"
-#include "transfer/Reports.h"
+#include "transfer/Progress.h"
+#include "transfer/ReceiveDownload.h"
+#include "transfer/ReconnectPolicy.h"
 
 namespace ferrolt {
 
@@ -23,87 +22,63 @@ constexpr char kRequestPrefix[] = "Starting download ";
 constexpr size_t kMaxDevicePathLength = kPayloadSize - 1 - (sizeof kRequestPrefix - 1);
 static_assert(kMaxDevicePathLength == 38);
 
-// A device serves a file it does not have as an empty one.
-void ReportEmptyDownload(const std::string& devicePath) {
-  std::fprintf(stderr, "ferrolt: the device sent no bytes of %s; the file may not exist on the device.\n",
-               devicePath.c_str());
+// A path the request cannot carry is refused before anything is sent.
+std::string RefusalOf(const std::string& devicePath) {
+  if (devicePath.size() <= kMaxDevicePathLength) return {};
+  return "Error: The device path is longer than " + std::to_string(kMaxDevicePathLength) + " characters - " +
+         devicePath;
+}
+
+// The first data packet is announced on the console; a transfer of one
+// packet ends with it.
+DataVerdict TakeData(ConsoleSink& console, const Block& block, const Receipt& receipt) {
+  if (PacketNumber(block.data()) != 0) return DataVerdict::Take;
+  console.Print("\nThis is the actual first packet!\n");
+  console.PrintFormatted("Sequence = %d , Total Packets = %d\n", static_cast<int>(receipt.received),
+                         static_cast<int>(receipt.total));
+  return receipt.total == 1 ? DataVerdict::TakeAndEnd : DataVerdict::Take;
+}
+
+// The totals, the audit's verdict, and the note of a device that served a
+// file it does not have as an empty one.
+void FinishDownload(const OperationContext& op, const std::string& devicePath, DownloadAudit& audit, const Receipt& receipt) {
+  op.log.LogMessageCallBack("Total file size = %d , Total packets = %d\n", static_cast<int>(receipt.size),
+                            static_cast<int>(receipt.total));
+  if (!audit.Finish(true)) op.outcome.MarkIncomplete();
+  if (audit.BytesArrived() == 0)
+    op.console.Note("the device sent no bytes of " + devicePath + "; the file may not exist on the device.");
+  op.progress.ProgressChangeCallBack(kProgressDone);
+  op.console.Flush();
+  op.EndDone();
 }
 
 }  // namespace
 
 void DownloadFile(const OperationContext& op, const std::string& devicePath, const std::string& savePath) {
-  ILogMessageCallBack* const log = op.log;
-  const std::string refusal = devicePath.size() > kMaxDevicePathLength
-                                  ? "Error: The device path is longer than " + std::to_string(kMaxDevicePathLength) +
-                                        " characters - " + devicePath
-                                  : std::string();
   OutputFile output;
-  if (!OpenDownload(op, output, savePath, "file", refusal)) return;
-
+  if (!OpenDownload(op, output, savePath, "file", RefusalOf(devicePath))) return;
   const Block request = BuildTextPacket(PacketType::Download, std::string(kRequestPrefix) + devicePath);
-  if (!SendDownloadRequest(op, request.data(), "download")) {
+  if (SendWithReconnect(op, request, {.subject = "the download request"}) != SendResult::Written) {
     op.End();
     return;
   }
-  LogText(log, "Starting file download now.");
+  LogText(op.log, "Starting file download now.");
 
-  int32_t received = 0;
-  int32_t fileSize = 0;
-  int32_t total = 0;
-  DownloadAudit audit(savePath);
-  auto lastProgress = std::chrono::steady_clock::now();
-  for (bool done = false; !done;) {
-    Block block{};
-    if (!op.ReadWithinSilenceLimit(block.data(), lastProgress)) {
-      audit.Finish(false);
-      op.End();
-      return;
-    }
-    const std::string hex = BytesToHex(block.data(), kBlockSize);
-    LogText(log, "Read data :" + hex);
-    if (PacketTypeOf(block.data()) != static_cast<uint8_t>(PacketType::Download)) continue;
-    if (!PacketCrcMatches(block.data())) {
-      LogText(log, "ERROR: CRC FAILED - " + hex);
-      continue;
-    }
-    lastProgress = std::chrono::steady_clock::now();
-    switch (ClassifyReply(block.data(), kFileDownloadMarkers)) {
-      case ReplyKind::Start: {
-        const bool readable = ReadStartNumbers(block.data(), kFileDownloadMarkers, fileSize, total);
-        audit.StartReply(fileSize, total, readable);
-        received = 0;
-        break;
-      }
-      case ReplyKind::End:
-        output.Close();
-        received = 0;
-        done = true;
-        break;
-      case ReplyKind::Data:
-        if (PacketNumber(block.data()) == 0) {
-          std::printf("\nThis is the actual first packet!\n");
-          std::printf("Sequence = %d , Total Packets = %d\n", static_cast<int>(received), static_cast<int>(total));
-          done = total == 1;
-        }
-        ++received;
-        if (!SaveDataPacket(block, output, audit)) {
-          audit.Finish(false);
-          op.End();
-          return;
-        }
-        break;
-    }
+  DownloadAudit audit(savePath, op.console);
+  Receipt receipt;
+  const DownloadReplies replies{
+      .type = PacketType::Download,
+      .markers = kFileDownloadMarkers,
+      .logEveryBlock = true,
+      .started = nullptr,
+      .data = [&op](const Block& block, const Receipt& now) { return TakeData(op.console, block, now); },
+  };
+  if (ReceiveDownload(op, replies, output, audit, receipt) != ReceiveEnd::Complete) {
+    audit.Finish(false);
+    op.End();
+    return;
   }
-  output.Close();
-  if (log != nullptr) {
-    log->LogMessageCallBack("Total file size = %d , Total packets = %d\n", static_cast<int>(fileSize),
-                            static_cast<int>(total));
-  }
-  if (!audit.Finish(true)) op.outcome.MarkIncomplete();
-  if (audit.BytesArrived() == 0) ReportEmptyDownload(devicePath);
-  ReportProgress(op.progress, kProgressDone);
-  std::fflush(stdout);
-  op.EndDone();
+  FinishDownload(op, devicePath, audit, receipt);
 }
 
 }  // namespace ferrolt

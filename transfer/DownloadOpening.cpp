@@ -1,23 +1,15 @@
 #include "transfer/DownloadOpening.h"
 
-#include <cstdio>
 #include <string>
 
-#include "link/DevicePacket.h"
-#include "link/Limits.h"
-#include "transfer/Reports.h"
+#include "link/Reporting.h"
+#include "transfer/Progress.h"
 
 namespace ferrolt {
 
-namespace {
-
-constexpr int kProgressStarted = 5;
-
-}  // namespace
-
 bool OpenDownload(const OperationContext& op, OutputFile& output, const std::string& savePath,
                   const char* destination, const std::string& refusal) {
-  ReportProgress(op.progress, kProgressStarted);
+  op.progress.ProgressChangeCallBack(kProgressStarted);
   if (!op.Running()) {
     op.link.CloseDevice();
     return false;
@@ -32,20 +24,8 @@ bool OpenDownload(const OperationContext& op, OutputFile& output, const std::str
     op.End();
     return false;
   }
-  std::printf("SPI SUPPORT IS TURNED ON!\n");
+  op.console.Print("SPI SUPPORT IS TURNED ON!\n");
   return true;
-}
-
-bool SendDownloadRequest(const OperationContext& op, const uint8_t* request, const char* subject) {
-  for (int attempt = 1;; ++attempt) {
-    if (op.link.WritePacket(request, kBlockSize, op.log) == TransferStatus::Done) return true;
-    if (attempt == limits::kMaxReconnectRounds) {
-      LogText(op.log, std::string("Error: The ") + subject + " request could not be sent after " +
-                       std::to_string(attempt) + " attempts; " + subject + " stopped.");
-      return false;
-    }
-    if (!op.Reconnect()) return false;
-  }
 }
 
 }  // namespace ferrolt

@@ -1,7 +1,6 @@
 // The opening both downloads share, once the link is open.
 #pragma once
 
-#include <cstdint>
 #include <string>
 
 #include "transfer/OperationContext.h"
@@ -15,12 +14,5 @@ namespace ferrolt {
 // not go on; the operation has then ended.
 bool OpenDownload(const OperationContext& op, OutputFile& output, const std::string& savePath,
                   const char* destination, const std::string& refusal);
-
-// The request block that opens a download, written; after each failed write
-// a reconnect and the request again (a device that never saw it would send
-// nothing), at most limits::kMaxReconnectRounds writes. False, after its own
-// line, when the download must stop; subject names the download in the
-// give-up line.
-bool SendDownloadRequest(const OperationContext& op, const uint8_t* request, const char* subject);
 
 }  // namespace ferrolt

@@ -1,15 +1,10 @@
 #include "transfer/FilePackets.h"
 
-#include <cstdio>
-
-#include "link/DevicePacket.h"
-
 namespace ferrolt {
 
 namespace {
 
 constexpr int64_t kFullPercent = 100;
-constexpr int64_t kPieceSize = static_cast<int64_t>(kPayloadSize);
 
 }  // namespace
 
@@ -19,10 +14,10 @@ int32_t PacketCountFor(int32_t size) {
 
 int PercentOf(int32_t done, int32_t total) { return static_cast<int>(static_cast<int64_t>(done) * kFullPercent / total); }
 
-void PrintPacketSummary(int32_t size, int32_t packetCount) {
-  std::printf("\n-------------------------------------------\n");
-  std::printf("File Size = %d\n", static_cast<int>(size));
-  std::printf("Packet Count = %d\n", static_cast<int>(packetCount));
+void PrintPacketSummary(ConsoleSink& console, int32_t size, int32_t packetCount) {
+  console.Print("\n-------------------------------------------\n");
+  console.PrintFormatted("File Size = %d\n", static_cast<int>(size));
+  console.PrintFormatted("Packet Count = %d\n", static_cast<int>(packetCount));
 }
 
 }  // namespace ferrolt

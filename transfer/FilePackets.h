@@ -5,7 +5,13 @@
 #include <cstdint>
 #include <limits>
 
+#include "link/ConsoleSink.h"
+#include "link/DevicePacket.h"
+
 namespace ferrolt {
+
+// The file bytes one packet carries.
+inline constexpr int64_t kPieceSize = static_cast<int64_t>(kPayloadSize);
 
 // The largest file whose size the device can be told: a file of 2 GiB or
 // more is refused before anything is sent.
@@ -18,6 +24,6 @@ int32_t PacketCountFor(int32_t size);
 int PercentOf(int32_t done, int32_t total);
 
 // The console lines that close a file sent to the device.
-void PrintPacketSummary(int32_t size, int32_t packetCount);
+void PrintPacketSummary(ConsoleSink& console, int32_t size, int32_t packetCount);
 
 }  // namespace ferrolt

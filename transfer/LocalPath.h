@@ -1,19 +1,17 @@
 // A local path named as the file to send.
 #pragma once
 
-#include <filesystem>
 #include <string>
-#include <system_error>
+
+#include "transfer/OperationContext.h"
 
 namespace ferrolt {
 
-// The refusal of a path that names a folder: it opens on some systems and
-// would otherwise be measured as a file of any size.
-inline constexpr const char* kFolderRefusal = "Error: The specified path is a folder, not a file - ";
+// A folder opens as a file on some systems and would be measured as a file
+// of any size: it is a file that cannot be opened.
+bool NamesAFolder(const std::string& path);
 
-inline bool NamesAFolder(const std::string& path) {
-  std::error_code error;
-  return std::filesystem::is_directory(path, error);
-}
+// The log line of a file that cannot be opened, and the note of a folder.
+void ReportUnopenableFile(const OperationContext& op, const std::string& path);
 
 }  // namespace ferrolt

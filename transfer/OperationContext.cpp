@@ -1,7 +1,7 @@
 #include "transfer/OperationContext.h"
 
+#include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <thread>
 
 #include "link/DeviceIds.h"
@@ -11,17 +11,26 @@
 namespace ferrolt {
 
 bool OperationContext::Connect() const {
-  if (link.ConnectDevice(kProductId, kVendorId, log)) return true;
+  if (link.ConnectDevice(kProductId, kVendorId, &log)) return true;
   outcome.MarkLinkFailed();
   return false;
 }
 
 bool OperationContext::Reconnect() const {
   link.CloseDevice();
-  std::this_thread::sleep_for(limits::kReconnectPause);
+  if (!PauseUnlessStopped(limits::kReconnectPause)) return false;
   if (Connect()) return true;
   ReportOpenFailure();
   return false;
+}
+
+bool OperationContext::PauseUnlessStopped(std::chrono::milliseconds pause) const {
+  const auto end = std::chrono::steady_clock::now() + pause;
+  for (auto now = std::chrono::steady_clock::now(); now < end; now = std::chrono::steady_clock::now()) {
+    if (Stopped()) return false;
+    std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(limits::kStopPoll, end - now));
+  }
+  return !Stopped();
 }
 
 void OperationContext::End() const {
@@ -41,19 +50,18 @@ bool OperationContext::ReadWithinSilenceLimit(uint8_t* block,
       ReportDeviceSilence();
       return false;
     }
-    if (link.ReadPacketBlocking(block, kBlockSize, log) == 0) return true;
+    if (link.ReadPacketBlocking(block, kBlockSize, &log) == 0) return true;
     std::this_thread::sleep_for(limits::kFailedReadPause);
   }
   return false;
 }
 
 void OperationContext::ReportDeviceSilence() const {
-  if (log == nullptr) return;
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(limits::kDeviceSilenceLimit);
-  log->LogMessageCallBack("Error: The device sent nothing usable for %d seconds. Giving up.",
-                          static_cast<int>(seconds.count()));
+  log.LogMessageCallBack("Error: The device sent nothing usable for %d seconds. Giving up.",
+                         static_cast<int>(seconds.count()));
 }
 
-void ReportOpenFailure() { std::printf("Failed to open device\n"); }
+void OperationContext::ReportOpenFailure() const { console.Print("Failed to open device\n"); }
 
 }  // namespace ferrolt

@@ -7,7 +7,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
 #include <fstream>
 #include <mutex>
 #include <optional>
@@ -16,30 +15,14 @@
 
 #include "link/DevicePacket.h"
 #include "link/Limits.h"
+#include "link/Reporting.h"
 #include "link/WriteWindow.h"
 #include "transfer/FilePackets.h"
 #include "transfer/LocalPath.h"
+#include "transfer/Progress.h"
 
 namespace ferrolt {
 namespace {
-
-// Progress reported once the bundle file is open.
-constexpr int kFileOpenedProgress = 10;
-constexpr int kNoPercentYet = -1;
-constexpr int64_t kPieceSize = static_cast<int64_t>(kPayloadSize);
-
-// A log message that carries no arguments. The console reporter formats a
-// message twice, so a '%' meant to show as it stands is written as four.
-void LogText(ILogMessageCallBack* log, const std::string& text) {
-  if (log != nullptr) log->LogMessageCallBack(text);
-}
-
-std::string ShownAsTyped(const std::string& text) {
-  std::string escaped;
-  escaped.reserve(text.size());
-  for (char c : text) escaped += (c == '%') ? std::string("%%%%") : std::string(1, c);
-  return escaped;
-}
 
 // The bundle file, read in 57-byte pieces from its position; nothing of it is
 // kept in memory beyond the stream's own buffer.
@@ -48,19 +31,20 @@ class BundleFile {
   enum class Piece { Read, End, Failed };
 
   bool Open(const std::string& path) {
+    if (NamesAFolder(path)) return false;
     stream_.open(path, std::ios::in | std::ios::binary);
     return stream_.is_open();
   }
 
   // Steps to the end and reports the position reached there; a failed seek
   // leaves the position where it was.
-  int64_t SeekToEnd(ILogMessageCallBack* log) {
+  int64_t SeekToEnd(ILogMessageCallBack& log) {
     LogText(log, "Getting File Size...Seeking to end of file.");
     SeekAndReport(0, std::ios::end, log);
     return Position();
   }
 
-  void SeekToStart(ILogMessageCallBack* log) {
+  void SeekToStart(ILogMessageCallBack& log) {
     LogText(log, "Seeking to beginning of file.");
     SeekAndReport(0, std::ios::beg, log);
   }
@@ -81,7 +65,7 @@ class BundleFile {
   void Close() { stream_.close(); }
 
  private:
-  void SeekAndReport(int64_t offset, std::ios::seekdir from, ILogMessageCallBack* log) {
+  void SeekAndReport(int64_t offset, std::ios::seekdir from, ILogMessageCallBack& log) {
     stream_.clear();
     stream_.seekg(offset, from);
     if (stream_.fail()) {
@@ -133,7 +117,7 @@ class PacketStream {
     for (;;) {
       if (!op_.Running()) return StreamEnd::Stopped;
       if (window_.Full() || (next_ >= end && !window_.Empty())) {
-        if (!Settle(window_.AwaitOldest(op_.log), file)) return StreamEnd::WriteFailed;
+        if (!Settle(window_.AwaitOldest(&op_.log), file)) return StreamEnd::WriteFailed;
         continue;
       }
       std::lock_guard<std::mutex> step(op_.linkMutex);
@@ -167,7 +151,7 @@ class PacketStream {
       ReportProgress(ended.tag);
       return true;
     }
-    std::printf("A write retry was detected!\n");
+    op_.console.Print("A write retry was detected!\n");
     if (ended.tag != failingPacket_) {
       failingPacket_ = ended.tag;
       failures_ = 0;
@@ -196,7 +180,7 @@ class PacketStream {
       // The progress of the packets already written comes before the
       // resend line, as it would with one write at a time.
       DrainWindow();
-      std::printf("Resending NACK packet, packet No : %d\n", nacked);
+      op_.console.PrintFormatted("Resending NACK packet, packet No : %d\n", nacked);
       RewindTo(nacked, file);
     }
     // Only clear the number we acted on: a NACK stored since then must survive.
@@ -222,23 +206,24 @@ class PacketStream {
 
   void ReportProgress(int32_t written) {
     const int percent = PercentOf(written, packetCount_);
-    if (percent == lastPercent_) return;
-    if (op_.log != nullptr) op_.log->LogMessageCallBack("Progress: %d%%%%", percent);
-    lastPercent_ = percent;
-    std::fflush(stdout);
+    if (!percentSeen_.Changed(percent)) return;
+    op_.log.LogMessageCallBack("Progress: %d%%%%", percent);
+    op_.console.Flush();
   }
 
   const OperationContext& op_;
   WriteWindow window_;
   int32_t packetCount_ = 0;
   int32_t next_ = 0;  // the next packet to start
-  int lastPercent_ = kNoPercentYet;
+  PercentSeen percentSeen_;
   int32_t rewoundTo_ = kNoPacket;  // the packet gone back to last
   // The packet whose writes failed last, and how often in a row.
   int32_t failingPacket_ = kNoPacket;
   int failures_ = 0;
 };
 
+// The wait for the reader's end report. Ends early on a cancel or after
+// limits::kUpgradeEndReportWait; true when the reader is done.
 // The wait for the reader's end report. Ends early on a cancel or after
 // limits::kUpgradeEndReportWait; true when the reader is done.
 bool WaitForEndReport(const ReaderState& reader, const std::atomic<bool>& running) {
@@ -250,13 +235,12 @@ bool WaitForEndReport(const ReaderState& reader, const std::atomic<bool>& runnin
   return true;
 }
 
-void ReportStreamFailure(StreamEnd streamEnd, int32_t index, ILogMessageCallBack* log) {
-  if (log == nullptr) return;
+void ReportStreamFailure(StreamEnd streamEnd, int32_t index, ILogMessageCallBack& log) {
   if (streamEnd == StreamEnd::WriteFailed) {
-    log->LogMessageCallBack("Error: Packet %d could not be written after %d attempts. Upgrading is stopped.", index,
-                            limits::kMaxWriteRetries);
+    log.LogMessageCallBack("Error: Packet %d could not be written after %d attempts. Upgrading is stopped.", index,
+                           limits::kMaxWriteRetries);
   } else {
-    log->LogMessageCallBack("Error: Reading the bundle file failed at packet %d. Upgrading is stopped.", index);
+    log.LogMessageCallBack("Error: Reading the bundle file failed at packet %d. Upgrading is stopped.", index);
   }
 }
 
@@ -264,85 +248,96 @@ int SecondsOf(std::chrono::milliseconds wait) {
   return static_cast<int>(std::chrono::duration_cast<std::chrono::seconds>(wait).count());
 }
 
-}  // namespace
-
-void UpgradeBundle(const OperationContext& op, const std::string& bundlePath) {
-  ILogMessageCallBack* const log = op.log;
-  const std::string shownPath = ShownAsTyped(bundlePath);
-  if (NamesAFolder(bundlePath)) {
-    LogText(log, kFolderRefusal + shownPath);
-    op.End();
-    return;
-  }
-  BundleFile file;
+// Opens and measures the bundle; its size, or nothing after the log line of
+// a file that cannot be opened or told to the device.
+std::optional<int32_t> OpenBundle(const OperationContext& op, BundleFile& file, const std::string& bundlePath) {
   if (!file.Open(bundlePath)) {
-    LogText(log, "Error: Can not find specified file - " + shownPath);
-    op.End();
-    return;
+    ReportUnopenableFile(op, bundlePath);
+    return std::nullopt;
   }
-  LogText(log, "I found specified file - " + shownPath);
-  std::printf("SPI SUPPORT IS TURNED ON!\n");
-  if (op.progress != nullptr) op.progress->ProgressChangeCallBack(kFileOpenedProgress);
-
-  const int64_t fileSize = file.SeekToEnd(log);
-  file.SeekToStart(log);
+  LogText(op.log, "I found specified file - " + bundlePath);
+  op.console.Print("SPI SUPPORT IS TURNED ON!\n");
+  op.progress.ProgressChangeCallBack(kProgressFileOpen);
+  const int64_t fileSize = file.SeekToEnd(op.log);
+  file.SeekToStart(op.log);
   if (fileSize > kLargestFileSize) {
-    LogText(log, "Error: The bundle file is 2 GiB or larger, more than the device can take - " + shownPath);
-    op.End();
-    return;
+    LogText(op.log, "Error: The bundle file is 2 GiB or larger, more than the device can take - " + bundlePath);
+    return std::nullopt;
   }
-  const int32_t size = static_cast<int32_t>(fileSize);
-  const int32_t packetCount = PacketCountFor(size);
+  return static_cast<int32_t>(fileSize);
+}
 
+// Written once: the device starts over at a second one.
+bool SendStartCommand(const OperationContext& op, int32_t size, int32_t packetCount) {
   const Block start = BuildRawTextBlock("Starting Upgrade " + std::to_string(size) + " " + std::to_string(packetCount));
-  if (op.link.WritePacket(start.data(), kBlockSize, log) != TransferStatus::Done) {
-    LogText(log, "Failed in writing 'Starting Upgrade' to device.");
-    op.End();
-    return;
+  if (op.link.WritePacket(start.data(), kBlockSize, &op.log) != TransferStatus::Done) {
+    LogText(op.log, "Failed in writing 'Starting Upgrade' to device.");
+    return false;
   }
-  LogText(log, "Successful in writing 'Starting Upgrade' to device.");
-  LogText(log, "Downloading Upgrade Bundle now.");
+  LogText(op.log, "Successful in writing 'Starting Upgrade' to device.");
+  LogText(op.log, "Downloading Upgrade Bundle now.");
+  return true;
+}
 
-  PacketStream stream(op);
-  const StreamEnd streamEnd = stream.Send(file, packetCount);
-  if (streamEnd == StreamEnd::WriteFailed || streamEnd == StreamEnd::ReadFailed) {
-    ReportStreamFailure(streamEnd, stream.Index(), log);
-    op.End();
-    return;
-  }
-  if (!op.Running()) {
-    std::printf("Upgrading is aborted.\n");
-    return;
-  }
-
-  LogText(log, "Progress: 100%%%%");
-  file.Close();
+void SendEndPacket(const OperationContext& op) {
   const Block end = BuildTextPacket(PacketType::Upgrade, "Ending Upgrade");
-  const TransferStatus endStatus = op.link.WritePacket(end.data(), kBlockSize, log);
-  if (endStatus != TransferStatus::Done) {
-    std::printf("The error code is: %d\n", static_cast<int>(endStatus));
-  } else {
-    LogText(log, "Download of upgrade bundle to device has completed.");
-  }
-  PrintPacketSummary(size, packetCount);
+  const TransferStatus endStatus = op.link.WritePacket(end.data(), kBlockSize, &op.log);
+  if (endStatus != TransferStatus::Done)
+    op.console.PrintFormatted("The error code is: %d\n", static_cast<int>(endStatus));
+  else
+    LogText(op.log, "Download of upgrade bundle to device has completed.");
+}
 
+// After the data phase: the end packet, the summary, and the device's end
+// report; a cancel on the way leaves the link open for the cancel's packet.
+void FinishUpgrade(const OperationContext& op, BundleFile& file, int32_t size, int32_t packetCount) {
+  LogText(op.log, "Progress: 100%");
+  file.Close();
+  SendEndPacket(op);
+  PrintPacketSummary(op.console, size, packetCount);
   if (!WaitForEndReport(op.reader, op.running) && op.Running()) {
-    if (log != nullptr) {
-      log->LogMessageCallBack("Error: The device sent no end report within %d seconds.",
+    op.log.LogMessageCallBack("Error: The device sent no end report within %d seconds.",
                               SecondsOf(limits::kUpgradeEndReportWait));
-    }
     op.End();
     return;
   }
-  if (op.reader.ReaderDone.load()) std::printf("I am done with the reader thread.\n");
+  if (op.reader.ReaderDone.load()) op.console.Print("I am done with the reader thread.\n");
   if (!op.Running()) {
-    std::printf("Upgrading is aborted.\n");
+    op.console.Print("Upgrading is aborted.\n");
     return;
   }
   op.outcome.MarkDone();
   op.link.CloseDevice();
-  LogText(log, "Please wait until reboot of device is done.");
+  LogText(op.log, "Please wait until reboot of device is done.");
   op.running.store(false);
+}
+
+}  // namespace
+
+void UpgradeBundle(const OperationContext& op, const std::string& bundlePath) {
+  BundleFile file;
+  const std::optional<int32_t> size = OpenBundle(op, file, bundlePath);
+  if (!size) {
+    op.End();
+    return;
+  }
+  const int32_t packetCount = PacketCountFor(*size);
+  if (!SendStartCommand(op, *size, packetCount)) {
+    op.End();
+    return;
+  }
+  PacketStream stream(op);
+  const StreamEnd streamEnd = stream.Send(file, packetCount);
+  if (streamEnd == StreamEnd::WriteFailed || streamEnd == StreamEnd::ReadFailed) {
+    ReportStreamFailure(streamEnd, stream.Index(), op.log);
+    op.End();
+    return;
+  }
+  if (!op.Running()) {
+    op.console.Print("Upgrading is aborted.\n");
+    return;
+  }
+  FinishUpgrade(op, file, *size, packetCount);
 }
 
 }  // namespace ferrolt

@@ -6,26 +6,33 @@
 
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
-#include <thread>
 
 #include "link/DevicePacket.h"
 #include "link/Limits.h"
+#include "link/Reporting.h"
 #include "transfer/FilePackets.h"
 #include "transfer/LocalPath.h"
-#include "transfer/Reports.h"
+#include "transfer/Progress.h"
+#include "transfer/ReconnectPolicy.h"
 
 namespace ferrolt {
 
 namespace {
 
-constexpr int kProgressStarted = 5;
-constexpr int kProgressFileOpen = 10;
 constexpr int kProgressStartWritten = 15;
 // The start text must leave room for its terminating zero in the block.
 constexpr size_t kMaxStartTextLength = kBlockSize - 1;
 // Byte 6 of a type-4 reply that refuses the last data packet.
 constexpr uint8_t kNackMark = 1;
+
+// Every failed write of the upload: close, pause, reopen, and a second pause
+// before the block goes again.
+constexpr ReconnectPolicy kStartPolicy{.subject = "the upload's start command",
+                                       .failureLine = "Failed in writing 'File Upload' to device.",
+                                       .pauseAfterReopen = true};
+constexpr ReconnectPolicy kDataPolicy{.subject = "the upload's data packet", .pauseAfterReopen = true};
 
 using FileHandle = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
 
@@ -44,24 +51,13 @@ long MeasureFile(std::FILE* file) {
   return size;
 }
 
-bool IsNack(const Block& reply) {
-  return reply[kTypeOffset] == static_cast<uint8_t>(PacketType::Cli) && reply[kPayloadOffset] == kNackMark;
+FileHandle OpenLocalFile(const std::string& localPath) {
+  if (NamesAFolder(localPath)) return FileHandle(nullptr, &std::fclose);
+  return FileHandle(std::fopen(localPath.c_str(), "rb"), &std::fclose);
 }
 
-enum class WriteOutcome { Written, LinkLost, GaveUp, Cancelled };
-
-// Writes one block; after a failed write: reconnect, pause, write again, at
-// most limits::kMaxReconnectRounds writes in all. The running flag is looked at
-// before every round so a cancel does not wait out the rounds.
-WriteOutcome WriteWithReconnect(const OperationContext& op, const Block& block, const char* failureLine) {
-  for (int attempt = 1;; ++attempt) {
-    if (op.link.WritePacket(block.data(), kBlockSize, op.log) == TransferStatus::Done) return WriteOutcome::Written;
-    if (failureLine != nullptr) LogText(op.log, failureLine);
-    if (!op.Running()) return WriteOutcome::Cancelled;
-    if (attempt == limits::kMaxReconnectRounds) return WriteOutcome::GaveUp;
-    if (!op.Reconnect()) return WriteOutcome::LinkLost;
-    std::this_thread::sleep_for(limits::kReconnectPause);
-  }
+bool IsNack(const Block& reply) {
+  return reply[kTypeOffset] == static_cast<uint8_t>(PacketType::Cli) && reply[kPayloadOffset] == kNackMark;
 }
 
 // Tells a device whose answers run late: one that had answered every packet
@@ -85,146 +81,179 @@ class ReplyTiming {
   bool late_ = false;
 };
 
-void PrintProgressIfChanged(int32_t index, int32_t count, int& lastPercent) {
-  const int percent = PercentOf(index, count);
-  if (percent == lastPercent) return;
-  std::printf("\rProgress: %d%%", percent);
-  std::fflush(stdout);
-  lastPercent = percent;
+// What the start command tells the device.
+struct UploadPlan {
+  std::string name;
+  int32_t size = 0;
+  int32_t count = 0;
+  std::string startText;
+};
+
+// The plan for a measured file, or nothing, after its log line, when the
+// file or its name cannot be told to the device.
+std::optional<UploadPlan> PlanUpload(const OperationContext& op, std::FILE* file, const std::string& localPath,
+                                     std::string name) {
+  const long measured = MeasureFile(file);
+  if (measured < 0 || measured > kLargestFileSize) {
+    LogText(op.log, "Error: Files of 2 GiB or more can not be uploaded - " + localPath);
+    return std::nullopt;
+  }
+  UploadPlan plan{std::move(name), static_cast<int32_t>(measured), PacketCountFor(static_cast<int32_t>(measured)), {}};
+  plan.startText = "Starting upload " + std::to_string(plan.size) + " " + std::to_string(plan.count) + " " + plan.name;
+  if (plan.startText.size() > kMaxStartTextLength) {
+    LogText(op.log, "Error: The file name is too long for the device - " + plan.name);
+    return std::nullopt;
+  }
+  return plan;
 }
+
+class Uploader {
+ public:
+  Uploader(const OperationContext& op, std::FILE* file, const UploadPlan& plan) : op_(op), file_(file), plan_(plan) {}
+
+  // Start command, data packets, end command; the operation has ended when
+  // it returns.
+  void Run() {
+    if (!SendStart() || !SendData()) return;
+    SendEnd();
+  }
+
+ private:
+  bool SendStart() {
+    const SendResult sent = SendWithReconnect(op_, BuildRawTextBlock(plan_.startText), kStartPolicy);
+    if (sent != SendResult::Written) return EndAfter(0);
+    LogText(op_.log, "Succeeded in writing 'File Upload' to device.");
+    op_.PauseUnlessStopped(limits::kReconnectPause);
+    op_.progress.ProgressChangeCallBack(kProgressStartWritten);
+    op_.console.Print("FILE UPLOADING TO DEVICE...\n");
+    return true;
+  }
+
+  bool SendData() {
+    for (int32_t index = 0; index < plan_.count; ++index) {
+      uint8_t chunk[kPayloadSize];
+      const size_t got = std::fread(chunk, 1, kPayloadSize, file_);
+      if (got == 0) {
+        if (std::ferror(file_) == 0) break;
+        LogText(op_.log, "Error: Reading the local file failed at packet " + std::to_string(index) + "; upload stopped.");
+        op_.End();
+        return false;
+      }
+      Block packet{};
+      BuildPacket(static_cast<uint8_t>(PacketType::Upload), static_cast<uint32_t>(index), chunk,
+                  static_cast<uint8_t>(got), packet.data());
+      if (!SendPacket(packet, index)) return false;
+    }
+    return true;
+  }
+
+  // One data packet until the device takes it: no reply within the wait, or
+  // a reply that is no refusal.
+  bool SendPacket(const Block& packet, int32_t index) {
+    for (int refusals = 0;;) {
+      const SendResult sent = SendWithReconnect(op_, packet, kDataPolicy);
+      if (sent != SendResult::Written) return EndAfter(index);
+      if (!op_.Running()) return EndAfter(index + 1);
+      PrintProgress(index);
+      if (!Refused(packet)) return true;
+      if (++refusals == limits::kMaxUploadRefusals) {
+        LogText(op_.log, "Error: The device refused packet " + std::to_string(index) + " " +
+                             std::to_string(refusals) + " times; upload stopped.");
+        op_.End();
+        return false;
+      }
+    }
+  }
+
+  // The reply to the packet just written, if one comes within the wait.
+  bool Refused(const Block& packet) {
+    Block reply{};
+    uint32_t received = 0;
+    const bool answered = op_.link.ReadPacket(reply.data(), kBlockSize, &op_.log, &received) == TransferStatus::Done;
+    timing_.Reply(answered);
+    if (!answered) return false;
+    LogText(op_.log, "Write data:" + BytesToHex(packet.data(), kBlockSize));
+    if (!IsNack(reply)) return false;
+    LogText(op_.log, "A NACK has occurred!");
+    LogText(op_.log, "Read data :" + BytesToHex(reply.data(), static_cast<int>(received)));
+    return true;
+  }
+
+  void PrintProgress(int32_t index) {
+    const int percent = PercentOf(index, plan_.count);
+    if (!percentSeen_.Changed(percent)) return;
+    op_.console.PrintFormatted("\rProgress: %d%%", percent);
+    op_.console.Flush();
+  }
+
+  // The end command, the summary and the last lines.
+  void SendEnd() {
+    const Block endBlock = BuildRawTextBlock("Ending upload");
+    if (op_.link.WritePacket(endBlock.data(), kBlockSize, &op_.log) == TransferStatus::Done) {
+      LogText(op_.log, "Succeeded in writing 'Ending upload' to device.");
+      op_.outcome.MarkDone();
+    } else {
+      LogText(op_.log, "Failed in writing 'Ending upload' to device.");
+    }
+    PrintPacketSummary(op_.console, plan_.size, plan_.count);
+    if (timing_.Late()) WarnOfLateReplies();
+    op_.progress.ProgressChangeCallBack(kProgressDone);
+    op_.console.Print("Finished File Upload!\n");
+    op_.console.Flush();
+    op_.End();
+  }
+
+  void WarnOfLateReplies() {
+    op_.console.Note("the device answered later than the " + std::to_string(limits::kReadWait.count()) +
+                     " ms wait, so a refusal may have been taken for the next packet: the copy of " + plan_.name +
+                     " on the device may be damaged.");
+    op_.outcome.MarkIncomplete();
+  }
+
+  // The way out of a send that did not go through; always false. After a
+  // cancel, "Ending upload" is not sent: the device would keep the part
+  // that arrived as if it were the whole file.
+  bool EndAfter(int32_t packetsSent) {
+    if (!op_.Running()) {
+      LogText(op_.log, "Upload canceled after " + std::to_string(packetsSent) + " of " + std::to_string(plan_.count) +
+                           " packets; the end command was not sent.");
+    }
+    op_.End();
+    return false;
+  }
+
+  const OperationContext& op_;
+  std::FILE* file_;
+  const UploadPlan& plan_;
+  ReplyTiming timing_;
+  PercentSeen percentSeen_;
+};
 
 }  // namespace
 
 void UploadFile(const OperationContext& op, const std::string& localPath) {
-  ILogMessageCallBack* const log = op.log;
-  ReportProgress(op.progress, kProgressStarted);
+  op.progress.ProgressChangeCallBack(kProgressStarted);
   if (!op.Running()) {
     op.link.CloseDevice();
     return;
   }
-  const std::string name = FileNameOf(localPath);
-  std::printf("File to send: %s\n", name.c_str());
-
-  if (NamesAFolder(localPath)) {
-    LogText(log, kFolderRefusal + localPath);
-    op.End();
-    return;
-  }
-  FileHandle file(std::fopen(localPath.c_str(), "rb"), &std::fclose);
+  std::string name = FileNameOf(localPath);
+  op.console.PrintFormatted("File to send: %s\n", name.c_str());
+  const FileHandle file = OpenLocalFile(localPath);
   if (file == nullptr) {
-    LogText(log, "Error: Can not find specified file - " + localPath);
+    ReportUnopenableFile(op, localPath);
     op.End();
     return;
   }
-  std::printf("SPI SUPPORT IS TURNED ON!\n");
-  ReportProgress(op.progress, kProgressFileOpen);
-
-  const long measured = MeasureFile(file.get());
-  if (measured < 0 || measured > kLargestFileSize) {
-    LogText(log, "Error: Files of 2 GiB or more can not be uploaded - " + localPath);
+  op.console.Print("SPI SUPPORT IS TURNED ON!\n");
+  op.progress.ProgressChangeCallBack(kProgressFileOpen);
+  const std::optional<UploadPlan> plan = PlanUpload(op, file.get(), localPath, std::move(name));
+  if (!plan) {
     op.End();
     return;
   }
-  const int32_t size = static_cast<int32_t>(measured);
-  const int32_t count = PacketCountFor(size);
-  char startText[kBlockSize * 4];
-  const int startLength = std::snprintf(startText, sizeof startText, "Starting upload %d %d %s", static_cast<int>(size),
-                                        static_cast<int>(count), name.c_str());
-  if (startLength < 0 || static_cast<size_t>(startLength) > kMaxStartTextLength) {
-    LogText(log, "Error: The file name is too long for the device - " + name);
-    op.End();
-    return;
-  }
-
   op.link.FlushPipes();
-  auto endAfter = [&](WriteOutcome outcome, int32_t index) {
-    if (outcome == WriteOutcome::GaveUp) {
-      LogText(log, "Error: The device did not take the upload after " + std::to_string(limits::kMaxReconnectRounds) +
-                       " attempts; upload stopped.");
-    } else if (outcome == WriteOutcome::Cancelled) {
-      // "Ending upload" is not sent: the device would keep the part that
-      // arrived as if it were the whole file.
-      LogText(log, "Upload canceled after " + std::to_string(index) + " of " + std::to_string(count) +
-                       " packets; the end command was not sent.");
-    }
-    op.End();
-  };
-
-  const Block startBlock = BuildRawTextBlock(startText);
-  const WriteOutcome started =
-      WriteWithReconnect(op, startBlock, "Failed in writing 'File Upload' to device.");
-  if (started != WriteOutcome::Written) {
-    endAfter(started, 0);
-    return;
-  }
-  LogText(log, "Succeeded in writing 'File Upload' to device.");
-  std::this_thread::sleep_for(limits::kReconnectPause);
-  ReportProgress(op.progress, kProgressStartWritten);
-  std::printf("FILE UPLOADING TO DEVICE...\n");
-
-  int lastPercent = -1;
-  ReplyTiming timing;
-  for (int32_t index = 0; index < count; ++index) {
-    uint8_t chunk[kPayloadSize];
-    const size_t got = std::fread(chunk, 1, kPayloadSize, file.get());
-    if (got == 0) {
-      if (std::ferror(file.get()) == 0) break;
-      LogText(log, "Error: Reading the local file failed at packet " + std::to_string(index) + "; upload stopped.");
-      op.End();
-      return;
-    }
-    Block packet{};
-    BuildPacket(static_cast<uint8_t>(PacketType::Upload), static_cast<uint32_t>(index), chunk,
-                static_cast<uint8_t>(got), packet.data());
-    for (int refusals = 0;;) {
-      const WriteOutcome sent = WriteWithReconnect(op, packet, nullptr);
-      if (sent == WriteOutcome::Written && !op.Running()) {
-        endAfter(WriteOutcome::Cancelled, index + 1);
-        return;
-      }
-      if (sent != WriteOutcome::Written) {
-        endAfter(sent, index);
-        return;
-      }
-      PrintProgressIfChanged(index, count, lastPercent);
-      Block reply{};
-      uint32_t received = 0;
-      const bool answered = op.link.ReadPacket(reply.data(), kBlockSize, log, &received) == TransferStatus::Done;
-      timing.Reply(answered);
-      if (!answered) break;
-      LogText(log, "Write data:" + BytesToHex(packet.data(), kBlockSize));
-      if (!IsNack(reply)) break;
-      LogText(log, "A NACK has occurred!");
-      LogText(log, "Read data :" + BytesToHex(reply.data(), static_cast<int>(received)));
-      if (++refusals == limits::kMaxUploadRefusals) {
-        LogText(log, "Error: The device refused packet " + std::to_string(index) + " " + std::to_string(refusals) +
-                         " times; upload stopped.");
-        op.End();
-        return;
-      }
-    }
-  }
-  file.reset();
-
-  const Block endBlock = BuildRawTextBlock("Ending upload");
-  if (op.link.WritePacket(endBlock.data(), kBlockSize, log) == TransferStatus::Done) {
-    LogText(log, "Succeeded in writing 'Ending upload' to device.");
-    op.outcome.MarkDone();
-  } else {
-    LogText(log, "Failed in writing 'Ending upload' to device.");
-  }
-  PrintPacketSummary(size, count);
-  if (timing.Late()) {
-    std::fprintf(stderr,
-                 "ferrolt: the device answered later than the %d ms wait, so a refusal may have been taken for the "
-                 "next packet: the copy of %s on the device may be damaged.\n",
-                 static_cast<int>(limits::kReadWait.count()), name.c_str());
-    op.outcome.MarkIncomplete();
-  }
-  ReportProgress(op.progress, kProgressDone);
-  std::printf("Finished File Upload!\n");
-  std::fflush(stdout);
-  op.End();
+  Uploader(op, file.get(), *plan).Run();
 }
 
 }  // namespace ferrolt

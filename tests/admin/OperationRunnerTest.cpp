@@ -1,8 +1,10 @@
 // The runner around every operation: the busy guard, the cancel and its
 // event, and the bounded shutdown.
+#include <algorithm>
 #include <atomic>
 #include <thread>
 
+#include "link/Limits.h"
 #include "tests/support/DeviceAdminFixture.h"
 
 namespace ferrolt::test {
@@ -105,6 +107,72 @@ TEST_F(CancelOrderTest, CancelWaitsForTheWorkerThenPrintsThenSignals) {
   EXPECT_EQ(device.LiveConnections(), 0);
   EXPECT_NE(seenAtSignal.find("Cancel Operation has succeeded.\n"), std::string::npos);
   EXPECT_EQ(out.Text().find("SPI SUPPORT"), std::string::npos);
+}
+
+// A progress callback that holds the worker at its first report until the
+// test lets it go.
+class HoldUntilReleased : public IProgressChangeCallBack {
+ public:
+  void ProgressChangeCallBack(int) override {
+    reached.store(true);
+    WaitUntil([this] { return released.load(); });
+  }
+  std::atomic<bool> reached{false};
+  std::atomic<bool> released{false};
+};
+
+size_t Occurrences(const std::string& text, const std::string& part) {
+  size_t count = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) ++count;
+  return count;
+}
+
+size_t CancelPackets(const std::vector<DeviceBlock>& written) {
+  return static_cast<size_t>(std::count_if(written.begin(), written.end(), [](const DeviceBlock& block) {
+    return block[0] == static_cast<uint8_t>(PacketType::Cancel);
+  }));
+}
+
+// Given two Ctrl+Breaks while an upgrade still runs (it leaves the link open
+// at a cancel), each is a whole cancel: its own Cancel packet and its own
+// line, no write cut short by the other's event, which comes only after both
+// lines.
+class SecondCancelTest : public RawDeviceFixture {};
+
+TEST_F(SecondCancelTest, EachCancelWritesItsPacketAndPrintsItsLine) {
+  HoldUntilReleased hold;
+  TempDir dir;
+  WriteFile(dir / "bundle.img", std::string(570, 'b'));
+  ASSERT_EQ(admin.UpgradeBundleAsync((dir / "bundle.img").string(), &hold, &log, false), 0);
+  ASSERT_TRUE(WaitUntil([&] { return hold.reached.load(); }));
+  std::thread first([&] { admin.CancelOperation(&log); });
+  ASSERT_TRUE(WaitUntil([&] { return !admin.IsOperationRunning(); }));
+  std::thread second([&] { admin.CancelOperation(&log); });
+  // Time for the second cancel to get under way before the worker ends.
+  std::this_thread::sleep_for(milliseconds(500));
+  EXPECT_FALSE(admin.WaitForCancelEvent(milliseconds(0)));
+  hold.released.store(true);
+  first.join();
+  second.join();
+
+  EXPECT_TRUE(admin.WaitForCancelEvent(milliseconds(0)));
+  EXPECT_EQ(CancelPackets(device.Written()), 2u);
+  EXPECT_EQ(Occurrences(out.Text(), "Cancel Operation has succeeded.\n"), 2u);
+  EXPECT_FALSE(log.Has("Operation has been Canceled"));
+}
+
+// Given a download request the device keeps refusing, a Ctrl+Break in the
+// retries ends them at once, not after the rounds' pauses.
+TEST_F(SecondCancelTest, ACancelEndsTheRequestRetriesPromptly) {
+  device.OnWrite([](const DeviceBlock& block) { return block[0] == static_cast<uint8_t>(PacketType::Cancel); });
+  TempDir dir;
+  ASSERT_EQ(admin.DownloadFileAsync("/tmp/f", (dir / "f").string(), &progress, &log), 0);
+  ASSERT_TRUE(WaitUntil([&] { return !device.Written().empty(); }));
+  const auto start = std::chrono::steady_clock::now();
+  admin.CancelOperation(&log);
+  // The rounds left would take four reconnect pauses.
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 2 * limits::kReconnectPause);
+  EXPECT_EQ(log.CountStartingWith("Error: Giving up"), 0u);
 }
 
 // Given a command whose output never ends, teardown still ends the worker.

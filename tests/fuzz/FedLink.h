@@ -3,6 +3,7 @@
 // drain that opening makes finds nothing and leaves no read pending.
 #pragma once
 
+#include <atomic>
 #include <vector>
 
 #include "link/DeviceIds.h"
@@ -17,7 +18,7 @@ struct FedLink {
   explicit FedLink(const std::vector<DeviceBlock>& blocks) {
     backend.SetSpeed(platform::kSpeedLow);  // nothing printed on opening
     backend.OnReadWhenEmpty([this] {
-      if (armed) reader.StopRequested = true;
+      if (armed) stop = true;
     });
     if (!link.ConnectDevice(kProductId, kVendorId, nullptr)) __builtin_trap();
     for (const DeviceBlock& block : blocks) backend.Send(block);
@@ -30,6 +31,7 @@ struct FedLink {
   platform::Event cancel;
   UsbLink link{backend, cancel};
   ReaderState reader;
+  std::atomic<bool> stop{false};
   bool armed = false;
 };
 

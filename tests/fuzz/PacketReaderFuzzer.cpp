@@ -44,7 +44,7 @@ void ReadFields(const uint8_t* block) {
 void RunReader(const std::vector<DeviceBlock>& blocks) {
   ferrolt::test::FedLink fed(blocks);
   DiscardingLog log;
-  ferrolt::ReadResponses(fed.link, fed.reader, &log);
+  ferrolt::ReadResponses(fed.link, fed.reader, fed.stop, log);
 }
 
 }  // namespace

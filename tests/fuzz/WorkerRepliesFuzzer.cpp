@@ -65,11 +65,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::mutex linkMutex;
   DiscardingLog log;
   ferrolt::OperationOutcome outcome;
-  const ferrolt::OperationContext op{fed.link, running, fed.reader, linkMutex, nullptr, &log, outcome};
+  const ferrolt::OperationContext op{fed.link,       running, fed.stop, fed.reader,         linkMutex,
+                                     ferrolt::ProgressOrSilent(nullptr), log,      fed.link.Console(), outcome};
   DiscardingVersion version;
   switch (worker) {
     case kVersion:
-      ferrolt::RetrieveVersion(op, &version, false);
+      ferrolt::RetrieveVersion(op, version, false);
       break;
     case kCliCommand:
       ferrolt::SendCliCommand(op, "ls");

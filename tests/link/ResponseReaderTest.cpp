@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <future>
 #include <string>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "link/DevicePacket.h"
+#include "link/Reporting.h"
 #include "tests/link/LinkFixture.h"
 
 namespace ferrolt::test {
@@ -51,18 +53,18 @@ class ResponseReading : public LinkFixture {
   // Runs the reader on its own thread; a reader still running after the
   // time-out is stopped and the test fails.
   std::future<void> Start(ILogMessageCallBack* reporter) {
-    return std::async(std::launch::async, [this, reporter] { ReadResponses(link, state, reporter); });
+    return std::async(std::launch::async, [this, reporter] { ReadResponses(link, state, stop, LogOrSilent(reporter)); });
   }
   void Finish(std::future<void>& reader) {
     if (reader.wait_for(kReaderTimeout) != std::future_status::ready) {
-      state.StopRequested = true;
+      stop = true;
       ADD_FAILURE() << "the reader did not stop";
     }
     reader.get();
   }
   // Stops the reader once every queued block has been read.
   void StopWhenDrained() {
-    backend.OnReadWhenEmpty([this] { state.StopRequested = true; });
+    backend.OnReadWhenEmpty([this] { stop = true; });
   }
   std::string RunToEnd(ILogMessageCallBack* reporter) {
     CaptureStdout();
@@ -72,6 +74,7 @@ class ResponseReading : public LinkFixture {
   }
 
   ReaderState state;
+  std::atomic<bool> stop{false};
 };
 
 // Given NACKs followed by packets of every other type but the status text's,
@@ -143,7 +146,7 @@ TEST_F(ResponseReading, SilenceOrAClosedLinkKeepsItPollingUntilStopped) {
   link.CloseDevice();
   std::this_thread::sleep_for(kStillRunningCheck);
   EXPECT_EQ(reader.wait_for(milliseconds(0)), std::future_status::timeout);
-  state.StopRequested = true;
+  stop = true;
   Finish(reader);
   EXPECT_FALSE(state.ReaderDone.load());
 }

@@ -99,15 +99,21 @@ INSTANTIATE_TEST_SUITE_P(
         DownloadCase{"Empty", {StartReply(0, 0), EndReply()}, "the file may not exist on the device", false}),
     [](const auto& info) { return std::string(info.param.name); });
 
-// Given a device that keeps sending data past what it announced, the
-// download stops rather than fill the disk.
-TEST_F(HostileDevice, DataPastTheAnnouncedSizeStopsTheDownload) {
-  std::vector<Block> replies{StartReply(57, 1)};
-  const size_t beyond = limits::kDownloadOverrunMargin / 57 + 2;
-  for (uint32_t number = 1; number <= beyond; ++number) replies.push_back(Data(number));
+// Given a device that sends over a mebibyte where it announced 100 bytes,
+// only its end reply ends the download: every byte is written, the totals
+// and progress 100 are reported, and the misfit is said and marked.
+TEST_F(HostileDevice, DataPastTheAnnouncedSizeIsWrittenUntilTheEndReply) {
+  constexpr uint32_t kPackets = (1 << 20) / 57 + 2;
+  std::vector<Block> replies{StartReply(100, 2)};
+  for (uint32_t number = 0; number < kPackets; ++number) replies.push_back(Data(number));
+  replies.push_back(EndReply());
   const std::string said = Download(replies);
-  EXPECT_LE(fs::file_size(saved), 57 + limits::kDownloadOverrunMargin);
-  EXPECT_NE(said.find("more kept coming; the download was stopped"), std::string::npos) << said;
+  EXPECT_EQ(fs::file_size(saved), uint64_t{kPackets} * 57);
+  EXPECT_TRUE(log.Has("Total file size = 100 , Total packets = 2\n"));
+  EXPECT_EQ(progress.Reports().back(), 100);
+  EXPECT_NE(said.find("announced 100 bytes in 2 packets; " + std::to_string(kPackets * 57) + " bytes"),
+            std::string::npos)
+      << said;
   EXPECT_TRUE(fs::exists(mark));
 }
 
@@ -167,14 +173,17 @@ TEST_F(HostileDevice, ACommandWhoseDeviceIsGoneEnds) {
   EXPECT_EQ(log.CountStartingWith("Error: Reading from the device has failed for "), 1u);
 }
 
-// Given a folder where a file to send belongs, nothing reaches the device.
+// Given a folder where a file to send belongs, it is a file that cannot be
+// opened: the same log line, a note on standard error, nothing sent.
 TEST_F(HostileDevice, AFolderIsNoFileToSend) {
   const std::string folder = dir.Path().string();
   ASSERT_EQ(admin.UploadFileAsync(folder, &progress, &log), 0);
   EXPECT_TRUE(OperationEnds(admin));
   ASSERT_EQ(admin.UpgradeBundleAsync(folder, &progress, &log, false), 0);
   EXPECT_TRUE(OperationEnds(admin));
-  EXPECT_EQ(log.CountStartingWith("Error: The specified path is a folder, not a file - " + folder), 2u);
+  EXPECT_EQ(log.CountStartingWith("Error: Can not find specified file - " + folder), 2u);
+  const std::string note = "ferrolt: " + folder + " is a folder; give the path of a file.\n";
+  EXPECT_EQ(err.Text(), note + note);
   EXPECT_TRUE(device.Written().empty());
 }
 

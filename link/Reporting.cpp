@@ -1,0 +1,56 @@
+#include "link/Reporting.h"
+
+#include <string>
+
+namespace ferrolt {
+
+namespace {
+
+class SilentProgress final : public IProgressChangeCallBack {
+ public:
+  void ProgressChangeCallBack(int) override {}
+};
+
+class SilentLog final : public ILogMessageCallBack {
+ public:
+  void LogMessageCallBack(std::string, ...) override {}
+};
+
+class SilentVersion final : public IVersionInfoReadyCallBack {
+ public:
+  void VersionInfoReadyCallBack(std::string) override {}
+};
+
+// '%' survives two printf passes as four.
+constexpr std::string_view kPercentTwiceEscaped = "%%%%";
+
+}  // namespace
+
+IProgressChangeCallBack& ProgressOrSilent(IProgressChangeCallBack* progress) {
+  static SilentProgress silent;
+  return progress != nullptr ? *progress : silent;
+}
+
+ILogMessageCallBack& LogOrSilent(ILogMessageCallBack* log) {
+  static SilentLog silent;
+  return log != nullptr ? *log : silent;
+}
+
+IVersionInfoReadyCallBack& VersionOrSilent(IVersionInfoReadyCallBack* version) {
+  static SilentVersion silent;
+  return version != nullptr ? *version : silent;
+}
+
+void LogText(ILogMessageCallBack& log, std::string_view text) {
+  std::string format;
+  format.reserve(text.size());
+  for (char c : text) {
+    if (c == '%')
+      format += kPercentTwiceEscaped;
+    else
+      format += c;
+  }
+  log.LogMessageCallBack(format);
+}
+
+}  // namespace ferrolt
