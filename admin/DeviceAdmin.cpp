@@ -173,7 +173,8 @@ OperationContext DeviceAdmin::Context(IProgressChangeCallBack* progress, ILogMes
                           ProgressOrSilent(progress),
                           LogOrSilent(log),
                           Console,
-                          Result};
+                          Result,
+                          ReadBackUploads_};
 }
 
 // The workers: each hands its operation's free function the context.

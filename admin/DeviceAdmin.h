@@ -66,6 +66,10 @@ class DeviceAdmin {
   // tasks. True when none is left running.
   bool Shutdown(std::chrono::milliseconds bound);
 
+  // With on, an upload reads its file back from the device and compares;
+  // set before the launch.
+  void ReadBackUploads(bool on) { ReadBackUploads_ = on; }
+
   bool IsOperationRunning() const { return OperationRunning.load(); }
   // How the last operation that started has ended (or is going), for the
   // opt-in exit status.
@@ -115,6 +119,7 @@ class DeviceAdmin {
   // Set by Shutdown: the reader and every loop of a worker without a bound
   // of its own stop.
   std::atomic<bool> TearingDown{false};
+  bool ReadBackUploads_ = false;
   // Cancels that have not yet printed their line.
   std::atomic<int> CancelsUnderWay{0};
   // What the running (or last) operation reached; reset at every launch.

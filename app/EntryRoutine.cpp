@@ -14,6 +14,7 @@
 #include "app/ExitStatus.h"
 #include "app/GlobalDeviceAdmin.h"
 #include "app/OrtString.h"
+#include "app/UploadCheck.h"
 #include "link/Limits.h"
 
 namespace ferrolt {
@@ -53,6 +54,7 @@ int RunFerrolt(int argc, char** argv) {
   if (command.kind == CommandKind::StartOrt) std::strncpy(ortString, command.first.c_str(), kMaxOrtStringLength);
 
   DeviceAdmin& admin = GlobalDeviceAdmin();
+  admin.ReadBackUploads(UploadCheckWanted());
   bool launched = false;
   ApplyCliModeRule(command.rule, cliMode, [&] { launched |= LaunchCommand(command, admin, reporters, ortString); });
   EndWait(admin, reporters);

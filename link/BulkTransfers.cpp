@@ -2,6 +2,7 @@
 // fields are read under the lock, the I/O and the waits happen outside it:
 // the response reader reads on its own thread while the worker writes, or
 // even closes the link.
+#include "link/DevicePacket.h"
 #include "link/Limits.h"
 #include "link/UsbLink.h"
 
@@ -170,6 +171,16 @@ std::shared_ptr<platform::Transfer> UsbLink::OldestRead(uint32_t length) {
 void UsbLink::ForgetOldestRead(const std::shared_ptr<platform::Transfer>& transfer) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (!queuedReads_.empty() && queuedReads_.front() == transfer) queuedReads_.pop_front();
+}
+
+int UsbLink::DropArrivedBlocks() {
+  Block arrived{};
+  uint32_t received = 0;
+  int dropped = 0;
+  while (ReadBlock(arrived.data(), kBlockSize, std::chrono::milliseconds::zero(), ReadWait::WithoutCancel,
+                   &received) == TransferStatus::Done)
+    ++dropped;
+  return dropped;
 }
 
 void UsbLink::FlushPipes() {

@@ -21,6 +21,13 @@ class StandardStreams final : public ConsoleSink {
   }
 };
 
+class Silent final : public ConsoleSink {
+ public:
+  void Print(std::string_view) override {}
+  void Flush() override {}
+  void Note(std::string_view) override {}
+};
+
 }  // namespace
 
 void ConsoleSink::PrintFormatted(const char* format, ...) {
@@ -48,6 +55,11 @@ void ConsoleSink::PrintFormatted(const char* format, ...) {
 
 ConsoleSink& StandardConsole() {
   static StandardStreams console;
+  return console;
+}
+
+ConsoleSink& SilentConsole() {
+  static Silent console;
   return console;
 }
 

@@ -30,5 +30,7 @@ class ConsoleSink {
 // Standard output for the lines, standard error behind "ferrolt: " for the
 // notes: the command-line tool's console.
 ConsoleSink& StandardConsole();
+// Takes every line and note and shows none.
+ConsoleSink& SilentConsole();
 
 }  // namespace ferrolt

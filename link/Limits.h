@@ -39,6 +39,9 @@ inline constexpr milliseconds kStopPoll{20};
 inline constexpr int kMaxLogDownloadRestarts = 5;
 // Failed write attempts of one upgrade data packet before the upgrade gives up.
 inline constexpr int kMaxWriteRetries = 20;
+// Before an upload whose reply wait ran out sends its end command, the
+// time a late reply to its last packet is given to show.
+inline constexpr milliseconds kLateReplyGrace{50};
 // Refusals of one upload data packet before the upload gives up.
 inline constexpr int kMaxUploadRefusals = 20;
 // The upgrade's wait for the device's closing status text.

@@ -88,6 +88,9 @@ class UsbLink {
   // nothing in time, Failed when the read could not be made (the link or the
   // device is gone).
   TransferStatus ReadPacketWithStatus(uint8_t* buffer, uint32_t length);
+  // Reads and drops the blocks that have already arrived, without waiting
+  // for more; how many it dropped.
+  int DropArrivedBlocks();
   // Discards leftover IN blocks, then flushes the OUT pipe.
   void FlushPipes();
   // A new operation: its first open drops what the device still had queued

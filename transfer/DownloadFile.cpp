@@ -54,11 +54,26 @@ void FinishDownload(const OperationContext& op, const std::string& devicePath, D
 
 }  // namespace
 
+std::optional<Block> FileDownloadRequest(const std::string& devicePath) {
+  if (devicePath.size() > kMaxDevicePathLength) return std::nullopt;
+  return BuildTextPacket(PacketType::Download, std::string(kRequestPrefix) + devicePath);
+}
+
+DownloadReplies FileDownloadReplies(ConsoleSink& console) {
+  return DownloadReplies{
+      .type = PacketType::Download,
+      .markers = kFileDownloadMarkers,
+      .logEveryBlock = true,
+      .started = nullptr,
+      .data = [&console](const Block& block, const Receipt& now) { return TakeData(console, block, now); },
+  };
+}
+
 void DownloadFile(const OperationContext& op, const std::string& devicePath, const std::string& savePath) {
   OutputFile output;
   if (!OpenDownload(op, output, savePath, "file", RefusalOf(devicePath))) return;
-  const Block request = BuildTextPacket(PacketType::Download, std::string(kRequestPrefix) + devicePath);
-  if (SendWithReconnect(op, request, {.subject = "the download request"}) != SendResult::Written) {
+  if (SendWithReconnect(op, *FileDownloadRequest(devicePath), {.subject = "the download request"}) !=
+      SendResult::Written) {
     op.End();
     return;
   }
@@ -66,14 +81,7 @@ void DownloadFile(const OperationContext& op, const std::string& devicePath, con
 
   DownloadAudit audit(savePath, op.console);
   Receipt receipt;
-  const DownloadReplies replies{
-      .type = PacketType::Download,
-      .markers = kFileDownloadMarkers,
-      .logEveryBlock = true,
-      .started = nullptr,
-      .data = [&op](const Block& block, const Receipt& now) { return TakeData(op.console, block, now); },
-  };
-  if (ReceiveDownload(op, replies, output, audit, receipt) != ReceiveEnd::Complete) {
+  if (ReceiveDownload(op, FileDownloadReplies(op.console), output, audit, receipt) != ReceiveEnd::Complete) {
     audit.Finish(false);
     op.End();
     return;

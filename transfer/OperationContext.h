@@ -34,6 +34,8 @@ struct OperationContext {
   ConsoleSink& console;
   // What the worker reached, for the opt-in exit status.
   OperationOutcome& outcome;
+  // An upload reads its file back from the device and compares.
+  bool readBackUpload;
 
   bool Running() const { return running.load(); }
   bool TearingDown() const { return tearingDown.load(); }

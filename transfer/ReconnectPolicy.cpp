@@ -13,9 +13,13 @@ void ReportGivingUp(const OperationContext& op, int attempts, const char* subjec
 
 }  // namespace
 
-SendResult SendWithReconnect(const OperationContext& op, const Block& block, const ReconnectPolicy& policy) {
+SendResult SendWithReconnect(const OperationContext& op, const Block& block, const ReconnectPolicy& policy,
+                             bool* reopened) {
   for (int attempt = 1;; ++attempt) {
-    if (op.link.WritePacket(block.data(), kBlockSize, &op.log) == TransferStatus::Done) return SendResult::Written;
+    if (op.link.WritePacket(block.data(), kBlockSize, &op.log) == TransferStatus::Done) {
+      if (reopened != nullptr) *reopened = attempt > 1;
+      return SendResult::Written;
+    }
     if (policy.failureLine != nullptr) LogText(op.log, policy.failureLine);
     if (op.Stopped()) return SendResult::Stopped;
     if (policy.resend && attempt == limits::kMaxReconnectRounds) {

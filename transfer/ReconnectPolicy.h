@@ -29,6 +29,8 @@ enum class SendResult {
   LinkLost,  // the link could not be reopened; said on the console
 };
 
-SendResult SendWithReconnect(const OperationContext& op, const Block& block, const ReconnectPolicy& policy);
+// reopened, when given, is set when the block went out again after a reopen.
+SendResult SendWithReconnect(const OperationContext& op, const Block& block, const ReconnectPolicy& policy,
+                             bool* reopened = nullptr);
 
 }  // namespace ferrolt

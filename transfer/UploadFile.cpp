@@ -15,6 +15,7 @@
 #include "transfer/FilePackets.h"
 #include "transfer/LocalPath.h"
 #include "transfer/Progress.h"
+#include "transfer/ReadBack.h"
 #include "transfer/ReconnectPolicy.h"
 
 namespace ferrolt {
@@ -60,29 +61,49 @@ bool IsNack(const Block& reply) {
   return reply[kTypeOffset] == static_cast<uint8_t>(PacketType::Cli) && reply[kPayloadOffset] == kNackMark;
 }
 
-// Tells a device whose answers run late: one that had answered every packet
-// until a packet's wait ran out, and whose answer then came in the next
-// packet's wait. A refusal names no packet, so one that comes late is taken
-// for the next packet and the refused one is never sent again.
-class ReplyTiming {
+// Why the device's copy may differ although every packet was taken. A
+// refusal names no packet, so a reply is the last written packet's only
+// while nothing can have come late: once a packet's wait has run out, a
+// later reply may be that packet's, and a block written again after a
+// reopen may have reached the device before the write failed, its reply
+// still on the way.
+class CopyDoubts {
  public:
-  void Reply(bool came) {
-    if (came && missedAfterAnswers_) late_ = true;
-    missedAfterAnswers_ = !came && answeredEvery_ && answered_ > 0;
-    answeredEvery_ = answeredEvery_ && came;
-    if (came) ++answered_;
+  // A packet's reply wait ended; came tells whether a reply came in it.
+  void ReplyWait(bool came) {
+    if (came && waitRanOut_) late_ = true;
+    if (!came) waitRanOut_ = true;
   }
-  bool Late() const { return late_; }
+  // Replies found waiting before a block went out: they came after their
+  // packet's wait.
+  void StaleReplies(int count) {
+    if (count > 0) late_ = true;
+  }
+  void ResentAfterReopen() { reopened_ = true; }
+
+  bool WaitRanOut() const { return waitRanOut_; }
+  // Empty when the copy is as sure as the exchange can make it.
+  std::string Reasons() const {
+    std::string reasons;
+    if (late_) reasons = "the device answered after the " + std::to_string(limits::kReadWait.count()) +
+                         " ms wait, so a refusal may have been taken for another packet";
+    if (reopened_) {
+      if (!reasons.empty()) reasons += "; ";
+      reasons += "a packet went out again after the link was reopened, and an answer to it may have been taken "
+                 "for the next";
+    }
+    return reasons;
+  }
 
  private:
-  int answered_ = 0;
-  bool answeredEvery_ = true;
-  bool missedAfterAnswers_ = false;
+  bool waitRanOut_ = false;
   bool late_ = false;
+  bool reopened_ = false;
 };
 
 // What the start command tells the device.
 struct UploadPlan {
+  std::string localPath;
   std::string name;
   int32_t size = 0;
   int32_t count = 0;
@@ -98,7 +119,8 @@ std::optional<UploadPlan> PlanUpload(const OperationContext& op, std::FILE* file
     LogText(op.log, "Error: Files of 2 GiB or more can not be uploaded - " + localPath);
     return std::nullopt;
   }
-  UploadPlan plan{std::move(name), static_cast<int32_t>(measured), PacketCountFor(static_cast<int32_t>(measured)), {}};
+  UploadPlan plan{localPath, std::move(name), static_cast<int32_t>(measured),
+                  PacketCountFor(static_cast<int32_t>(measured)), {}};
   plan.startText = "Starting upload " + std::to_string(plan.size) + " " + std::to_string(plan.count) + " " + plan.name;
   if (plan.startText.size() > kMaxStartTextLength) {
     LogText(op.log, "Error: The file name is too long for the device - " + plan.name);
@@ -151,8 +173,11 @@ class Uploader {
   // a reply that is no refusal.
   bool SendPacket(const Block& packet, int32_t index) {
     for (int refusals = 0;;) {
-      const SendResult sent = SendWithReconnect(op_, packet, kDataPolicy);
+      doubts_.StaleReplies(op_.link.DropArrivedBlocks());
+      bool reopened = false;
+      const SendResult sent = SendWithReconnect(op_, packet, kDataPolicy, &reopened);
       if (sent != SendResult::Written) return EndAfter(index);
+      if (reopened) doubts_.ResentAfterReopen();
       if (!op_.Running()) return EndAfter(index + 1);
       PrintProgress(index);
       if (!Refused(packet)) return true;
@@ -170,7 +195,7 @@ class Uploader {
     Block reply{};
     uint32_t received = 0;
     const bool answered = op_.link.ReadPacket(reply.data(), kBlockSize, &op_.log, &received) == TransferStatus::Done;
-    timing_.Reply(answered);
+    doubts_.ReplyWait(answered);
     if (!answered) return false;
     LogText(op_.log, "Write data:" + BytesToHex(packet.data(), kBlockSize));
     if (!IsNack(reply)) return false;
@@ -188,25 +213,36 @@ class Uploader {
 
   // The end command, the summary and the last lines.
   void SendEnd() {
+    LookForLateReplies();
     const Block endBlock = BuildRawTextBlock("Ending upload");
-    if (op_.link.WritePacket(endBlock.data(), kBlockSize, &op_.log) == TransferStatus::Done) {
+    const bool ended = op_.link.WritePacket(endBlock.data(), kBlockSize, &op_.log) == TransferStatus::Done;
+    if (ended) {
       LogText(op_.log, "Succeeded in writing 'Ending upload' to device.");
       op_.outcome.MarkDone();
     } else {
       LogText(op_.log, "Failed in writing 'Ending upload' to device.");
     }
     PrintPacketSummary(op_.console, plan_.size, plan_.count);
-    if (timing_.Late()) WarnOfLateReplies();
+    WarnOfDoubts();
     op_.progress.ProgressChangeCallBack(kProgressDone);
     op_.console.Print("Finished File Upload!\n");
     op_.console.Flush();
+    if (ended && op_.readBackUpload) ReadBackUpload(op_, plan_.localPath, plan_.name);
     op_.End();
   }
 
-  void WarnOfLateReplies() {
-    op_.console.Note("the device answered later than the " + std::to_string(limits::kReadWait.count()) +
-                     " ms wait, so a refusal may have been taken for the next packet: the copy of " + plan_.name +
-                     " on the device may be damaged.");
+  // A reply to the last packet may still be on its way once a wait has run
+  // out: given the time a late device takes, it shows before the end
+  // command goes out.
+  void LookForLateReplies() {
+    if (doubts_.WaitRanOut()) op_.PauseUnlessStopped(limits::kLateReplyGrace);
+    doubts_.StaleReplies(op_.link.DropArrivedBlocks());
+  }
+
+  void WarnOfDoubts() {
+    const std::string reasons = doubts_.Reasons();
+    if (reasons.empty()) return;
+    op_.console.Note("the copy of " + plan_.name + " on the device may be damaged: " + reasons + ".");
     op_.outcome.MarkIncomplete();
   }
 
@@ -225,7 +261,7 @@ class Uploader {
   const OperationContext& op_;
   std::FILE* file_;
   const UploadPlan& plan_;
-  ReplyTiming timing_;
+  CopyDoubts doubts_;
   PercentSeen percentSeen_;
 };
 

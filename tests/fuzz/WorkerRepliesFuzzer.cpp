@@ -66,7 +66,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   DiscardingLog log;
   ferrolt::OperationOutcome outcome;
   const ferrolt::OperationContext op{fed.link,       running, fed.stop, fed.reader,         linkMutex,
-                                     ferrolt::ProgressOrSilent(nullptr), log,      fed.link.Console(), outcome};
+                                     ferrolt::ProgressOrSilent(nullptr), log,      fed.link.Console(), outcome,
+                                     false};
   DiscardingVersion version;
   switch (worker) {
     case kVersion:

@@ -147,20 +147,78 @@ TEST_F(HostileDevice, AnUploadRefusedForeverGivesUp) {
     EXPECT_NE(std::string(reinterpret_cast<const char*>(block.data())), "Ending upload");
 }
 
-// Given a device that answers every packet until one answer misses its wait
-// and lands in the next one, the upload warns that the copy may be damaged;
-// a device that answers nothing gets no warning.
-TEST_F(HostileDevice, AnswersRunningLateAreSaid) {
-  for (bool late : {false, true}) {
-    device.OnWrite([&, late](const DeviceBlock& block) {
-      if (late && block[0] == kUploadType && block[kNumberOffset] != 3) device.Send(Numbered(kCliType, 0, 57, "ok"));
-      return true;
-    });
-    WriteFile(dir / "up.bin", RandomBytes(10 * 57, 4));
-    ASSERT_EQ(admin.UploadFileAsync((dir / "up.bin").string(), &progress, &log), 0);
-    EXPECT_TRUE(OperationEnds(admin, kTransferBound));
-    EXPECT_EQ(err.Text().find("may be damaged") != std::string::npos, late) << err.Text();
+// How a device answers an upload's data packets: at once, never, or at once
+// but for packet 3.
+enum class Answer3 { AtOnce, NoPacketEver, InTheNextWait, Twice, AfterAFailedWrite };
+
+struct DoubtCase {
+  const char* name;
+  Answer3 answer;
+  const char* said;  // the reason on standard error; "" for none
+};
+
+class UploadDoubts : public HostileDevice, public testing::WithParamInterface<DoubtCase> {};
+
+// Whenever a reply may belong to another packet, the upload ends with one
+// line that the copy may be damaged, and an incomplete outcome; a device that
+// answers in time, or never, gets no word.
+TEST_P(UploadDoubts, AreSaidOnceAtTheEnd) {
+  const Answer3 answer = GetParam().answer;
+  bool failedOnce = false;
+  device.OnWrite([&](const DeviceBlock& block) {
+    if (block[0] != kUploadType || answer == Answer3::NoPacketEver) return true;
+    const bool third = block[kNumberOffset] == 3;
+    if (third && answer == Answer3::AfterAFailedWrite && !failedOnce) return !(failedOnce = true);
+    // The answer to packet 3 comes with packet 4's.
+    if (block[kNumberOffset] == 4 && answer == Answer3::InTheNextWait) device.Send(Numbered(kCliType, 3, 57, "ok"));
+    if (!third || answer != Answer3::InTheNextWait) device.Send(Numbered(kCliType, 0, 57, "ok"));
+    if (third && answer == Answer3::Twice) device.Send(Numbered(kCliType, 0, 57, "ok"));
+    return true;
+  });
+  WriteFile(dir / "up.bin", RandomBytes(10 * 57, 4));
+  ASSERT_EQ(admin.UploadFileAsync((dir / "up.bin").string(), &progress, &log), 0);
+  EXPECT_TRUE(OperationEnds(admin, kTransferBound));
+  const std::string said = GetParam().said;
+  if (said.empty()) {
+    EXPECT_EQ(err.Text(), "");
+    EXPECT_EQ(admin.LastOutcome(), Outcome::Done);
+  } else {
+    EXPECT_EQ(err.Text().rfind("ferrolt: the copy of ", 0), 0u) << err.Text();
+    EXPECT_NE(err.Text().find(said), std::string::npos) << err.Text();
+    EXPECT_EQ(admin.LastOutcome(), Outcome::Incomplete);
   }
+  EXPECT_TRUE(log.Has("Succeeded in writing 'Ending upload' to device."));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Answers, UploadDoubts,
+    testing::Values(DoubtCase{"InTime", Answer3::AtOnce, ""}, DoubtCase{"NeverAnswered", Answer3::NoPacketEver, ""},
+                    DoubtCase{"Late", Answer3::InTheNextWait, "the device answered after the 5 ms wait"},
+                    DoubtCase{"WaitingBeforeItsPacket", Answer3::Twice, "the device answered after the 5 ms wait"},
+                    DoubtCase{"ResentAfterAReopen", Answer3::AfterAFailedWrite,
+                              "a packet went out again after the link was reopened"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// Given the read-back asked for and a device whose copy differs from what
+// was sent, the note names the first byte that differs.
+TEST_F(HostileDevice, AReadBackNamesWhereTheCopyDiffers) {
+  admin.ReadBackUploads(true);
+  device.OnWrite([&](const DeviceBlock& block) {
+    if (std::string(reinterpret_cast<const char*>(block.data())) == "Ending upload") return true;
+    if (block[0] == kDownloadType)
+      for (const Block& reply : {StartReply(114, 2), Data(0), Data(1), EndReply()}) device.Send(reply);
+    return true;
+  });
+  // Packet 1 comes back as 57 bytes of 'b'.
+  const std::string sent(114, 'a');
+  // The device names the file by what follows the backslash.
+  WriteFile(dir / "C:\\up.bin", sent);
+  ASSERT_EQ(admin.UploadFileAsync((dir / "C:\\up.bin").string(), &progress, &log), 0);
+  EXPECT_TRUE(OperationEnds(admin, kTransferBound));
+  EXPECT_NE(err.Text().find("/tmp/up.bin on the device differs from the file sent from byte 57 on (114 bytes read back, 114 sent)"),
+            std::string::npos)
+      << err.Text();
+  EXPECT_EQ(admin.LastOutcome(), Outcome::Incomplete);
 }
 
 // Given a command whose device goes away, the output wait ends with a line

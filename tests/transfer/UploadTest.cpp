@@ -117,5 +117,24 @@ TEST_F(UploadTest, CancelDuringTheDataPhaseEndsPromptlyWithoutTheEndCommand) {
   EXPECT_FALSE(fs::exists(OnDevice("big.bin")));
 }
 
+// Given the read-back asked for, a copy that arrived whole is verified in one
+// note after the upload's own lines; one the download request cannot name is
+// said to be unverified, and the outcome is incomplete.
+TEST_F(UploadTest, AReadBackVerifiesTheCopyOrSaysWhyNot) {
+  Start();
+  StderrCapture err;
+  admin->ReadBackUploads(true);
+  const std::string bytes = RandomBytes(3 * 57 + 5, 9);
+  const std::string out = Upload(LocalFile("rb.bin", bytes));
+  EXPECT_EQ(err.Text(), "ferrolt: verified: /tmp/rb.bin on the device holds the 176 bytes sent.\n");
+  EXPECT_EQ(admin->LastOutcome(), Outcome::Done);
+  EXPECT_TRUE(out.ends_with("Finished File Upload!\n")) << out;
+
+  const std::string longName(34, 'n');
+  Upload(LocalFile(longName, bytes));
+  EXPECT_NE(err.Text().find("could not send /tmp/" + longName + " back"), std::string::npos) << err.Text();
+  EXPECT_EQ(admin->LastOutcome(), Outcome::Incomplete);
+}
+
 }  // namespace
 }  // namespace ferrolt::test
