@@ -148,7 +148,7 @@ class PacketStream {
   bool Settle(const WriteWindow::Ended& ended, BundleFile& file) {
     if (ended.status == TransferStatus::Done) {
       if (ended.tag == failingPacket_) failures_ = 0;
-      ReportProgress(ended.tag);
+      LogPercent(ended.tag);
       return true;
     }
     op_.console.Print("A write retry was detected!\n");
@@ -200,11 +200,11 @@ class PacketStream {
   void DrainWindow() {
     while (!window_.Empty()) {
       const WriteWindow::Ended ended = window_.AwaitOldest(nullptr);
-      if (ended.status == TransferStatus::Done) ReportProgress(ended.tag);
+      if (ended.status == TransferStatus::Done) LogPercent(ended.tag);
     }
   }
 
-  void ReportProgress(int32_t written) {
+  void LogPercent(int32_t written) {
     const int percent = PercentOf(written, packetCount_);
     if (!percentSeen_.Changed(percent)) return;
     op_.log.LogMessageCallBack("Progress: %d%%%%", percent);
@@ -222,8 +222,6 @@ class PacketStream {
   int failures_ = 0;
 };
 
-// The wait for the reader's end report. Ends early on a cancel or after
-// limits::kUpgradeEndReportWait; true when the reader is done.
 // The wait for the reader's end report. Ends early on a cancel or after
 // limits::kUpgradeEndReportWait; true when the reader is done.
 bool WaitForEndReport(const ReaderState& reader, const std::atomic<bool>& running) {
