@@ -21,6 +21,10 @@ constexpr uint16_t kEndOfOptions = 0;
 constexpr uint16_t kApplicationOption = 4;    // shb_userappl
 constexpr uint16_t kInterfaceNameOption = 2;  // if_name
 constexpr uint32_t kInterfaceId = 0;
+// An enhanced packet block's fields besides its packet: type, total length,
+// interface, timestamp (two words), captured and original lengths, and the
+// total length again after the packet.
+constexpr size_t kEnhancedPacketFraming = 8 * sizeof(uint32_t);
 constexpr size_t kAlignment = 4;
 
 size_t Padded(size_t length) { return (length + kAlignment - 1) / kAlignment * kAlignment; }
@@ -77,17 +81,25 @@ void AppendInterfaceDescription(std::vector<uint8_t>& bytes, uint16_t linkType, 
   });
 }
 
-void AppendEnhancedPacket(std::vector<uint8_t>& bytes, uint64_t microsecondsSinceEpoch,
-                          const std::vector<uint8_t>& packet) {
-  AppendBlock(bytes, kEnhancedPacketType, [&] {
-    AppendU32(bytes, kInterfaceId);
-    AppendU32(bytes, static_cast<uint32_t>(microsecondsSinceEpoch >> 32));
-    AppendU32(bytes, static_cast<uint32_t>(microsecondsSinceEpoch & 0xFFFFFFFF));
-    AppendU32(bytes, static_cast<uint32_t>(packet.size()));  // captured
-    AppendU32(bytes, static_cast<uint32_t>(packet.size()));  // on the wire
-    bytes.insert(bytes.end(), packet.begin(), packet.end());
-    AppendPadding(bytes, packet.size());
-  });
+// Written in place, in one piece: this runs for every packet.
+void AppendEnhancedPacket(std::vector<uint8_t>& bytes, uint64_t microsecondsSinceEpoch, std::span<const uint8_t> header,
+                          std::span<const uint8_t> data) {
+  const size_t captured = header.size() + data.size();
+  const auto total = static_cast<uint32_t>(kEnhancedPacketFraming + Padded(captured));
+  const size_t start = bytes.size();
+  bytes.resize(start + total);
+  uint8_t* at = bytes.data() + start;
+  for (const uint32_t word :
+       {kEnhancedPacketType, total, kInterfaceId, static_cast<uint32_t>(microsecondsSinceEpoch >> 32),
+        static_cast<uint32_t>(microsecondsSinceEpoch & 0xFFFFFFFF), static_cast<uint32_t>(captured),
+        static_cast<uint32_t>(captured)}) {
+    StoreU32(at, word);
+    at += sizeof word;
+  }
+  at = std::copy(header.begin(), header.end(), at);
+  at = std::copy(data.begin(), data.end(), at);
+  std::fill(at, bytes.data() + start + total - sizeof total, 0);
+  StoreU32(bytes.data() + start + total - sizeof total, total);
 }
 
 }  // namespace ferrolt::capture

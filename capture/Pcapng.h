@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -19,8 +20,9 @@ void AppendSectionHeader(std::vector<uint8_t>& bytes, const std::string& applica
 // The one interface of the section, by its link type and name, with
 // timestamps in microseconds (the default resolution).
 void AppendInterfaceDescription(std::vector<uint8_t>& bytes, uint16_t linkType, const std::string& name);
-// One packet, captured whole, on interface 0.
-void AppendEnhancedPacket(std::vector<uint8_t>& bytes, uint64_t microsecondsSinceEpoch,
-                          const std::vector<uint8_t>& packet);
+// One packet, captured whole, on interface 0: its link-layer header, then
+// its data.
+void AppendEnhancedPacket(std::vector<uint8_t>& bytes, uint64_t microsecondsSinceEpoch, std::span<const uint8_t> header,
+                          std::span<const uint8_t> data);
 
 }  // namespace ferrolt::capture

@@ -51,6 +51,11 @@ int32_t StatusOf(TransferEnd end) {
   return kStatusFailed;
 }
 
+int64_t MicrosecondsSinceEpoch() {
+  return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
 bool IsIn(uint8_t endpoint) { return (endpoint & kDirectionIn) != 0; }
 
 UsbmonEvent BulkEvent(uint64_t id, char type, uint8_t endpoint, int32_t status) {
@@ -76,15 +81,12 @@ std::unique_ptr<UsbCapture> UsbCapture::Create(const std::string& path, const st
   AppendSectionHeader(capture->gathered_, programName);
   AppendInterfaceDescription(capture->gathered_, kLinkTypeUsbLinuxMmapped, kInterfaceName);
   // Written out at once: a file that takes nothing is said now, not later.
-  capture->WriteOutLocked();
+  capture->WriteOutLocked(MicrosecondsSinceEpoch());
   return capture->file_ != nullptr ? std::move(capture) : nullptr;
 }
 
 UsbCapture::UsbCapture(std::FILE* file, std::string path, std::string programName)
-    : path_(std::move(path)),
-      programName_(std::move(programName)),
-      file_(file),
-      lastWriteOut_(std::chrono::steady_clock::now()) {
+    : path_(std::move(path)), programName_(std::move(programName)), file_(file) {
   gathered_.reserve(kWriteOutBytes);
 }
 
@@ -92,7 +94,7 @@ UsbCapture::~UsbCapture() { Close(); }
 
 void UsbCapture::Close() {
   std::lock_guard<std::mutex> lock(mutex_);
-  WriteOutLocked();
+  WriteOutLocked(MicrosecondsSinceEpoch());
   CloseLocked();
 }
 
@@ -152,25 +154,24 @@ void UsbCapture::Complete(uint64_t id, uint8_t endpoint, TransferEnd end, const 
 
 void UsbCapture::RecordLocked(UsbmonEvent event, const uint8_t* data) {
   if (file_ == nullptr) return;
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  const auto microseconds = std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+  const int64_t microseconds = MicrosecondsSinceEpoch();
   event.device = kDeviceAddress;
   event.bus = kBus;
   event.seconds = microseconds / std::micro::den;
   event.microseconds = static_cast<int32_t>(microseconds % std::micro::den);
   if (data == nullptr) event.dataLength = 0;
-
-  packet_.clear();
-  AppendUsbmonHeader(packet_, event);
-  packet_.insert(packet_.end(), data, data + event.dataLength);
-  AppendEnhancedPacket(gathered_, static_cast<uint64_t>(microseconds), packet_);
-  if (gathered_.size() >= kWriteOutBytes || std::chrono::steady_clock::now() - lastWriteOut_ >= kWriteOutInterval) {
-    WriteOutLocked();
+  const UsbmonHeader header = HeaderOf(event);
+  AppendEnhancedPacket(gathered_, static_cast<uint64_t>(microseconds), header, {data, event.dataLength});
+  // A clock set back counts as time passed.
+  const int64_t sinceWriteOut = microseconds - lastWriteOut_;
+  if (gathered_.size() >= kWriteOutBytes || sinceWriteOut < 0 ||
+      sinceWriteOut >= std::chrono::microseconds(kWriteOutInterval).count()) {
+    WriteOutLocked(microseconds);
   }
 }
 
-void UsbCapture::WriteOutLocked() {
-  lastWriteOut_ = std::chrono::steady_clock::now();
+void UsbCapture::WriteOutLocked(int64_t microsecondsSinceEpoch) {
+  lastWriteOut_ = microsecondsSinceEpoch;
   if (file_ == nullptr || gathered_.empty()) return;
   const bool written =
       std::fwrite(gathered_.data(), 1, gathered_.size(), file_) == gathered_.size() && std::fflush(file_) == 0;

@@ -68,7 +68,7 @@ class UsbCapture {
   void RecordDescriptorReadLocked(uint8_t descriptorType, const std::vector<uint8_t>& descriptor);
   // event's time is set here; data is the dataLength bytes that follow its header.
   void RecordLocked(UsbmonEvent event, const uint8_t* data);
-  void WriteOutLocked();
+  void WriteOutLocked(int64_t microsecondsSinceEpoch);
   void SayFailureLocked(int error);
   void CloseLocked();
 
@@ -77,8 +77,7 @@ class UsbCapture {
   std::mutex mutex_;  // guards every field below
   std::FILE* file_;   // null once closed or failed
   std::vector<uint8_t> gathered_;
-  std::vector<uint8_t> packet_;  // the packet being recorded, kept for its storage
-  std::chrono::steady_clock::time_point lastWriteOut_;
+  int64_t lastWriteOut_ = 0;  // microseconds since the epoch
   uint64_t nextId_ = 1;
   bool descriptorsRecorded_ = false;
 };

@@ -1,5 +1,7 @@
 #include "capture/UsbmonEvent.h"
 
+#include <algorithm>
+
 #include "capture/LittleEndian.h"
 
 namespace ferrolt::capture {
@@ -23,28 +25,33 @@ char DataFlag(const UsbmonEvent& event) {
   return kPresent;
 }
 
+// Field offsets in the header (usbmon.rst's struct usbmon_packet).
+constexpr size_t kIdAt = 0, kTypeAt = 8, kTransferTypeAt = 9, kEndpointAt = 10, kDeviceAt = 11, kBusAt = 12,
+                 kSetupFlagAt = 14, kDataFlagAt = 15, kSecondsAt = 16, kMicrosecondsAt = 24, kStatusAt = 28,
+                 kUrbLengthAt = 32, kDataLengthAt = 36, kSetupAt = 40, kTransferFlagsAt = 56;
+
 }  // namespace
 
-void AppendUsbmonHeader(std::vector<uint8_t>& bytes, const UsbmonEvent& event) {
-  AppendU64(bytes, event.id);
-  bytes.push_back(static_cast<uint8_t>(event.type));
-  bytes.push_back(event.transferType);
-  bytes.push_back(event.endpoint);
-  bytes.push_back(event.device);
-  AppendU16(bytes, event.bus);
-  bytes.push_back(static_cast<uint8_t>(event.setup ? kPresent : kNoSetup));
-  bytes.push_back(static_cast<uint8_t>(DataFlag(event)));
-  AppendU64(bytes, static_cast<uint64_t>(event.seconds));
-  AppendU32(bytes, static_cast<uint32_t>(event.microseconds));
-  AppendU32(bytes, static_cast<uint32_t>(event.status));
-  AppendU32(bytes, event.urbLength);
-  AppendU32(bytes, event.dataLength);
-  const std::array<uint8_t, kSetupPacketSize> setup = event.setup.value_or(std::array<uint8_t, kSetupPacketSize>{});
-  bytes.insert(bytes.end(), setup.begin(), setup.end());
-  AppendU32(bytes, 0);  // interval: interrupt and isochronous transfers only
-  AppendU32(bytes, 0);  // start frame: isochronous only
-  AppendU32(bytes, (event.endpoint & kDirectionIn) != 0 ? kUrbDirIn : 0);
-  AppendU32(bytes, 0);  // isochronous descriptors
+// Interval, start frame and the isochronous counts stay zero: they belong to
+// interrupt and isochronous transfers.
+UsbmonHeader HeaderOf(const UsbmonEvent& event) {
+  UsbmonHeader header{};
+  StoreU64(&header[kIdAt], event.id);
+  header[kTypeAt] = static_cast<uint8_t>(event.type);
+  header[kTransferTypeAt] = event.transferType;
+  header[kEndpointAt] = event.endpoint;
+  header[kDeviceAt] = event.device;
+  StoreU16(&header[kBusAt], event.bus);
+  header[kSetupFlagAt] = static_cast<uint8_t>(event.setup ? kPresent : kNoSetup);
+  header[kDataFlagAt] = static_cast<uint8_t>(DataFlag(event));
+  StoreU64(&header[kSecondsAt], static_cast<uint64_t>(event.seconds));
+  StoreU32(&header[kMicrosecondsAt], static_cast<uint32_t>(event.microseconds));
+  StoreU32(&header[kStatusAt], static_cast<uint32_t>(event.status));
+  StoreU32(&header[kUrbLengthAt], event.urbLength);
+  StoreU32(&header[kDataLengthAt], event.dataLength);
+  if (event.setup) std::copy(event.setup->begin(), event.setup->end(), &header[kSetupAt]);
+  StoreU32(&header[kTransferFlagsAt], (event.endpoint & kDirectionIn) != 0 ? kUrbDirIn : 0);
+  return header;
 }
 
 }  // namespace ferrolt::capture

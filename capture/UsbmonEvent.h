@@ -7,7 +7,6 @@
 #include <array>
 #include <cstdint>
 #include <optional>
-#include <vector>
 
 namespace ferrolt::capture {
 
@@ -38,8 +37,10 @@ struct UsbmonEvent {
   std::optional<std::array<uint8_t, kSetupPacketSize>> setup;  // a control submission's
 };
 
+using UsbmonHeader = std::array<uint8_t, kUsbmonHeaderSize>;
+
 // The header of event, as the kernel fills it; its flags follow from the
 // event (data present or why not, setup present or not).
-void AppendUsbmonHeader(std::vector<uint8_t>& bytes, const UsbmonEvent& event);
+UsbmonHeader HeaderOf(const UsbmonEvent& event);
 
 }  // namespace ferrolt::capture

@@ -11,24 +11,26 @@ namespace {
 
 constexpr const char* kProgramName = "ferrolt";
 
-// The tool never destroys its backend, so the captures made here are
-// written out and closed as the process ends. Made while the tool's backend
-// is, this ends after the tool's exit hook has closed the link (static
-// objects end in the reverse order of their making), so the ends of the
-// last transfers are in the file.
+// The tool never destroys its backend, so the captures still open as the
+// process ends are written out and closed then. Made while the tool's
+// backend is, this ends after the tool's exit hook has closed the link
+// (static objects end in the reverse order of their making), so the ends of
+// the last transfers are in the file. A capture whose backend has gone has
+// closed itself.
 class ClosedAtExit {
  public:
   ~ClosedAtExit() {
-    for (const auto& capture : captures_) capture->Close();
+    for (const auto& held : captures_)
+      if (const auto capture = held.lock()) capture->Close();
   }
-  void Add(std::shared_ptr<capture::UsbCapture> capture) {
+  void Add(const std::shared_ptr<capture::UsbCapture>& capture) {
     std::lock_guard<std::mutex> lock(mutex_);
-    captures_.push_back(std::move(capture));
+    captures_.push_back(capture);
   }
 
  private:
   std::mutex mutex_;
-  std::vector<std::shared_ptr<capture::UsbCapture>> captures_;
+  std::vector<std::weak_ptr<capture::UsbCapture>> captures_;
 };
 
 ClosedAtExit& CapturesClosedAtExit() {

@@ -1,49 +1,51 @@
 #include "platform/TracingConnection.h"
 
 #include <algorithm>
-#include <unordered_map>
 #include <utility>
+#include <vector>
 
 namespace ferrolt::platform {
 
 // The transfers started and not yet ended, with how the host has taken each
-// back, which is what a failed end is recorded as.
+// back, which is what a failed end is recorded as. A few dozen at most (the
+// link's window of writes and its queue of reads): a list searched from the
+// front, with no allocation per transfer.
 class TracingConnection::Outstanding final : public TransferObserver {
  public:
   explicit Outstanding(std::shared_ptr<capture::UsbCapture> capture) : capture_(std::move(capture)) {}
 
   void Add(const Transfer& transfer, uint64_t id, uint8_t endpoint) {
     std::lock_guard<std::mutex> lock(mutex_);
-    entries_[&transfer] = {id, endpoint, capture::TransferEnd::Failed};
+    entries_.push_back({&transfer, id, endpoint, capture::TransferEnd::Failed});
   }
 
   // Returns how a failed end of transfer was to be recorded before.
   capture::TransferEnd TakeBack(const Transfer& transfer, capture::TransferEnd how) {
     std::lock_guard<std::mutex> lock(mutex_);
-    const auto found = entries_.find(&transfer);
-    if (found == entries_.end()) return how;
-    return std::exchange(found->second.ifFailed, how);
+    const auto found = Find(transfer);
+    return found == entries_.end() ? how : std::exchange(found->ifFailed, how);
   }
 
   void TakeBackPipe(uint8_t endpoint, capture::TransferEnd how) {
     std::lock_guard<std::mutex> lock(mutex_);
-    for (auto& [transfer, entry] : entries_)
+    for (Entry& entry : entries_)
       if (entry.endpoint == endpoint) entry.ifFailed = how;
   }
 
   void TakeBackAll(capture::TransferEnd how) {
     std::lock_guard<std::mutex> lock(mutex_);
-    for (auto& [transfer, entry] : entries_) entry.ifFailed = how;
+    for (Entry& entry : entries_) entry.ifFailed = how;
   }
 
   void TransferFinished(const Transfer& transfer, bool succeeded, const uint8_t* data, uint32_t count) override {
     Entry entry;
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      const auto found = entries_.find(&transfer);
+      const auto found = Find(transfer);
       if (found == entries_.end()) return;
-      entry = found->second;
-      entries_.erase(found);
+      entry = *found;
+      *found = entries_.back();
+      entries_.pop_back();
     }
     const bool in = (entry.endpoint & capture::kDirectionIn) != 0;
     capture_->Complete(entry.id, entry.endpoint, succeeded ? capture::TransferEnd::Done : entry.ifFailed,
@@ -52,14 +54,20 @@ class TracingConnection::Outstanding final : public TransferObserver {
 
  private:
   struct Entry {
+    const Transfer* transfer = nullptr;
     uint64_t id = 0;
     uint8_t endpoint = 0;
     capture::TransferEnd ifFailed = capture::TransferEnd::Failed;
   };
 
+  std::vector<Entry>::iterator Find(const Transfer& transfer) {
+    return std::find_if(entries_.begin(), entries_.end(),
+                        [&](const Entry& entry) { return entry.transfer == &transfer; });
+  }
+
   const std::shared_ptr<capture::UsbCapture> capture_;
   std::mutex mutex_;
-  std::unordered_map<const Transfer*, Entry> entries_;
+  std::vector<Entry> entries_;
 };
 
 TracingConnection::TracingConnection(std::unique_ptr<DeviceConnection> inner,
