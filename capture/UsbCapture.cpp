@@ -72,10 +72,11 @@ UsbmonEvent BulkEvent(uint64_t id, char type, uint8_t endpoint, int32_t status) 
 
 std::unique_ptr<UsbCapture> UsbCapture::Create(const std::string& path, const std::string& programName) {
   std::FILE* file = std::fopen(path.c_str(), "wb");
+  const int openError = errno;
   std::unique_ptr<UsbCapture> capture(new UsbCapture(file, path, programName));
   std::lock_guard<std::mutex> lock(capture->mutex_);
   if (file == nullptr) {
-    capture->SayFailureLocked(errno);
+    capture->SayFailureLocked(openError);
     return nullptr;
   }
   AppendSectionHeader(capture->gathered_, programName);
@@ -114,10 +115,10 @@ void UsbCapture::RecordDescriptorReadLocked(uint8_t descriptorType, const std::v
   event.endpoint = kControlEndpointIn;
   event.status = kStatusInProgress;
   event.urbLength = length;
-  // wValue: the type in its high byte, index 0; wIndex 0; then wLength.
-  event.setup = {
-      kGetDescriptorRequestType,        kGetDescriptor, 0, descriptorType, 0, 0, static_cast<uint8_t>(length & 0xFF),
-      static_cast<uint8_t>(length >> 8)};
+  // wValue: index 0, the type in its high byte; wIndex 0; then wLength.
+  const auto lengthLow = static_cast<uint8_t>(length & 0xFF);
+  const auto lengthHigh = static_cast<uint8_t>(length >> 8);
+  event.setup = {kGetDescriptorRequestType, kGetDescriptor, 0, descriptorType, 0, 0, lengthLow, lengthHigh};
   RecordLocked(event, nullptr);
 
   event.type = kCallback;

@@ -22,7 +22,7 @@ rm -rf build/mingw/package
 (cd build/mingw && cpack -G ZIP -B package >/dev/null)
 zip=$(echo build/mingw/package/ferrolt-*-win64.zip)
 unzip -Z1 "$zip" | tee build/mingw/package/contents.txt
-for file in ferrolt.exe WinUSB.txt README.md LICENSE hidapi-LICENSE.txt; do
+for file in ferrolt.exe WinUSB.txt README.md LICENSE hidapi-LICENSE.txt ferrolt.lua Wireshark.txt; do
   grep -qx "[^/]*/$file" build/mingw/package/contents.txt || { echo "$zip holds no $file"; exit 1; }
 done
 unzip -p "$zip" '*/WinUSB.txt' | grep -q "interface 4" || { echo "$zip: WinUSB.txt says nothing of interface 4"; exit 1; }
