@@ -117,11 +117,11 @@ local function crc_good(raw, offset)
 end
 
 local function dissect_packet(raw, tvb, offset, tree)
-  local type = raw:byte(offset + 1)
+  local packet_type = raw:byte(offset + 1)
   local number = tvb(offset + NUMBER_OFFSET, 4):le_uint()
   local length = raw:byte(offset + LENGTH_OFFSET + 1)
   local good = crc_good(raw, offset)
-  tree:add(fields.type, tvb(offset, 1), TYPE_NAMES[type])
+  tree:add(fields.type, tvb(offset, 1), TYPE_NAMES[packet_type])
   tree:add_le(fields.number, tvb(offset + NUMBER_OFFSET, 4))
   tree:add(fields.length, tvb(offset + LENGTH_OFFSET, 1))
   -- A length past the payload is cut to it, as the receiver does.
@@ -133,15 +133,15 @@ local function dissect_packet(raw, tvb, offset, tree)
   tree:add(fields.crc_status, tvb(offset + CRC_OFFSET, 1), good and "good" or "bad")
 
   local summary
-  if type == NACK then
+  if packet_type == NACK then
     local sequence = raw:byte(offset + PAYLOAD_OFFSET + 1) ~= 0
     tree:add_le(fields.refused, tvb(offset + NUMBER_OFFSET, 4))
     tree:add(fields.reason, tvb(offset + PAYLOAD_OFFSET, 1), sequence and "sequence error" or "CRC error")
-    summary = string.format("NACK #%u", number)
+    summary = string.format("NACK #%d", number)
   elseif number == 0 and text ~= nil then
-    summary = string.format('%s "%s"', TYPE_NAMES[type], shown(text))
+    summary = string.format('%s "%s"', TYPE_NAMES[packet_type], shown(text))
   else
-    summary = string.format("%s #%u len %u", TYPE_NAMES[type], number, length)
+    summary = string.format("%s #%d len %d", TYPE_NAMES[packet_type], number, length)
   end
   if not good then summary = summary .. " [bad CRC]" end
   return summary
