@@ -18,6 +18,7 @@
 #include "link/DevicePacket.h"
 #include "link/Limits.h"
 #include "link/WriteWindow.h"
+#include "platform/TracingBackend.h"
 #include "platform/emulator/EmulatorBackend.h"
 
 namespace ferrolt::bench {
@@ -37,8 +38,9 @@ struct Timed {
   bool ok = false;
 };
 
+// With FERROLT_TRACE set, the upgrade is timed with its capture written.
 Timed TimeUpgrade(const std::string& endpoint, const fs::path& bundle) {
-  DeviceAdmin admin(platform::CreateEmulatorBackend(endpoint));
+  DeviceAdmin admin(platform::TracedWhenAsked(platform::CreateEmulatorBackend(endpoint)));
   NullLog log;
   Timed timed;
   QuietStdout quiet;

@@ -1,6 +1,7 @@
 # What `cmake --install` puts in place, and so what the packages hold. On
-# Linux: both programs, the udev rule, the man pages, bash completion, README
-# and licence. On Windows (the zip): ferrolt.exe beside its texts.
+# Linux: both programs, the udev rule, the man pages, bash completion, the
+# Wireshark dissector, README and licence. On Windows (the zip): ferrolt.exe
+# beside its texts and the dissector.
 include(GNUInstallDirs)
 
 # An id of the device as udev and lsusb show it: four lower-case hex digits,
@@ -27,6 +28,9 @@ if(WIN32)
   configure_file(${packaging_source}/windows/WinUSB.txt ${packaging_binary}/WinUSB.txt @ONLY NEWLINE_STYLE WIN32)
   install(TARGETS ferrolt RUNTIME DESTINATION .)
   install(FILES ${packaging_binary}/WinUSB.txt ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/LICENSE DESTINATION .)
+  # The Wireshark dissector, and where to put it.
+  configure_file(${packaging_source}/windows/Wireshark.txt ${packaging_binary}/Wireshark.txt @ONLY NEWLINE_STYLE WIN32)
+  install(FILES ${packaging_source}/wireshark/ferrolt.lua ${packaging_binary}/Wireshark.txt DESTINATION .)
   # ferrolt.exe holds hidapi's Windows backend, taken under its BSD-style
   # licence, whose notice goes with every copy.
   install(FILES ${FERROLT_HIDAPI_SOURCE}/LICENSE-bsd.txt DESTINATION . RENAME hidapi-LICENSE.txt)
@@ -53,6 +57,12 @@ foreach(page ferrolt.1 ferrolt-devsim.1)
 endforeach()
 add_custom_target(ferrolt_man_pages ALL DEPENDS ${man_pages})
 install(FILES ${man_pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+
+# The Wireshark dissector, where Wireshark loads Lua plugins for every user
+# ("Global Lua Plugins" in tshark -G folders: on Debian,
+# /usr/lib/<multiarch>/wireshark/plugins, the same for every version).
+install(FILES ${packaging_source}/wireshark/ferrolt.lua
+  DESTINATION lib/${CMAKE_LIBRARY_ARCHITECTURE}/wireshark/plugins)
 
 install(FILES ${packaging_source}/bash-completion/ferrolt
   DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions)

@@ -34,6 +34,9 @@ constexpr SampleLog kSampleLogs[] = {
     {"ort.log", "ort: idle\n"},
 };
 
+constexpr const char* kProgramName = "ferrolt-devsim";
+constexpr uint32_t kTracedBlockBytes = sizeof(Block);
+
 bool WriteTextFile(const fs::path& path, const std::string& text) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out << text;
@@ -107,6 +110,9 @@ bool Device::OpenFiles(std::string& error) {
       return false;
     }
   }
+  // A capture that cannot be written is said, and the device serves on without it.
+  if (!settings_.traceFile.empty()) trace_ = capture::UsbCapture::Create(settings_.traceFile.string(), kProgramName);
+  if (trace_ != nullptr) trace_->RecordDescriptors(settings_.traceModel);
   return true;
 }
 
@@ -131,6 +137,7 @@ Device::Clock::time_point Device::PauseEnd() const { return pauseEnds_.value_or(
 
 void Device::OnOutBlock(const Block& block) {
   Record(block);
+  Trace(settings_.traceModel.bulkOutEndpoint, block);
   bool taken = false;
   for (auto& service : services_) {
     if (service->Accept(block, *this)) {
@@ -145,6 +152,16 @@ void Device::OnOutBlock(const Block& block) {
     pauseEnds_ = Clock::now() + pauseFor_;
     Note("fault: taking no OUT block for " + std::to_string(pauseFor_.count()) + " ms");
   }
+}
+
+// The device sees a block arrive or leave, not the transfer around it: each
+// is a transfer of its own, ended as it is taken. A block the host dropped and
+// is sent again went on the bus twice, and shows twice.
+void Device::Trace(uint8_t endpoint, const Block& block) {
+  if (trace_ == nullptr) return;
+  const bool in = (endpoint & capture::kDirectionIn) != 0;
+  const uint64_t id = trace_->Submit(endpoint, in ? nullptr : block.data(), kTracedBlockBytes);
+  trace_->Complete(id, endpoint, capture::TransferEnd::Done, in ? block.data() : nullptr, kTracedBlockBytes);
 }
 
 void Device::Record(const Block& block) {
@@ -198,6 +215,7 @@ std::optional<Block> Device::PopInBlock() {
   if (inQueue_.empty() || inQueue_.front().due > Clock::now()) return std::nullopt;
   Block block = inQueue_.front().block;
   inQueue_.pop_front();
+  Trace(settings_.traceModel.bulkInEndpoint, block);
   return block;
 }
 

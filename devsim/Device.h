@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "capture/UsbCapture.h"
 #include "devsim/LinkFaults.h"
 #include "devsim/Service.h"
 
@@ -23,6 +24,10 @@ struct DeviceSettings {
   std::filesystem::path root;
   std::filesystem::path recordFile;  // empty: OUT blocks are not recorded
   std::filesystem::path eventsFile;  // empty: no event log file
+  // Empty: no capture. Otherwise every block both ways, as the device
+  // received and sent it, after the descriptors of traceModel.
+  std::filesystem::path traceFile;
+  capture::UsbDeviceModel traceModel;
   std::string initialVersion = "1.0.0";
   bool verbose = false;  // event lines also to stderr
   std::chrono::seconds cliTimeout{10};
@@ -93,6 +98,8 @@ class Device final : public DeviceContext {
   bool PrepareRoot(std::string& error);
   bool OpenFiles(std::string& error);
   void Record(const Block& block);
+  // One transfer of one block in the capture, OUT or IN.
+  void Trace(uint8_t endpoint, const Block& block);
   void ScheduleCompletion();
   // When the pause fault stops refusing OUT blocks; long past when none holds.
   Clock::time_point PauseEnd() const;
@@ -102,6 +109,7 @@ class Device final : public DeviceContext {
   LinkFaults linkFaults_;
   std::ofstream record_;
   std::ofstream events_;
+  std::unique_ptr<capture::UsbCapture> trace_;
   std::deque<Clock::time_point> completions_;
   std::deque<Queued> inQueue_;
   // Set once a write is withheld: later completions stay behind it.

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "devsim/DeviceLimits.h"
+#include "devsim/UsbDeviceModel.h"
 
 namespace ferrolt::devsim {
 namespace {
@@ -92,6 +93,9 @@ constexpr const char* kUsageHead =
     "What it tells:\n"
     "  --record FILE         every OUT block received, 64 raw bytes each\n"
     "  --events FILE         one line per thing the device did\n"
+    "  --trace FILE          every block both ways, as a pcapng capture in the\n"
+    "                        link type of Linux usbmon, descriptors first\n"
+    "                        (Wireshark, with packaging/wireshark/ferrolt.lua)\n"
     "  --verbose             event lines also on standard error\n"
     "Hello announced to the host (with --usbredir, the USB device they describe):\n"
     "  --vendor-id ID        USB vendor id, hex (0x...) or decimal (default %#06x)\n"
@@ -193,6 +197,7 @@ const std::map<std::string, ValueHandler>& ValueOptions() {
       {"--root", [](const std::string& v, Options& o) { o.device.root = v; return !v.empty(); }},
       {"--record", [](const std::string& v, Options& o) { o.device.recordFile = v; return !v.empty(); }},
       {"--events", [](const std::string& v, Options& o) { o.device.eventsFile = v; return !v.empty(); }},
+      {"--trace", [](const std::string& v, Options& o) { o.device.traceFile = v; return !v.empty(); }},
       {"--version", [](const std::string& v, Options& o) { o.device.initialVersion = v; return true; }},
       {"--fault", [](const std::string& v, Options& o) { return ParseFault(v, o.device.faults); }},
       {"--cli-timeout", Integer(1, kMaxSeconds, [](Options& o, long long v) { o.device.cliTimeout = std::chrono::seconds(v); })},
@@ -279,7 +284,12 @@ ParseOutcome ParseOptions(const std::vector<std::string>& args, Options& options
       return ParseOutcome::Error;
     }
   }
-  return CheckComplete(options, endpoints, error) ? ParseOutcome::Run : ParseOutcome::Error;
+  if (!CheckComplete(options, endpoints, error)) return ParseOutcome::Error;
+  // The capture shows the device the hello announces; a speed USB has no
+  // form of (which the socket front may announce) is shown as high speed.
+  std::string noUsbForm;
+  ModelFromHello(options.server.hello, options.device.traceModel, noUsbForm);
+  return ParseOutcome::Run;
 }
 
 std::string UsageText() {

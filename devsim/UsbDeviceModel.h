@@ -1,64 +1,32 @@
-// What the emulated device shows on a USB bus: its ids, its speed, its
-// interfaces and their bulk endpoints, and the descriptors a host reads
-// from it. Both USB fronts (usbdevfs, usbredir) build the device from this.
+// The emulated device on a USB bus. Its model and descriptors are shared with
+// the captures (capture/UsbDeviceModel.h); here they take the device's own
+// names, beside the model that the emulator link's hello announces.
 #pragma once
 
-#include <cstdint>
-#include <optional>
 #include <string>
-#include <vector>
 
+#include "capture/UsbDeviceModel.h"
 #include "devsim/SocketServer.h"
 
 namespace ferrolt::devsim {
 
-inline constexpr uint8_t kBulkOutEndpoint = 0x01;
-inline constexpr uint8_t kBulkInEndpoint = 0x81;
-inline constexpr uint8_t kVendorInterface = 4;
-inline constexpr uint8_t kConfigurationValue = 1;
-// bRequest of the vendor request that reads the Microsoft OS 2.0 descriptor
-// set; the BOS descriptor announces it.
-inline constexpr uint8_t kMsOsVendorCode = 0x20;
-
-// Speeds as sysfs writes them, in Mbit/s.
-enum class UsbSpeed { Low, Full, High };
-
-struct UsbDeviceModel {
-  uint16_t vendorId = FERROLT_VENDOR_ID;
-  uint16_t productId = FERROLT_PRODUCT_ID;
-  UsbSpeed speed = UsbSpeed::High;
-  // Interfaces 0 to interfaceCount - 1; the bulk pair sits on bulkInterface.
-  uint8_t interfaceCount = kVendorInterface + 1;
-  uint8_t bulkInterface = kVendorInterface;
-  // False: the bulk interface has no endpoints at all.
-  bool bulkEndpoints = true;
-  // The serial number string: what tells devices with the same ids apart.
-  std::string serial = "DEVSIM0001";
-};
+using capture::BosDescriptorOf;
+using capture::BulkPacketSizeOf;
+using capture::ConfigDescriptorOf;
+using capture::DescriptorsOf;
+using capture::DeviceDescriptorOf;
+using capture::DeviceQualifierOf;
+using capture::kBulkInEndpoint;
+using capture::kBulkOutEndpoint;
+using capture::kConfigurationValue;
+using capture::kMsOsVendorCode;
+using capture::MsOs20DescriptorSetOf;
+using capture::StringDescriptorOf;
+using capture::UsbDeviceModel;
+using capture::UsbSpeed;
 
 // The ids, the bulk interface and the speed that the emulator link's hello
 // announces; false, with error set, for a speed USB has no form of.
 bool ModelFromHello(const LinkHello& hello, UsbDeviceModel& model, std::string& error);
-
-// wMaxPacketSize of the bulk endpoints: 512 at high speed, 64 below (USB 2.0
-// allows bulk no larger at full speed).
-uint16_t BulkPacketSizeOf(UsbSpeed speed);
-
-std::vector<uint8_t> DeviceDescriptorOf(const UsbDeviceModel& model);
-// The one configuration with all its interface and endpoint descriptors.
-std::vector<uint8_t> ConfigDescriptorOf(const UsbDeviceModel& model);
-// The device descriptor followed by the configuration, as sysfs
-// "descriptors" holds them.
-std::vector<uint8_t> DescriptorsOf(const UsbDeviceModel& model);
-// String descriptor index (0: the language list); none for an unknown index.
-std::optional<std::vector<uint8_t>> StringDescriptorOf(const UsbDeviceModel& model, uint8_t index);
-// The device qualifier: only a high-speed device has one.
-std::optional<std::vector<uint8_t>> DeviceQualifierOf(const UsbDeviceModel& model);
-// The BOS descriptor: one platform capability, Microsoft OS 2.0.
-std::vector<uint8_t> BosDescriptorOf(const UsbDeviceModel& model);
-// The Microsoft OS 2.0 descriptor set: the bulk interface is compatible with
-// WinUSB and registers a device interface class, so Windows binds WinUSB to
-// it with no INF file.
-std::vector<uint8_t> MsOs20DescriptorSetOf(const UsbDeviceModel& model);
 
 }  // namespace ferrolt::devsim

@@ -1,6 +1,7 @@
 #include <cstdlib>
 
 #include "platform/DeviceBackend.h"
+#include "platform/TracingBackend.h"
 #include "platform/emulator/EmulatorBackend.h"
 #ifdef _WIN32
 #include "platform/winusb/WinUsbBackend.h"
@@ -10,7 +11,9 @@
 
 namespace ferrolt::platform {
 
-std::unique_ptr<DeviceBackend> CreateDefaultBackend() {
+namespace {
+
+std::unique_ptr<DeviceBackend> CreateChosenBackend() {
   const char* endpoint = std::getenv(kEmulatorVariable);
   if (endpoint != nullptr && *endpoint != '\0') return CreateEmulatorBackend(endpoint);
 #ifdef _WIN32
@@ -19,5 +22,9 @@ std::unique_ptr<DeviceBackend> CreateDefaultBackend() {
   return CreateLibusbBackend();
 #endif
 }
+
+}  // namespace
+
+std::unique_ptr<DeviceBackend> CreateDefaultBackend() { return TracedWhenAsked(CreateChosenBackend()); }
 
 }  // namespace ferrolt::platform

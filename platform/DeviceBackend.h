@@ -129,7 +129,8 @@ class DeviceBackend {
 };
 
 // The backend this process uses: the emulator link when FERROLT_EMULATOR is
-// set, otherwise the platform's USB backend.
+// set, otherwise the platform's USB backend; its transfers recorded when
+// FERROLT_TRACE names a capture file.
 std::unique_ptr<DeviceBackend> CreateDefaultBackend();
 
 }  // namespace ferrolt::platform

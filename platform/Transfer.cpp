@@ -35,6 +35,7 @@ void Transfer::CollectIfFinished() {
 }
 
 void Transfer::Complete(bool succeeded, const uint8_t* data, uint32_t count) {
+  std::shared_ptr<TransferObserver> observer;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (done_) return;
@@ -42,8 +43,22 @@ void Transfer::Complete(bool succeeded, const uint8_t* data, uint32_t count) {
     succeeded_ = succeeded;
     count_ = std::min(count, length_);
     if (data != nullptr) std::memcpy(data_.data(), data, count_);
+    observer = std::move(observer_);
   }
+  // The result is fixed once done_ is set: read without the lock.
+  if (observer) observer->TransferFinished(*this, succeeded_, data_.data(), count_);
   completion_.Set();
+}
+
+void Transfer::Observe(std::shared_ptr<TransferObserver> observer) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!done_) {
+      observer_ = std::move(observer);
+      return;
+    }
+  }
+  observer->TransferFinished(*this, succeeded_, data_.data(), count_);
 }
 
 }  // namespace ferrolt::platform

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 
 #include "platform/Event.h"
@@ -13,6 +14,19 @@
 namespace ferrolt::platform {
 
 inline constexpr uint32_t kMaxTransferLength = 64;
+
+class Transfer;
+
+// Told once that a transfer has finished, with its result: for those that
+// record transfers (FERROLT_TRACE) without a thread of their own. Runs on the
+// thread that finishes the transfer, before Completion() is set, so its
+// waiter sees the transfer done only after it has been told.
+class TransferObserver {
+ public:
+  virtual ~TransferObserver() = default;
+  // data holds count bytes for a read; for a write, count is what it moved.
+  virtual void TransferFinished(const Transfer& transfer, bool succeeded, const uint8_t* data, uint32_t count) = 0;
+};
 
 class Transfer {
  public:
@@ -40,6 +54,10 @@ class Transfer {
   // Completing twice keeps the first result.
   void Complete(bool succeeded, const uint8_t* data, uint32_t count);
 
+  // The one observer of this transfer. Told at once, on the caller's thread,
+  // when the transfer has finished already.
+  void Observe(std::shared_ptr<TransferObserver> observer);
+
  protected:
   // For a transfer that the system finishes by setting Completion() itself
   // (Windows overlapped I/O): called once the event is set and before a
@@ -56,6 +74,7 @@ class Transfer {
   bool succeeded_ = false;
   uint32_t count_ = 0;
   std::array<uint8_t, kMaxTransferLength> data_{};
+  std::shared_ptr<TransferObserver> observer_;
   Event completion_;
 };
 

@@ -28,6 +28,9 @@ test_packages+=(g++-mingw-w64-x86-64-posix googletest wine64 wine)
 # The .deb: CPack finds the binaries with file and their library packages
 # with dpkg-shlibdeps.
 test_packages+=(dpkg-dev file)
+# The capture tests decode the tool's captures with the Wireshark dissector
+# (packaging/wireshark/ferrolt.lua) in tshark.
+test_packages+=(tshark)
 
 fetch_hidapi=false
 case "${1:-}" in
@@ -49,6 +52,8 @@ done
 if [ ${#missing[@]} -gt 0 ]; then
   echo "Installing: ${missing[*]}"
   export DEBIAN_FRONTEND=noninteractive
+  # Wireshark asks whether users who are not root may capture: no, without asking.
+  echo "wireshark-common wireshark-common/install-setuid boolean false" | debconf-set-selections
   apt-get update -qq
   apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 fi

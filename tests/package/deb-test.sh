@@ -56,6 +56,7 @@ files=(
   /usr/share/bash-completion/completions/ferrolt
   /usr/share/doc/ferrolt/README.md
   /usr/share/doc/ferrolt/LICENSE
+  "/usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)/wireshark/plugins/ferrolt.lua"
 )
 for file in "${files[@]}"; do
   [ -f "$file" ] || fail "$file is not installed"
@@ -67,6 +68,10 @@ done
 grep -qxF 'SUBSYSTEM=="usb", ATTR{idVendor}=="1209", ATTR{idProduct}=="0001", TAG+="uaccess"' \
   /usr/lib/udev/rules.d/70-ferrolt.rules || fail "the udev rule is not the expected line"
 zcat /usr/share/man/man1/ferrolt.1.gz | grep -q '^\.SH EXIT STATUS' || fail "ferrolt.1.gz is not the man page"
+# Wireshark loads the dissector for every user, with nothing set by hand.
+if command -v tshark >/dev/null; then
+  tshark -G plugins 2>/dev/null | grep -q 'ferrolt\.lua' || fail "tshark does not load ferrolt.lua"
+fi
 completions=$(bash -c 'source /usr/share/bash-completion/completions/ferrolt
   COMP_WORDS=(ferrolt up); COMP_CWORD=1; _ferrolt; echo "${COMPREPLY[*]}"')
 [ "$completions" = "upgrade upload" ] || fail "bash completes 'ferrolt up' to '$completions'"
