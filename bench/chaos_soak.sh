@@ -76,13 +76,15 @@ for program in "$tool" "$devsim"; do
 done
 
 # xorshift32, in shell arithmetic so that a seed means the same everywhere.
-# draw N leaves a number from 0 to N-1 in $drawn.
+# draw N leaves a number from 0 to N-1 in $drawn. The first draws after
+# seeding are dropped: with a small seed they are small too.
+readonly kWarmUpDraws=8
 random_state=1
 seed_random() {
   random_state=$(($1 & 0xFFFFFFFF))
   [ "$random_state" -ne 0 ] || random_state=0x9E3779B9
-  local warm
-  for warm in 1 2 3 4 5 6 7 8; do draw 2; done
+  local i
+  for ((i = 0; i < kWarmUpDraws; ++i)); do draw 2; done
 }
 draw() {
   local x=$random_state
@@ -227,8 +229,11 @@ run_one() {
   socket="$sockets/$index.sock"
   rm -rf "$dir" && mkdir -p "$dir/root/tmp"
   plan_run "$run_seed"
-  status=0 hung=0 verdict=""
-  local started=$(date +%s%3N)
+  status=0 hung=0 verdict="" device_pid=""
+  local started
+  started=$(date +%s%3N)
+  # Stopped from outside, the run takes its device with it.
+  trap 'kill "$device_pid" 2>/dev/null; exit 1' INT TERM
   if start_device; then
     run_operation
     judge
@@ -270,6 +275,7 @@ mkdir -p "$out"
 # Unix socket paths are short: the sockets live apart from the records.
 sockets=$(mktemp -d /tmp/ferrolt-soak-sockets.XXXXXX)
 trap 'rm -rf "$sockets"' EXIT
+trap 'kill $(jobs -p) 2>/dev/null; wait; exit 1' INT TERM
 
 if [ -n "$replay" ]; then
   seed="replay of $replay" jobs=1
