@@ -111,20 +111,31 @@ pick_operation() {
 }
 
 # A random set of the devsim faults that meet the soak's operations: late
-# replies, stalled writes, refused packets. At least one when any.
+# replies, stalled writes, refused packets. At least one when any. Each is
+# taken by its chance (percent); the values are drawn within the bounds.
+readonly kJitterChance=50 kDelayChance=15 kStallChance=30 kRefusalChance=40 kNackChance=25
+# Replies up to 20 ms late, as from a device busy elsewhere: the earliest
+# 0-5 ms, the latest at least 5 ms after it.
+readonly kLatestReplyMs=20 kMostEarliestReplyMs=5 kLeastJitterMs=5 kMostDelayMs=10
+readonly kStallPercents=(0.1 0.2 0.5 1)
+readonly kMostRefusalPercent=10 kMostNackPercent=5
 pick_faults() {
   faults=()
   chance "$kFaultlessPercent" && return
   while [ ${#faults[@]} -eq 0 ]; do
-    if chance 50; then between 0 5; local low=$drawn; between $((low + 5)) 20; faults+=("jitter-replies=$low-$drawn"); fi
-    if chance 15; then between 1 10; faults+=("delay-replies=$drawn"); fi
-    if chance 30; then
-      local percents=(0.1 0.2 0.5 1)
-      draw ${#percents[@]}
-      faults+=("stall-writes-random=${percents[$drawn]}")
+    if chance "$kJitterChance"; then
+      between 0 "$kMostEarliestReplyMs"
+      local low=$drawn
+      between $((low + kLeastJitterMs)) "$kLatestReplyMs"
+      faults+=("jitter-replies=$low-$drawn")
     fi
-    if chance 40; then between 1 10; faults+=("upload-nack-random=$drawn"); fi
-    if chance 25; then between 1 5; faults+=("nack-random=$drawn"); fi
+    if chance "$kDelayChance"; then between 1 "$kMostDelayMs"; faults+=("delay-replies=$drawn"); fi
+    if chance "$kStallChance"; then
+      draw ${#kStallPercents[@]}
+      faults+=("stall-writes-random=${kStallPercents[$drawn]}")
+    fi
+    if chance "$kRefusalChance"; then between 1 "$kMostRefusalPercent"; faults+=("upload-nack-random=$drawn"); fi
+    if chance "$kNackChance"; then between 1 "$kMostNackPercent"; faults+=("nack-random=$drawn"); fi
   done
 }
 
