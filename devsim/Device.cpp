@@ -147,10 +147,11 @@ void Device::OnOutBlock(const Block& block) {
   }
   if (!taken) Note("unhandled block " + HexOf(block.data(), block.size()));
   ScheduleCompletion();
-  // The block that starts the pause was taken before it: only later ones wait.
+  // The block that starts a pause was taken before it: only later ones wait.
   if (++outBlocksTaken_ == pauseAfter_) {
-    pauseEnds_ = Clock::now() + pauseFor_;
-    Note("fault: taking no OUT block for " + std::to_string(pauseFor_.count()) + " ms");
+    Pause(pauseFor_);
+  } else if (const auto spell = linkFaults_.NextBusySpell()) {
+    Pause(*spell);
   }
 }
 
@@ -162,6 +163,11 @@ void Device::Trace(uint8_t endpoint, const Block& block) {
   const bool in = (endpoint & capture::kDirectionIn) != 0;
   const uint64_t id = trace_->Submit(endpoint, in ? nullptr : block.data(), kTracedBlockBytes);
   trace_->Complete(id, endpoint, capture::TransferEnd::Done, in ? block.data() : nullptr, kTracedBlockBytes);
+}
+
+void Device::Pause(std::chrono::milliseconds length) {
+  pauseEnds_ = std::max(PauseEnd(), Clock::now() + length);
+  Note("fault: taking no OUT block for " + std::to_string(length.count()) + " ms");
 }
 
 void Device::Record(const Block& block) {
@@ -245,7 +251,16 @@ std::optional<std::chrono::milliseconds> Device::TimeUntilNeeded(bool inBlocksWa
   return wait;
 }
 
-void Device::Send(const Block& block) { inQueue_.push_back({Clock::now() + linkFaults_.ReplyDelay(), block}); }
+void Device::Send(const Block& block) {
+  const auto delay = linkFaults_.NextReplyDelay();
+  if (linkFaults_.RepliesJitter()) Note("fault: IN block held back " + std::to_string(delay.count()) + " ms");
+  inQueue_.push_back({Clock::now() + delay, block});
+}
+
+bool Device::FaultStrikes(const std::string& name) {
+  if (!settings_.faults.Has(name)) return false;
+  return serviceDice_.try_emplace(name, settings_.faults, name).first->second.Strikes();
+}
 
 fs::path Device::DevicePathToLocal(const std::string& devicePath) const {
   if (!fs::path(devicePath).is_absolute()) return {};

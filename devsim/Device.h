@@ -9,12 +9,14 @@
 #include <deque>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "capture/UsbCapture.h"
+#include "devsim/FaultDice.h"
 #include "devsim/LinkFaults.h"
 #include "devsim/Service.h"
 
@@ -86,6 +88,7 @@ class Device final : public DeviceContext {
   std::string Version() const override;
   void SetVersion(const std::string& version) override;
   const FaultPlan& Faults() const override { return settings_.faults; }
+  bool FaultStrikes(const std::string& name) override;
   void Note(const std::string& line) override;
 
  private:
@@ -101,12 +104,17 @@ class Device final : public DeviceContext {
   // One transfer of one block in the capture, OUT or IN.
   void Trace(uint8_t endpoint, const Block& block);
   void ScheduleCompletion();
+  // Takes no OUT block for this long from now (a pause already running may
+  // end later).
+  void Pause(std::chrono::milliseconds length);
   // When the pause fault stops refusing OUT blocks; long past when none holds.
   Clock::time_point PauseEnd() const;
 
   DeviceSettings settings_;
   std::vector<std::unique_ptr<Service>> services_;
   LinkFaults linkFaults_;
+  // The services' random faults, each with its own draws.
+  std::map<std::string, FaultDice> serviceDice_;
   std::ofstream record_;
   std::ofstream events_;
   std::unique_ptr<capture::UsbCapture> trace_;
@@ -115,8 +123,8 @@ class Device final : public DeviceContext {
   // Set once a write is withheld: later completions stay behind it.
   bool completionsStalled_ = false;
   bool dropRequested_ = false;
-  // The pause fault: after pauseAfter_ OUT blocks in the device's life, it
-  // takes none until pauseEnds_.
+  // The pause faults: after pauseAfter_ OUT blocks in the device's life, or
+  // after a block that starts a random stall, it takes none until pauseEnds_.
   const long long pauseAfter_;
   const std::chrono::milliseconds pauseFor_;
   long long outBlocksTaken_ = 0;

@@ -4,6 +4,8 @@
 #include <chrono>
 #include <cstddef>
 
+#include "devsim/Service.h"
+
 namespace ferrolt::devsim::limits {
 
 using std::chrono::milliseconds;
@@ -18,6 +20,12 @@ inline constexpr size_t kMaxQueuedStreamBlocks = 8;
 inline constexpr seconds kDefaultCliTimeout{10};
 // How long the pause fault refuses OUT blocks unless pause-writes-for says.
 inline constexpr milliseconds kDefaultWritePause{2000};
+// How long a random stall (stall-writes-random) lasts unless stall-writes-for
+// says: a device busy writing its flash, in milliseconds, from the shortest
+// to the longest; most outlast the host's 500 ms write wait.
+inline constexpr NumberRange kDefaultRandomStall{200, 1500};
+// The longest wait a fault's range may name, in milliseconds.
+inline constexpr long long kMaxFaultWait = 3600 * 1000;
 // A host link is dropped when nothing has moved on it for this long (no
 // block from the host, none to it, no command running), or when it has not
 // taken what the device sent for this long, unless --idle-limit says

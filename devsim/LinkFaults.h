@@ -5,7 +5,9 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 
+#include "devsim/FaultDice.h"
 #include "devsim/Service.h"
 
 namespace ferrolt::devsim {
@@ -24,8 +26,13 @@ class LinkFaults {
   void Reset() { outBlocks_ = 0; }
   // The fate of the next OUT block on the current link.
   WriteFate NextOutBlock();
-  // How long each IN block is held back before the host may take it.
-  std::chrono::milliseconds ReplyDelay() const { return replyDelay_; }
+  // How long the next IN block is held back before the host may take it:
+  // the fixed delay, and a random part of its own when replies jitter.
+  std::chrono::milliseconds NextReplyDelay();
+  bool RepliesJitter() const { return jitter_.high > 0; }
+  // After an OUT block, by the random stall's chance: how long the device,
+  // busy, takes no further OUT block.
+  std::optional<std::chrono::milliseconds> NextBusySpell();
 
  private:
   bool stallAll_;
@@ -33,6 +40,10 @@ class LinkFaults {
   long long dropAfter_;   // negative: never
   std::chrono::milliseconds writeDelay_;
   std::chrono::milliseconds replyDelay_;
+  NumberRange jitter_;
+  FaultDice jitterDice_;
+  NumberRange busyFor_;
+  FaultDice busyDice_;
   long long outBlocks_ = 0;
 };
 

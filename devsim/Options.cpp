@@ -26,6 +26,7 @@ constexpr FaultHelp kFaultHelp[] = {
     {"delay-writes=MS", "report each write completed MS milliseconds late"},
     {"drop-after=N", "close the host link after its N-th OUT block, before completing it"},
     {"delay-replies=MS", "hold each IN block back MS milliseconds"},
+    {"jitter-replies=MIN-MAX", "hold each IN block back a random MIN to MAX milliseconds more"},
     // The USB fronts: numbers count OUT transfers over the device's life.
     {"stall-out=N", "USB: answer OUT transfer N with a STALL (until the host clears it)"},
     {"unplug-at-out=N", "USB: unplug the device as it is offered OUT transfer N"},
@@ -34,6 +35,8 @@ constexpr FaultHelp kFaultHelp[] = {
     // The device: numbers count OUT blocks over its whole life.
     {"pause-writes-after=N", "after N OUT blocks, take none for a while (NAK them), once"},
     {"pause-writes-for=MS", "how long that pause lasts (default 2000)"},
+    {"stall-writes-random=PERCENT", "after each OUT block, by this chance, take none for a while (NAK them): busy with flash"},
+    {"stall-writes-for=MIN-MAX", "how long such a stall lasts: a random MIN to MAX ms (default 200-1500)"},
     // Version.
     {"corrupt-version-crc", "reply to the version request with a wrong CRC"},
     {"version-reply-type=T", "reply to the version request with packet type T"},
@@ -44,12 +47,14 @@ constexpr FaultHelp kFaultHelp[] = {
     // The file services (upgrade, upload, download, log download).
     {"nack=LIST", "upgrade: NACK these packet numbers once each"},
     {"nack-always=N", "upgrade: NACK packet N every time it arrives"},
+    {"nack-random=PERCENT", "upgrade: NACK each packet that arrives in sequence by this chance"},
     {"corrupt=LIST", "upgrade: treat these packets as arriving corrupted, once"},
     {"nack-beyond=K", "upgrade: after packet K, NACK a number beyond the last packet"},
     {"double-nack=K", "upgrade: at packet K, send two NACKs (for K-3, then K-2)"},
     {"corrupt-status-crc", "upgrade: send the end status with a wrong CRC, then a good one"},
     {"no-end-text", "upgrade: never answer Ending Upgrade"},
     {"upload-nack=LIST", "upload: refuse these packets once each"},
+    {"upload-nack-random=PERCENT", "upload: refuse each data packet by this chance"},
     {"corrupt-reply-crc=LIST", "download, logs: give these reply packets a wrong CRC"},
     {"bad-sequence=K", "logs: send data packet K once with a number above the total"},
     {"bad-start-numbers", "download, logs: a start reply with unreadable numbers"},
@@ -105,8 +110,10 @@ constexpr const char* kUsageHead =
     "  --state N             0 ready, 3 no driver bound, 4 no bulk endpoints (default 0)\n"
     "Faults:\n"
     "  --fault NAME[=VALUE]  inject a fault (repeatable; LIST is comma-separated\n"
-    "                        numbers)\n"
-    "  --seed N              seed of every random choice a fault makes (default 1)\n"
+    "                        numbers, PERCENT 0 to 100 with up to two decimals,\n"
+    "                        MIN-MAX two numbers, the first not above the second)\n"
+    "  --seed N              seed of every random choice a fault makes (default 1):\n"
+    "                        the same seed and faults replay the same choices\n"
     "  -h, --help            this text\n"
     "Every option with a value also takes the form --name=value.\n"
     "\n"
@@ -135,12 +142,17 @@ bool ParseUsbredir(const std::string& text, Options& options) {
 }
 
 // A fault's value, as its help name shows it: none, one number ("=N",
-// "=MS", ...), or a comma-separated list of numbers ("=LIST").
+// "=MS", ...), a comma-separated list of numbers ("=LIST"), a chance
+// ("=PERCENT") or a range of milliseconds ("=MIN-MAX").
 bool FaultValueReadable(const std::string& helpName, const std::string& value) {
   const size_t equals = helpName.find('=');
   if (equals == std::string::npos) return value.empty();
+  const std::string kind = helpName.substr(equals + 1);
   long long number = 0;
-  if (helpName.substr(equals + 1) != "LIST") return ParseNumber(value, number);
+  long long high = 0;
+  if (kind == "PERCENT") return ParsePercent(value, number);
+  if (kind == "MIN-MAX") return ParseRange(value, number, high) && high <= limits::kMaxFaultWait;
+  if (kind != "LIST") return ParseNumber(value, number);
   size_t from = 0;
   for (size_t comma; (comma = value.find(',', from)) != std::string::npos; from = comma + 1) {
     if (!ParseNumber(value.substr(from, comma - from), number)) return false;
@@ -299,7 +311,7 @@ std::string UsageText() {
   std::string text(static_cast<size_t>(length) + 1, '\0');
   std::snprintf(text.data(), text.size(), kUsageHead, idleLimit, defaults.vendorId, defaults.productId);
   text.pop_back();
-  constexpr size_t kNameColumn = 26;
+  constexpr size_t kNameColumn = 30;
   for (const FaultHelp& fault : kFaultHelp) {
     std::string name = std::string("  ") + fault.name;
     name.resize(std::max(kNameColumn, name.size() + 1), ' ');

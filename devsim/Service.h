@@ -19,6 +19,17 @@ using Block = std::array<uint8_t, 64>;
 // Decimal, or hexadecimal with a 0x prefix; false when text is not wholly a
 // number. Every number the device reads from its user goes through here.
 bool ParseNumber(const std::string& text, long long& value);
+// "0" to "100", with at most two decimals ("0.25"), as hundredths of a
+// percent: the chance a random fault takes.
+bool ParsePercent(const std::string& text, long long& hundredths);
+// "MIN-MAX": two numbers, neither negative, the first not above the second.
+bool ParseRange(const std::string& text, long long& low, long long& high);
+
+// A random fault's range, in the units the fault reads it in.
+struct NumberRange {
+  long long low = 0;
+  long long high = 0;
+};
 
 // Fault injection: every "--fault NAME[=VALUE]" option of the command line.
 // Each service reads the names it knows; numbers are comma-separated lists.
@@ -31,6 +42,10 @@ class FaultPlan {
   long long Number(const std::string& name, long long fallback) const;
   // "3,7,9" → {3, 7, 9}; empty when absent.
   std::vector<long long> Numbers(const std::string& name) const;
+  // "200-1500" → {200, 1500}; fallback when absent or unreadable.
+  NumberRange Range(const std::string& name, NumberRange fallback) const;
+  // A percentage fault's chance in hundredths of a percent; 0 when absent.
+  long long Chance(const std::string& name) const;
   // The fixed seed of every random choice a fault makes.
   unsigned Seed() const { return seed_; }
   void SetSeed(unsigned seed) { seed_ = seed; }
@@ -58,6 +73,9 @@ class DeviceContext {
   virtual std::string Version() const = 0;
   virtual void SetVersion(const std::string& version) = 0;
   virtual const FaultPlan& Faults() const = 0;
+  // True, by the chance the percentage fault name gives, each time asked;
+  // never when the plan lacks it.
+  virtual bool FaultStrikes(const std::string& name) = 0;
   // A line for the device's event log (what a test or a firmware engineer
   // reads to see what the device did).
   virtual void Note(const std::string& line) = 0;

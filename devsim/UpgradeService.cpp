@@ -11,6 +11,8 @@
 //   double-nack=K       at packet K, two NACKs at once: K-3, then K-2
 //   corrupt-status-crc  send the end status with a wrong CRC, then a good one
 //   no-end-text         never answer "Ending Upgrade"
+//   nack-random=PERCENT NACK packets that arrive in sequence by this chance,
+//                       drawn at every arrival
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
@@ -157,7 +159,9 @@ class UpgradeService final : public Service {
       if (!awaitingResend_) Refuse(expected_, kSequenceError, device);
       return;
     }
-    if (faults_.RefuseOnArrival(number)) return Refuse(number, kSequenceError, device);
+    if (faults_.RefuseOnArrival(number) || device.FaultStrikes("nack-random")) {
+      return Refuse(number, kSequenceError, device);
+    }
     Store(packet, device);
     AfterStored(number, device);
   }

@@ -81,8 +81,9 @@ class UploadService final : public Service {
       device.Note("upload packet " + std::to_string(number) + " without an upload");
       return true;
     }
-    const bool faulted = device.Faults().Has("upload-nack") && Listed(device.Faults(), number) &&
-                         nacked_.insert(number).second;
+    const bool faulted =
+        (device.Faults().Has("upload-nack") && Listed(device.Faults(), number) && nacked_.insert(number).second) ||
+        device.FaultStrikes("upload-nack-random");
     const bool announced = number < static_cast<uint32_t>(count_);
     if (faulted || !announced || !CrcMatches(block) || LengthOf(block) > kPayloadSize) {
       device.Note("upload packet " + std::to_string(number) + " refused" + (announced ? "" : ": past the count"));

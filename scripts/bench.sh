@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the default preset and runs every benchmark program in turn, each
-# printing its own figures, then the real-kernel benchmark where QEMU and a
-# kernel can be had.
+# printing its own figures, then the chaos soak (1000 runs, about 20 minutes)
+# and the real-kernel benchmark where QEMU and a kernel can be had.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -14,6 +14,8 @@ for bench in build/default/bench/bench_*; do
   echo "== $(basename "$bench")"
   "$bench" || { echo "$(basename "$bench") failed"; status=1; }
 done
+echo "== chaos_soak"
+bash bench/chaos_soak.sh || { echo "chaos_soak found damaged, hung or falsely alarmed runs"; status=1; }
 echo "== kernel_throughput"
 kernel=0
 bash bench/kernel_throughput.sh || kernel=$?

@@ -24,6 +24,7 @@ struct HarnessOptions {
   std::chrono::seconds cliTimeout{10};
   std::string initialVersion = "1.0.0";
   bool hostShell = false;
+  unsigned seed = 1;
 };
 
 class DeviceHarness {
@@ -37,6 +38,7 @@ class DeviceHarness {
     settings.initialVersion = options.initialVersion;
     settings.hostShell = options.hostShell;
     for (const auto& [name, value] : options.faults) settings.faults.Add(name, value);
+    settings.faults.SetSeed(options.seed);
     std::string error;
     device_ = Device::Create(settings, error);
   }

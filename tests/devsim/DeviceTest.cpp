@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <fstream>
+#include <sstream>
 
 #include "tests/devsim/DeviceHarness.h"
 
@@ -145,6 +147,45 @@ TEST(DeviceLinkFaults, DelayedWritesAndRepliesFallDueLater) {
   std::this_thread::sleep_until(*device.NextDue() + 20ms);
   EXPECT_EQ(device.TakeDueCompletions(), 1u);
   EXPECT_TRUE(device.PopInBlock().has_value());
+}
+
+// Given random faults, the device draws each choice from the seed: the same
+// seed makes the same choices, within the ranges given, and a stall refuses
+// OUT blocks until it ends.
+TEST(DeviceLinkFaults, RandomFaultsReplayTheirSeed) {
+  const auto upload = [](unsigned seed) {
+    DeviceHarness harness({.faults = {{"jitter-replies", "1-20"},
+                                      {"upload-nack-random", "20"},
+                                      {"stall-writes-random", "10"},
+                                      {"stall-writes-for", "200-1500"}},
+                           .seed = seed});
+    harness.Dev().OnOutBlock(RawBlock("Starting upload 5700 100 f"));
+    const uint8_t payload[kPayloadSize] = {};
+    for (uint32_t number = 0; number < 100; ++number) {
+      harness.Dev().OnOutBlock(MakePacket(kTypeUpload, number, payload, sizeof payload));
+      const std::string events = harness.Events();
+      const std::string lastLine = events.substr(events.rfind('\n', events.size() - 2) + 1);
+      if (lastLine.find("taking no OUT block") != std::string::npos) EXPECT_FALSE(harness.Dev().TakesOutBlocks());
+    }
+    return harness.Events();
+  };
+  const std::string events = upload(5);
+  EXPECT_EQ(events, upload(5));
+  EXPECT_NE(events, upload(6));
+  const std::pair<const char*, NumberRange> draws[] = {{"fault: IN block held back %lld ms", {1, 20}},
+                                                       {"fault: taking no OUT block for %lld ms", {200, 1500}}};
+  for (const auto& [format, range] : draws) {
+    int seen = 0;
+    std::istringstream lines(events);
+    for (std::string line; std::getline(lines, line);) {
+      long long value = -1;
+      if (std::sscanf(line.c_str(), format, &value) != 1) continue;
+      ++seen;
+      EXPECT_TRUE(value >= range.low && value <= range.high) << line;
+    }
+    EXPECT_GT(seen, 2) << format;
+  }
+  EXPECT_NE(events.find("upload packet"), std::string::npos) << "no refusal in 100 packets";
 }
 
 }  // namespace
