@@ -158,6 +158,7 @@ int DeviceAdmin::Launch(ILogMessageCallBack* log, BeforeWorker before, std::func
     // A reader left from an earlier upgrade must not hand its state over.
     Reader.NackedPacketNumber.exchange(kNoNack);
     Reader.ReaderDone.exchange(false);
+    Reader.ReportedFailure.exchange(false);
     ReaderFuture = Task::Start([this, log] { ReadResponses(Link, Reader, TearingDown, LogOrSilent(log)); });
   }
   OperationFuture = Task::Start(std::move(worker));

@@ -44,6 +44,9 @@ inline constexpr int kMaxWriteRetries = 20;
 inline constexpr milliseconds kLateReplyGrace{50};
 // Refusals of one upload data packet before the upload gives up.
 inline constexpr int kMaxUploadRefusals = 20;
+// After the last upgrade packet's write has completed, how long a refusal
+// of an earlier packet is waited for before the end packet goes out.
+inline constexpr milliseconds kLateNackGrace{100};
 // The upgrade's wait for the device's closing status text.
 inline constexpr milliseconds kUpgradeEndReportWait{60000};
 // How often that wait looks at the reader and at a cancel.

@@ -36,11 +36,13 @@ void PrintNack(const uint8_t* block, ConsoleSink& console) {
 }
 
 // A status text during an upgrade; true when it reports the end.
-bool HandleStatusText(const uint8_t* block, ConsoleSink& console, ILogMessageCallBack& log) {
+bool HandleStatusText(const uint8_t* block, ReaderState& state, ConsoleSink& console, ILogMessageCallBack& log) {
   if (!VerifyPacketCrc(block, console)) return false;
   const std::string text = PayloadText(block);
   log.LogMessageCallBack("%s", text.c_str());
-  return text.find(kEndMarker) != std::string::npos || text.find(kFailureMarker) != std::string::npos;
+  const bool failed = text.find(kFailureMarker) != std::string::npos;
+  if (failed) state.ReportedFailure.store(true);
+  return failed || text.find(kEndMarker) != std::string::npos;
 }
 
 // True when the block ends the reader.
@@ -52,7 +54,7 @@ bool HandleBlock(const uint8_t* block, ReaderState& state, ConsoleSink& console,
       PrintNack(block, console);
       return false;
     case PacketType::Upgrade:
-      return HandleStatusText(block, console, log);
+      return HandleStatusText(block, state, console, log);
     default:
       return false;
   }

@@ -16,6 +16,8 @@ inline constexpr uint32_t kNoNack = 0xFFFFFFFF;
 struct ReaderState {
   std::atomic<uint32_t> NackedPacketNumber{kNoNack};
   std::atomic<bool> ReaderDone{false};
+  // The end report said the upgrade failed.
+  std::atomic<bool> ReportedFailure{false};
 };
 
 // Runs until a status text containing "ending" or "Failed" arrives (setting

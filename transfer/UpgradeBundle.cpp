@@ -123,7 +123,7 @@ class PacketStream {
       std::lock_guard<std::mutex> step(op_.linkMutex);
       const bool resend = TakeNack(file);
       if (next_ >= end) {
-        if (window_.Empty()) return StreamEnd::Sent;
+        if (window_.Empty() && !LateNackRewinds(file)) return StreamEnd::Sent;
         continue;
       }
       uint8_t piece[kPayloadSize];
@@ -186,6 +186,19 @@ class PacketStream {
     // Only clear the number we acted on: a NACK stored since then must survive.
     op_.reader.NackedPacketNumber.compare_exchange_strong(stored, kNoNack);
     return !stale;
+  }
+
+  // A completed write is not a packet the device has looked at: with many
+  // in flight, its refusal of an early one can come after the last write
+  // has completed. It is given limits::kLateNackGrace to come before the
+  // end packet; true when one came and the stream went back.
+  bool LateNackRewinds(BundleFile& file) {
+    const auto deadline = std::chrono::steady_clock::now() + limits::kLateNackGrace;
+    while (op_.Running() && std::chrono::steady_clock::now() < deadline) {
+      if (TakeNack(file)) return true;
+      std::this_thread::sleep_for(limits::kUpgradeEndReportPoll);
+    }
+    return false;
   }
 
   // The writes in flight end first, quietly but for the progress of those
@@ -304,7 +317,12 @@ void FinishUpgrade(const OperationContext& op, BundleFile& file, int32_t size, i
     op.console.Print("Upgrading is aborted.\n");
     return;
   }
-  op.outcome.MarkDone();
+  // The console says the same as after a good end; the note and the
+  // outcome tell a script that the device did not take the bundle.
+  if (op.reader.ReportedFailure.load())
+    op.console.Note("the device reported that the upgrade failed; it did not take the bundle.");
+  else
+    op.outcome.MarkDone();
   op.link.CloseDevice();
   LogText(op.log, "Please wait until reboot of device is done.");
   op.running.store(false);
