@@ -18,18 +18,11 @@ constexpr uint8_t kUploadType = static_cast<uint8_t>(PacketType::Upload);
 // Byte 6 of a type-4 reply that refuses the last upload packet.
 constexpr uint8_t kNackMark = 1;
 
-Block Numbered(uint8_t type, uint32_t number, uint8_t length, const std::string& payload) {
-  Block block = MakeDevicePacket(type, length, payload);
-  std::memcpy(block.data() + kNumberOffset, &number, sizeof number);
-  block[kCrcOffset] = ComputeCrc8(block.data(), kCrcOffset);
-  return block;
-}
-
 Block StartReply(int size, int total) {
-  return Numbered(kDownloadType, 0, 57, "starting download " + std::to_string(size) + " " + std::to_string(total));
+  return MakeDevicePacket(kDownloadType, 57, "starting download " + std::to_string(size) + " " + std::to_string(total));
 }
-Block EndReply() { return Numbered(kDownloadType, 0, 57, "ending download"); }
-Block Data(uint32_t number) { return Numbered(kDownloadType, number, 57, std::string(57, 'a' + number % 26)); }
+Block EndReply() { return MakeDevicePacket(kDownloadType, 57, "ending download"); }
+Block Data(uint32_t number) { return MakeDevicePacket(kDownloadType, 57, std::string(57, 'a' + number % 26), number); }
 
 class HostileDevice : public RawDeviceFixture {
  protected:
@@ -115,7 +108,7 @@ TEST_F(HostileDevice, DataPastTheAnnouncedSizeStopsTheDownload) {
 // Given a device that streams blocks the download cannot use, the silence
 // bound still ends it: only usable blocks reset it.
 TEST_F(HostileDevice, JunkForeverTripsTheSilenceBound) {
-  const Block junk = Numbered(kCliType, 0, 57, "junk");
+  const Block junk = MakeDevicePacket(kCliType, 57, "junk");
   device.OnReadWhenEmpty([&] { device.Send(junk); });
   const auto start = std::chrono::steady_clock::now();
   ASSERT_EQ(admin.DownloadFileAsync("/tmp/f", saved.string(), &progress, &log), 0);
@@ -129,7 +122,7 @@ TEST_F(HostileDevice, JunkForeverTripsTheSilenceBound) {
 // after the bound, without the end command.
 TEST_F(HostileDevice, AnUploadRefusedForeverGivesUp) {
   device.OnWrite([&](const DeviceBlock& block) {
-    if (block[0] == kUploadType) device.Send(Numbered(kCliType, 0, 57, std::string(1, kNackMark)));
+    if (block[0] == kUploadType) device.Send(MakeDevicePacket(kCliType, 57, std::string(1, kNackMark)));
     return true;
   });
   WriteFile(dir / "up.bin", "payload");
@@ -148,7 +141,7 @@ TEST_F(HostileDevice, AnUploadRefusedForeverGivesUp) {
 TEST_F(HostileDevice, AnswersRunningLateAreSaid) {
   for (bool late : {false, true}) {
     device.OnWrite([&, late](const DeviceBlock& block) {
-      if (late && block[0] == kUploadType && block[kNumberOffset] != 3) device.Send(Numbered(kCliType, 0, 57, "ok"));
+      if (late && block[0] == kUploadType && block[kNumberOffset] != 3) device.Send(MakeDevicePacket(kCliType, 57, "ok"));
       return true;
     });
     WriteFile(dir / "up.bin", RandomBytes(10 * 57, 4));
