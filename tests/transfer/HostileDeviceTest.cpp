@@ -141,7 +141,8 @@ TEST_F(HostileDevice, AnUploadRefusedForeverGivesUp) {
 TEST_F(HostileDevice, AnswersRunningLateAreSaid) {
   for (bool late : {false, true}) {
     device.OnWrite([&, late](const DeviceBlock& block) {
-      if (late && block[0] == kUploadType && block[kNumberOffset] != 3) device.Send(MakeDevicePacket(kCliType, 57, "ok"));
+      if (late && block[0] == kUploadType && block[kNumberOffset] != 3)
+        device.Send(MakeDevicePacket(kCliType, 57, "ok"));
       return true;
     });
     WriteFile(dir / "up.bin", RandomBytes(10 * 57, 4));

@@ -65,8 +65,7 @@ class UpgradeWorker : public RawDeviceFixture {
   }
 
   bool EndReportOn(const Block& block) {
-    if (IsEndPacket(block))
-      device.Send(MakeDevicePacket(kUpgrade, 57, "Upgrade complete, ending update"));
+    if (IsEndPacket(block)) device.Send(MakeDevicePacket(kUpgrade, 57, "Upgrade complete, ending update"));
     return true;
   }
 
