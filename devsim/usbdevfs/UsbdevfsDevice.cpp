@@ -133,6 +133,30 @@ int UsbdevfsDevice::ClearedHaltsWithUrbsQueued() const {
   return clearedHaltsWithUrbsQueued_;
 }
 
+void UsbdevfsDevice::HoldOut(bool held) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    outHeld_ = held;
+    Settle();
+  }
+  changed_.notify_all();
+}
+
+void UsbdevfsDevice::HaltOut() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  outHalted_ = true;
+  Settle();
+}
+
+void UsbdevfsDevice::SendIn(const Block& block) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    device_.Send(block);
+    Settle();
+  }
+  changed_.notify_all();
+}
+
 // Every ioctl is answered here: the device handles the node entirely.
 int UsbdevfsDevice::OnIoctl(UMockdevIoctlBase* /*handler*/, UMockdevIoctlClient* client, void* self) {
   auto* device = static_cast<UsbdevfsDevice*>(self);
@@ -261,20 +285,24 @@ void UsbdevfsDevice::Discard(UMockdevIoctlClient* client, UMockdevIoctlData* arg
   // A URB that has completed is no longer pending: the kernel answers EINVAL
   // and the URB stays reapable with its data (devio.c, proc_unlinkurb).
   auto matches = [&](const Urb& urb) { return urb.client == client && urb.urb->client_addr == address; };
+  // A pending URB is unlinked with usb_unlink_urb, which is asynchronous: the
+  // URB ends with -ECONNRESET (-ENOENT is usb_kill_urb's, the synchronous
+  // one; Documentation/driver-api/usb/error-codes.rst, and the kernel-doc of
+  // usb_unlink_urb in drivers/usb/core/urb.c).
   for (UrbQueue* queue : {&outQueue_, &awaitingData_}) {
     const auto found = std::find_if(queue->begin(), queue->end(), matches);
     if (found == queue->end()) continue;
     // Withdrawn before the device took it: it never reaches the device.
     Urb urb = std::move(*found);
     queue->erase(found);
-    Finish(std::move(urb), -ENOENT, 0);
+    Finish(std::move(urb), -ECONNRESET, 0);
     return Answer(client, 0);
   }
   for (auto& slot : awaitingCompletion_) {
     if (!slot || !matches(*slot)) continue;
     Urb urb = std::move(*slot);
     slot.reset();
-    Finish(std::move(urb), -ENOENT, 0);
+    Finish(std::move(urb), -ECONNRESET, 0);
     return Answer(client, 0);
   }
   Answer(client, EINVAL);
@@ -358,7 +386,7 @@ void UsbdevfsDevice::AdvanceOut() {
       outQueueStopped_ = true;
       return;
     }
-    if (!device_.TakesOutBlocks()) return;
+    if (outHeld_ || !device_.TakesOutBlocks()) return;
     Urb urb = std::move(outQueue_.front());
     outQueue_.pop_front();
     ++outUrbs_;

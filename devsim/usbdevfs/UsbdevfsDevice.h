@@ -54,6 +54,14 @@ class UsbdevfsDevice {
   // queued blocks then reach the device before the block that stalled.
   int ClearedHaltsWithUrbsQueued() const;
 
+  // What a test that plays the device's part does at a moment of its choice:
+  // NAK every OUT block while held (the URBs stay queued), answer the next
+  // OUT block with a STALL (the endpoint halts until the host clears it),
+  // queue one IN block.
+  void HoldOut(bool held);
+  void HaltOut();
+  void SendIn(const Block& block);
+
  private:
   struct Urb;
   using UrbQueue = std::deque<Urb>;
@@ -111,6 +119,7 @@ class UsbdevfsDevice {
   // until the halt is cleared (xHCI restarts the ring only then), or until
   // the interface is released and its endpoints reset.
   bool outQueueStopped_ = false;
+  bool outHeld_ = false;
   int clearedHalts_ = 0;
   int clearedHaltsWithUrbsQueued_ = 0;
   bool zeroLengthOwed_ = false;

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/ClockSlack.h"
 #include "tests/support/EndToEnd.h"
 
 namespace ferrolt::test {
@@ -24,8 +25,8 @@ inline constexpr const char* kCanceledLine = "LogMessageCallBack:\tOperation has
 
 // The end wait lasts 3 s: a run that waits it out takes at least nearly all
 // of it, and a run that ends at once (even slowed by a sanitizer) ends sooner.
-inline constexpr milliseconds kEndWaitAtLeast{2800};
-inline constexpr milliseconds kAtOnce = kEndWaitAtLeast;
+inline constexpr milliseconds kEndWaitAtLeast = AtLeast(milliseconds{2800});
+inline constexpr milliseconds kAtOnce{2800};
 // Ctrl+C ends the run after a teardown of at most 1 s, and a margin.
 inline constexpr milliseconds kPromptExit{4000};
 inline constexpr milliseconds kRunLimit{20000};

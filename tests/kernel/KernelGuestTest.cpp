@@ -1,8 +1,10 @@
 // The built ferrolt, unmodified, in a small Linux guest under QEMU, talking
 // through the guest's real kernel (xhci_hcd, usbcore, usbfs) to
-// ferrolt-devsim's usbredir front: discovery, the operations end to end with
-// the console compared byte for byte and the files with the device's folder,
-// and the faults a real USB stack meets. One boot runs every check: between
+// ferrolt-devsim's usbredir front: what the kernel reads of the device, and
+// what a real USB stack does to transfers (a STALL, an unplug and replug,
+// URBs cancelled as their data arrives), the console compared byte for byte
+// and the files with the device's folder. The operations themselves are the
+// end-to-end suite's (tests/e2e, also over the emulated bus). One boot runs every check: between
 // phases the test starts ferrolt-devsim again, with other faults, on the
 // same socket, and the guest sees the device go and come back.
 #include <gtest/gtest.h>
@@ -45,18 +47,10 @@ std::vector<Phase> Phases() {
        "file speed /sys/bus/usb/devices/1-1/speed\n"
        "file interface /sys/bus/usb/devices/1-1:1.4/bInterfaceNumber\n"
        "check strings cat /sys/bus/usb/devices/1-1/manufacturer /sys/bus/usb/devices/1-1/product "
-       "/sys/bus/usb/devices/1-1/serial\n"
-       "check version ferrolt version\n"
-       "check startcli ferrolt startcli\n"
-       "check echo ferrolt cmd 'echo hello'\n"
-       "check stopcli ferrolt stopcli\n"
-       "check upgrade ferrolt upgrade /payload/bundle.bin\n"
-       "cp /payload/f58.bin . && check upload ferrolt upload f58.bin\n"
-       "check logs ferrolt logs logs.zip && file logs logs.zip\n"},
+       "/sys/bus/usb/devices/1-1/serial\n"},
       {{"stall-out=1"}, "check stall ferrolt progCap\n"},
       {{"unplug-at-out=" + std::to_string(kUnplugAtOut), "replug-after=200"},
        "cp /payload/file.bin . && check replug ferrolt upload file.bin\n"},
-      {{"unplug-at-out=" + std::to_string(kUnplugAtOut)}, "check unplug ferrolt upload file.bin\n"},
       {{"delay-replies=5"}, "check slow ferrolt download /tmp/slow.bin slow.bin && file slow slow.bin\n"},
   };
 }
@@ -114,8 +108,6 @@ class KernelGuestTest : public testing::Test {
   // run's files.
   void SetUp() override {
     fs::create_directories(payload_);
-    WriteFile(payload_ / "bundle.bin", bundle_);
-    WriteFile(payload_ / "f58.bin", f58_);
     WriteFile(payload_ / "file.bin", unplugFile_);
     WriteFile(payload_ / "run.sh", GuestScript(Phases()));
     ProcessOptions prepare;
@@ -159,17 +151,16 @@ class KernelGuestTest : public testing::Test {
   TempDir work_;
   fs::path payload_ = work_ / "payload";
   std::vector<std::unique_ptr<DevsimServer>> devices_;
-  const std::string bundle_ = RandomBytes(3000, 31);
-  const std::string f58_ = RandomBytes(58, 58);
   const std::string unplugFile_ = RandomBytes(kUnplugFileSize, 40);
   const std::string slowFile_ = RandomBytes(kSlowFileSize, 5);
 };
 
-// Given the guest's kernel between the tool and the device, every check
-// prints what it prints over the other transports, and files arrive whole.
+// Given the guest's kernel between the tool and the device, it reads the
+// device as it is, every check prints what it prints over the other
+// transports, and files arrive whole.
 TEST_F(KernelGuestTest, TheToolWorksThroughARealKernel) {
   const GuestReport report = RunGuest();
-  ASSERT_EQ(report.checks.size(), 12u) << report.console;
+  ASSERT_EQ(report.checks.size(), 4u) << report.console;
   for (const auto& [name, check] : report.checks) EXPECT_EQ(check.status, 0) << name << "\n" << check.err;
   auto out = [&](const std::string& name) { return report.checks.at(name).out; };
 
@@ -177,24 +168,9 @@ TEST_F(KernelGuestTest, TheToolWorksThroughARealKernel) {
   EXPECT_EQ(report.files.at("speed"), "480\n");
   EXPECT_EQ(report.files.at("interface"), "04\n");
   EXPECT_EQ(out("strings"), "ferrolt\nferrolt-devsim emulated device\nDEVSIM0001\n");
-  EXPECT_EQ(out("version"), VersionLines(kQuiet, kVersion));
-  EXPECT_EQ(out("startcli"), StartCliLines());
-  EXPECT_EQ(out("echo"), EchoHelloLines());
-  EXPECT_EQ(out("stopcli"), StopCliLines());
-  EXPECT_NE(out("upgrade").find(Log("Download of upgrade bundle to device has completed.")), std::string::npos);
-  EXPECT_TRUE(ReadFile(Root(0) / "upgrade" / "bundle.img") == bundle_) << "the upgrade differs";
-  EXPECT_EQ(out("upload"), UploadOf58Bytes(f58_));
-  EXPECT_TRUE(ReadFile(Root(0) / "tmp" / "f58.bin") == f58_) << "the upload differs";
-  // The archive holds the device's log files as they are.
-  WriteFile(work_ / "logs.zip", report.files.at("logs"));
-  for (const char* log : {"messages", "boot.log", "ort.log"}) {
-    ProcessOptions unzip;
-    unzip.args = {"-p", (work_ / "logs.zip").string(), log};
-    EXPECT_TRUE(RunProcess("/usr/bin/unzip", unzip).out == ReadFile(Root(0) / "var" / "log" / log)) << log;
-  }
 
-  // Faults: a STALL and the retry past it, an unplug with and without a
-  // replug, replies that cross the reads' time-outs.
+  // Faults: a STALL and the retry past it, an unplug and a replug, replies
+  // that cross the reads' time-outs.
   EXPECT_EQ(out("stall"), ProgCapThroughAStall());
   const std::string replug = out("replug");
   const size_t failed = replug.find(kWriteFailed);
@@ -202,11 +178,6 @@ TEST_F(KernelGuestTest, TheToolWorksThroughARealKernel) {
   EXPECT_NE(replug.find(kOpened, failed), std::string::npos) << replug;
   EXPECT_EQ(replug.substr(replug.size() - std::string(kUploadFinished).size()), kUploadFinished) << replug;
   EXPECT_TRUE(ReadFile(Root(2) / "tmp" / "file.bin") == unplugFile_) << "the upload across the replug differs";
-  const std::string unplug = out("unplug");
-  const std::string tail = UnpluggedForGoodTail();
-  ASSERT_GE(unplug.size(), tail.size());
-  EXPECT_EQ(unplug.substr(unplug.size() - tail.size()), tail) << unplug;
-  EXPECT_FALSE(fs::exists(Root(3) / "tmp" / "file.bin"));
   EXPECT_TRUE(report.files.at("slow") == slowFile_) << "the download differs";
 }
 

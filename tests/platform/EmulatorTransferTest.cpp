@@ -13,6 +13,7 @@
 #include "platform/emulator/EmulatorBackend.h"
 #include "tests/link/TransferContract.h"
 #include "tests/platform/ScriptedDevice.h"
+#include "tests/support/ClockSlack.h"
 
 namespace ferrolt::test {
 namespace {
@@ -104,7 +105,7 @@ TEST(EmulatorAbsentDeviceTest, ListsNothingWithinItsBound) {
     EXPECT_TRUE(listing.listed);
     EXPECT_TRUE(listing.paths.empty());
     EXPECT_EQ(listing.lastError, platform::kErrorNoMoreItems);
-    EXPECT_GE(elapsed, c.atLeast);
+    EXPECT_GE(elapsed, AtLeast(c.atLeast));
     EXPECT_LT(elapsed, c.below);
     EXPECT_EQ(backend->Open(kListedPath), nullptr);
   }

@@ -27,10 +27,11 @@
 
 namespace ferrolt::test {
 
-// A device packet with a correct CRC: type, length byte, payload bytes.
-inline Block MakeDevicePacket(uint8_t type, uint8_t length, const std::string& payload) {
+// A device packet with a correct CRC: type, length byte, payload bytes, number.
+inline Block MakeDevicePacket(uint8_t type, uint8_t length, const std::string& payload, uint32_t number = 0) {
   Block block{};
   block[kTypeOffset] = type;
+  for (size_t i = 0; i < 4; ++i) block[kNumberOffset + i] = static_cast<uint8_t>(number >> (8 * i));
   block[kLengthOffset] = length;
   std::memcpy(block.data() + kPayloadOffset, payload.data(), std::min(payload.size(), kPayloadSize));
   block[kCrcOffset] = ComputeCrc8(block.data(), kCrcOffset);

@@ -26,10 +26,6 @@ std::string VersionLines(const char* mode, const std::string& version) {
          "VersionInfoReadyCallBack:\tVersion - " + version + "\n" + Progress(100);
 }
 
-std::string StartCliLines() { return std::string(kOpened) + kSpi + Log("STARTING CLI MODE...\n"); }
-std::string EchoHelloLines() { return std::string(kOpened) + "\nhello\n"; }
-std::string StopCliLines() { return std::string(kOpened) + Log("Ending CLI Mode now."); }
-
 std::string UploadOf58Bytes(const std::string& bytes) {
   const auto* data = reinterpret_cast<const uint8_t*>(bytes.data());
   const devsim::Block first = devsim::MakePacket(devsim::kTypeUpload, 0, data, devsim::kPayloadSize);

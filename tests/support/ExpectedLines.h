@@ -21,10 +21,6 @@ std::string Progress(int percent);
 std::string Log(const std::string& text);
 // `version` against a device holding version, in the given mode line.
 std::string VersionLines(const char* mode, const std::string& version);
-// startcli, `cmd "echo hello"` and stopcli.
-std::string StartCliLines();
-std::string EchoHelloLines();
-std::string StopCliLines();
 // `upload f58.bin` of these 58 bytes (two packets).
 std::string UploadOf58Bytes(const std::string& bytes);
 // progCap whose first write meets a STALL: the halt is cleared and the

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "link/Limits.h"
+#include "tests/support/ClockSlack.h"
 #include "tests/support/DeviceAdminFixture.h"
 
 namespace ferrolt::test {
@@ -17,18 +18,11 @@ constexpr uint8_t kUploadType = static_cast<uint8_t>(PacketType::Upload);
 // Byte 6 of a type-4 reply that refuses the last upload packet.
 constexpr uint8_t kNackMark = 1;
 
-Block Numbered(uint8_t type, uint32_t number, uint8_t length, const std::string& payload) {
-  Block block = MakeDevicePacket(type, length, payload);
-  std::memcpy(block.data() + kNumberOffset, &number, sizeof number);
-  block[kCrcOffset] = ComputeCrc8(block.data(), kCrcOffset);
-  return block;
-}
-
 Block StartReply(int size, int total) {
-  return Numbered(kDownloadType, 0, 57, "starting download " + std::to_string(size) + " " + std::to_string(total));
+  return MakeDevicePacket(kDownloadType, 57, "starting download " + std::to_string(size) + " " + std::to_string(total));
 }
-Block EndReply() { return Numbered(kDownloadType, 0, 57, "ending download"); }
-Block Data(uint32_t number) { return Numbered(kDownloadType, number, 57, std::string(57, 'a' + number % 26)); }
+Block EndReply() { return MakeDevicePacket(kDownloadType, 57, "ending download"); }
+Block Data(uint32_t number) { return MakeDevicePacket(kDownloadType, 57, std::string(57, 'a' + number % 26), number); }
 
 class HostileDevice : public RawDeviceFixture {
  protected:
@@ -120,12 +114,12 @@ TEST_F(HostileDevice, DataPastTheAnnouncedSizeIsWrittenUntilTheEndReply) {
 // Given a device that streams blocks the download cannot use, the silence
 // bound still ends it: only usable blocks reset it.
 TEST_F(HostileDevice, JunkForeverTripsTheSilenceBound) {
-  const Block junk = Numbered(kCliType, 0, 57, "junk");
+  const Block junk = MakeDevicePacket(kCliType, 57, "junk");
   device.OnReadWhenEmpty([&] { device.Send(junk); });
   const auto start = std::chrono::steady_clock::now();
   ASSERT_EQ(admin.DownloadFileAsync("/tmp/f", saved.string(), &progress, &log), 0);
   EXPECT_TRUE(OperationEnds(admin, limits::kDeviceSilenceLimit * 3));
-  EXPECT_GE(std::chrono::steady_clock::now() - start, limits::kDeviceSilenceLimit);
+  EXPECT_GE(std::chrono::steady_clock::now() - start, AtLeast(limits::kDeviceSilenceLimit));
   EXPECT_EQ(log.CountStartingWith("Error: The device sent nothing usable for "), 1u);
   EXPECT_TRUE(fs::exists(mark));
 }
@@ -134,7 +128,7 @@ TEST_F(HostileDevice, JunkForeverTripsTheSilenceBound) {
 // after the bound, without the end command.
 TEST_F(HostileDevice, AnUploadRefusedForeverGivesUp) {
   device.OnWrite([&](const DeviceBlock& block) {
-    if (block[0] == kUploadType) device.Send(Numbered(kCliType, 0, 57, std::string(1, kNackMark)));
+    if (block[0] == kUploadType) device.Send(MakeDevicePacket(kCliType, 57, std::string(1, kNackMark)));
     return true;
   });
   WriteFile(dir / "up.bin", "payload");
@@ -170,9 +164,9 @@ TEST_P(UploadDoubts, AreSaidOnceAtTheEnd) {
     const bool third = block[kNumberOffset] == 3;
     if (third && answer == Answer3::AfterAFailedWrite && !failedOnce) return !(failedOnce = true);
     // The answer to packet 3 comes with packet 4's.
-    if (block[kNumberOffset] == 4 && answer == Answer3::InTheNextWait) device.Send(Numbered(kCliType, 3, 57, "ok"));
-    if (!third || answer != Answer3::InTheNextWait) device.Send(Numbered(kCliType, 0, 57, "ok"));
-    if (third && answer == Answer3::Twice) device.Send(Numbered(kCliType, 0, 57, "ok"));
+    if (block[kNumberOffset] == 4 && answer == Answer3::InTheNextWait) device.Send(MakeDevicePacket(kCliType, 57, "ok", 3));
+    if (!third || answer != Answer3::InTheNextWait) device.Send(MakeDevicePacket(kCliType, 57, "ok"));
+    if (third && answer == Answer3::Twice) device.Send(MakeDevicePacket(kCliType, 57, "ok"));
     return true;
   });
   WriteFile(dir / "up.bin", RandomBytes(10 * 57, 4));

@@ -26,12 +26,6 @@ struct UpgradeCase {
   size_t rewinds = kAnyCount;
 };
 
-size_t Count(const std::string& text, const std::string& part) {
-  size_t count = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
-  return count;
-}
-
 class UpgradeTable : public DevsimFixture, public testing::WithParamInterface<UpgradeCase> {};
 
 TEST_P(UpgradeTable, StoresTheBundle) {
@@ -54,7 +48,7 @@ TEST_P(UpgradeTable, StoresTheBundle) {
   // Writes in flight past a refused packet draw no second NACK from the
   // device and are no second rewind; a refusal of the resend itself is.
   if (row.rewinds != kAnyCount) {
-    EXPECT_EQ(Count(console, "Resending NACK packet"), row.rewinds);
+    EXPECT_EQ(CountOf(console, "Resending NACK packet"), row.rewinds);
   }
 }
 

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <thread>
 
+#include "devsim/DevicePackets.h"
 #include "link/Limits.h"
 #include "tests/support/DeviceAdminFixture.h"
 
@@ -16,10 +17,14 @@ namespace {
 
 using std::chrono::milliseconds;
 
-Block Nack(uint32_t number) {
-  const uint8_t reason[] = {1};
+constexpr uint8_t kUpgrade = 1;
+Block Nack(uint32_t number) { return MakeDevicePacket(10, 1, "\x01", number); }
+const Block kEndPacket = MakeDevicePacket(kUpgrade, 57, "Ending Upgrade");
+
+// A raw text block: the text from byte 0, zeros after it.
+Block RawText(const std::string& text) {
   Block block{};
-  BuildPacket(static_cast<uint8_t>(PacketType::Nack), number, reason, sizeof reason, block.data());
+  std::copy(text.begin(), text.end(), block.begin());
   return block;
 }
 
@@ -60,8 +65,7 @@ class UpgradeWorker : public RawDeviceFixture {
   }
 
   bool EndReportOn(const Block& block) {
-    if (IsEndPacket(block))
-      device.Send(BuildTextPacket(PacketType::Upgrade, "Upgrade complete, ending update"));
+    if (IsEndPacket(block)) device.Send(MakeDevicePacket(kUpgrade, 57, "Upgrade complete, ending update"));
     return true;
   }
 
@@ -81,11 +85,8 @@ class UpgradeWorker : public RawDeviceFixture {
 
   // Packet n of the last bundle made, as it goes on the wire.
   Block DataPacket(uint32_t n) const {
-    Block packet{};
-    const size_t length = std::min<size_t>(kPayloadSize, bytes.size() - n * kPayloadSize);
-    BuildPacket(1, n, reinterpret_cast<const uint8_t*>(bytes.data()) + n * kPayloadSize,
-                static_cast<uint8_t>(length), packet.data());
-    return packet;
+    const std::string piece = bytes.substr(n * size_t{57}, 57);
+    return MakeDevicePacket(kUpgrade, static_cast<uint8_t>(piece.size()), piece, n);
   }
 
   // Delivers the NACKs (each handled by the reader before the write
@@ -105,14 +106,13 @@ class UpgradeWorker : public RawDeviceFixture {
 };
 
 TEST_F(UpgradeWorker, SendsTheStartTextDataPacketsAndEndPacketOfA58ByteOrAnEmptyFile) {
-  const Block end = BuildTextPacket(PacketType::Upgrade, "Ending Upgrade");
   Upgrade(MakeBundle(58, 3));
   EXPECT_EQ(device.Written(),
-            (std::vector<Block>{BuildRawTextBlock("Starting Upgrade 58 2"), DataPacket(0), DataPacket(1), end}));
+            (std::vector<Block>{RawText("Starting Upgrade 58 2"), DataPacket(0), DataPacket(1), kEndPacket}));
   EXPECT_NE(Upgrade(MakeBundle(0)).find("File Size = 0\nPacket Count = 0\n"), std::string::npos);
   EXPECT_EQ(device.Written().size(), 6u);
-  EXPECT_EQ(device.Written()[4], BuildRawTextBlock("Starting Upgrade 0 0"));
-  EXPECT_EQ(device.Written()[5], end);
+  EXPECT_EQ(device.Written()[4], RawText("Starting Upgrade 0 0"));
+  EXPECT_EQ(device.Written()[5], kEndPacket);
 }
 
 TEST_F(UpgradeWorker, LogsOnlyChangedPercentagesForAManyPacketFile) {
@@ -194,7 +194,7 @@ TEST_P(UpgradeNacks, GoesBackOnlyWhereTheRulesSay) {
   const std::string console = Upgrade(MakeBundle(kPayloadSize * row.packets, 5));
   EXPECT_EQ(DataNumbers(device.Written()), row.written);
   EXPECT_EQ(Resent(console), row.resent);
-  for (uint32_t n : row.resent) EXPECT_TRUE(log.Has("Write data :" + BytesToHex(DataPacket(n).data(), 64)));
+  for (uint32_t n : row.resent) EXPECT_TRUE(log.Has("Write data :" + devsim::HexOf(DataPacket(n).data(), 64)));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -233,7 +233,7 @@ TEST_F(UpgradeWorker, EndsItsWaitForTheEndReportAtOnceOnACancel) {
             std::string::npos);
   const auto written = device.Written();
   ASSERT_FALSE(written.empty());
-  EXPECT_EQ(written.back(), BuildTextPacket(PacketType::Cancel, "Cancel"));
+  EXPECT_EQ(written.back(), MakeDevicePacket(7, 57, "Cancel"));
   EXPECT_EQ(std::count_if(written.begin(), written.end(), [](const Block& b) { return b[0] == 7; }), 1);
 }
 

@@ -70,14 +70,6 @@ TEST_F(UploadTest, RefusedPacketsAreSentAgainAndTheFileArrivesWhole) {
       << "a resent packet does not print its percentage again";
 }
 
-TEST_F(UploadTest, LinkDroppedMidUploadIsReopenedAndTheUploadCompletes) {
-  Start({"drop-after=20"});
-  const std::string bytes = RandomBytes(30 * 57 - 3, 5);
-  Upload(LocalFile("dropped.bin", bytes));
-  EXPECT_EQ(ReadFile(OnDevice("dropped.bin")), bytes);
-  EXPECT_TRUE(log.Has("Succeeded in writing 'Ending upload' to device."));
-}
-
 // Given a name too long for the start command ("Starting upload 1 1 " and 44
 // characters make 64) or a file of 2 GiB, nothing reaches the device; a name
 // of 43 characters is sent.

@@ -34,22 +34,6 @@ constexpr uint32_t kNackedPacket = 5;
 constexpr long long kPauseAfterBlocks = 10;
 constexpr const char* kPauseFor = "pause-writes-for=2500";
 
-// Given an OUT endpoint that stalls once, the write fails, the halt is
-// cleared, and the tool's retry delivers the block: the device gets it once.
-TEST(UsbFaultsTest, AStalledOutEndpointFailsOneWriteAndTheRetryGetsThrough) {
-  TempDir dir;
-  UsbDeviceOptions options;
-  options.faults.stallOutAt = 1;
-  EmulatedUsbDevice device(options);
-  ASSERT_TRUE(device.Running()) << device.Error();
-  const ProcessResult run = RunFerrolt({"progCap"}, device, dir.Path(), kRunLimit);
-  EXPECT_EQ(run.out, lines::ProgCapThroughAStall());
-  const auto received = device.Received();
-  ASSERT_EQ(received.size(), 1u);
-  EXPECT_EQ(devsim::RawText(received[0]).rfind("\rreboot\r", 0), 0u);
-  EXPECT_EQ(device.Usb().ClearedHalts(), 1);
-}
-
 // How often each upgrade data packet reached the device, by packet number.
 std::vector<int> UpgradeCopies(const std::vector<Block>& received) {
   std::vector<int> copies(kUpgradePackets, 0);

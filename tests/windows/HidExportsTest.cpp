@@ -161,13 +161,6 @@ TEST_F(HidExportsTest, ListsDevicesWithoutOneOfOurs) {
   EXPECT_EQ(Export<decltype(hid_exit)>("hid_exit")(), 0);
 }
 
-// hid_get_windows_handle gives back the value it is given.
-TEST_F(HidExportsTest, WindowsHandleIsTheDeviceGiven) {
-  auto* const get_handle = Export<hid_device*(hid_device*)>("hid_get_windows_handle");
-  auto* const given = reinterpret_cast<hid_device*>(0x5a5a10);
-  EXPECT_EQ(get_handle(given), given);
-}
-
 // Each mode asks for its access and sharing, on every attempt, and a path
 // that is no HID device opens nothing: hid_error names the step that refused
 // it (the open itself, or the first HID request on a file that opened).
