@@ -166,7 +166,9 @@ TEST(DeviceLinkFaults, RandomFaultsReplayTheirSeed) {
       harness.Dev().OnOutBlock(MakePacket(kTypeUpload, number, payload, sizeof payload));
       const std::string events = harness.Events();
       const std::string lastLine = events.substr(events.rfind('\n', events.size() - 2) + 1);
-      if (lastLine.find("taking no OUT block") != std::string::npos) EXPECT_FALSE(harness.Dev().TakesOutBlocks());
+      if (lastLine.find("taking no OUT block") != std::string::npos) {
+        EXPECT_FALSE(harness.Dev().TakesOutBlocks());
+      }
     }
     return harness.Events();
   };
