@@ -12,6 +12,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -49,6 +50,13 @@ struct InterfaceListing {
   // Interface paths in the Windows form "\\?\usb#vid_XXXX&pid_XXXX&mi_NN#...",
   // in enumeration order, in whatever letter case the system gives.
   std::vector<std::string> paths;
+};
+
+// One attached device as a program's listing shows it.
+struct AttachedDevice {
+  std::string place;   // what a program opens it by
+  std::string serial;  // empty when it has none, or none could be read
+  std::string speed;   // "high speed" and the like; empty when unknown
 };
 
 // One opened device interface: the file handle and the driver interface
@@ -122,6 +130,10 @@ class DeviceBackend {
   // one line. Empty where the backend knows no more than the path.
   virtual std::string DescribeDevice(const std::string& /*path*/) { return {}; }
 
+  // The device behind a path of the last listing; empty where the backend
+  // knows no more than the path.
+  virtual std::optional<AttachedDevice> Identify(const std::string& /*path*/) { return std::nullopt; }
+
   // Opens the interface that a listed path names (the CreateFile step; the
   // path may have been lower-cased since it was listed). Null when it cannot
   // be opened.
@@ -131,5 +143,10 @@ class DeviceBackend {
 // The backend this process uses: the emulator link when FERROLT_EMULATOR is
 // set, otherwise the platform's USB backend.
 std::unique_ptr<DeviceBackend> CreateDefaultBackend();
+
+// A program names the device by its place instead: "emulator:ADDRESS" (an
+// address as FERROLT_EMULATOR takes it) or what FERROLT_DEVICE takes; null
+// or empty is CreateDefaultBackend(). Null for an emulator without address.
+std::unique_ptr<DeviceBackend> CreateBackendFor(const char* place);
 
 }  // namespace ferrolt::platform

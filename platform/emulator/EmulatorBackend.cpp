@@ -24,6 +24,19 @@ struct ListedDevice {
 
 Hint unreachableHint;
 
+const char* SpeedName(uint8_t speed) {
+  switch (speed) {
+    case kSpeedLow:
+      return "low speed";
+    case kSpeedFull:
+      return "full speed";
+    case kSpeedHigh:
+      return "high speed";
+    default:
+      return "";
+  }
+}
+
 // The emulator named cannot serve: said once a run with the address and why.
 void HintUnreachable(const std::string& endpoint, const std::string& why) {
   unreachableHint.Print("cannot reach the device emulator at %s=%s: %s.\n", kEmulatorVariable, endpoint.c_str(),
@@ -65,6 +78,12 @@ class EmulatorBackend final : public DeviceBackend {
     listed_ = Discover(endpoint_);
     if (listed_) listing.paths.push_back(listed_->path);
     return listing;
+  }
+
+  std::optional<AttachedDevice> Identify(const std::string& path) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!listed_ || !SamePath(path, listed_->path)) return std::nullopt;
+    return AttachedDevice{std::string(kEmulatorPlacePrefix) + endpoint_, "", SpeedName(listed_->hello.speed)};
   }
 
   // One connection is one opened link: opening adopts the listed connection.

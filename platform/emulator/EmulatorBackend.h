@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "platform/DeviceBackend.h"
 
@@ -11,6 +12,8 @@ namespace ferrolt::platform {
 
 // The environment variable that selects the emulator link.
 inline constexpr const char* kEmulatorVariable = "FERROLT_EMULATOR";
+// A program names the emulated device by this and the address.
+inline constexpr std::string_view kEmulatorPlacePrefix = "emulator:";
 
 std::unique_ptr<DeviceBackend> CreateEmulatorBackend(const std::string& endpoint);
 

@@ -4,9 +4,11 @@
 #include <memory>
 
 #include "platform/DeviceBackend.h"
+#include "platform/DeviceChoice.h"
 
 namespace ferrolt::platform {
 
-std::unique_ptr<DeviceBackend> CreateLibusbBackend();
+// It lists the devices choice names only.
+std::unique_ptr<DeviceBackend> CreateLibusbBackend(DeviceChoice choice = ChosenDevice());
 
 }  // namespace ferrolt::platform
