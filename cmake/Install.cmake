@@ -1,6 +1,7 @@
 # What `cmake --install` puts in place, and so what the packages hold. On
-# Linux: both programs, the udev rule, the man pages, bash completion, README
-# and licence. On Windows (the zip): ferrolt.exe beside its texts.
+# Linux: both programs, libferrolt with its header and pkg-config file, the
+# udev rule, the man pages, bash completion, README and licence.
+# On Windows (the zip): ferrolt.exe and ferrolt.dll beside their texts.
 include(GNUInstallDirs)
 
 # An id of the device as udev and lsusb show it: four lower-case hex digits,
@@ -25,7 +26,8 @@ set(packaging_binary ${PROJECT_BINARY_DIR}/packaging)
 if(WIN32)
   # Notepad shows the text with Windows line ends.
   configure_file(${packaging_source}/windows/WinUSB.txt ${packaging_binary}/WinUSB.txt @ONLY NEWLINE_STYLE WIN32)
-  install(TARGETS ferrolt RUNTIME DESTINATION .)
+  install(TARGETS ferrolt ferrolt_library RUNTIME DESTINATION . ARCHIVE DESTINATION .)
+  install(FILES ${PROJECT_SOURCE_DIR}/api/include/ferrolt/ferrolt.h DESTINATION .)
   install(FILES ${packaging_binary}/WinUSB.txt ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/LICENSE DESTINATION .)
   # ferrolt.exe holds hidapi's Windows backend, taken under its BSD-style
   # licence, whose notice goes with every copy.
@@ -34,6 +36,12 @@ if(WIN32)
 endif()
 
 install(TARGETS ferrolt ferrolt-devsim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+
+# The library: its runtime file and SONAME link, the header and the
+# pkg-config file.
+install(TARGETS ferrolt_library LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(FILES ${PROJECT_SOURCE_DIR}/api/include/ferrolt/ferrolt.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ferrolt)
+install(FILES ${PROJECT_BINARY_DIR}/api/ferrolt.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 # udev reads /usr/lib/udev/rules.d and /etc/udev/rules.d, not /usr/local.
 configure_file(${packaging_source}/udev/70-ferrolt.rules.in ${packaging_binary}/70-ferrolt.rules @ONLY)

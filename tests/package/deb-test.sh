@@ -56,11 +56,14 @@ files=(
   /usr/share/bash-completion/completions/ferrolt
   /usr/share/doc/ferrolt/README.md
   /usr/share/doc/ferrolt/LICENSE
+  /usr/lib/libferrolt.so.1
+  /usr/include/ferrolt/ferrolt.h
+  /usr/lib/pkgconfig/ferrolt.pc
 )
 for file in "${files[@]}"; do
   [ -f "$file" ] || fail "$file is not installed"
 done
-for program in /usr/bin/ferrolt /usr/bin/ferrolt-devsim; do
+for program in /usr/bin/ferrolt /usr/bin/ferrolt-devsim /usr/lib/libferrolt.so.1; do
   readelf -S "$program" | grep -q '\.symtab' && fail "$program is not stripped"
 done
 # The default ids, written as udev reads them.
@@ -83,6 +86,8 @@ status=0
   status=$?
 grep -qF "Version - 4.5.6" "$work/version.out" ||
   { cat "$work/version.out" >&2; fail "the installed ferrolt read no version (status $status)"; }
+# The library, as a program finds it through pkg-config.
+[[ $(pkg-config --libs ferrolt) == *-lferrolt* ]] || fail "pkg-config --libs ferrolt: $(pkg-config --libs ferrolt 2>&1)"
 kill "$devsim_pid"
 wait "$devsim_pid" || true
 devsim_pid=
