@@ -1,6 +1,6 @@
 # What `cmake --install` puts in place, and so what the packages hold. On
-# Linux: both programs, libferrolt with its header and pkg-config file, the
-# udev rule, the man pages, bash completion, README and licence.
+# Linux: both programs, libferrolt with its header, pkg-config file and Python
+# package, the udev rule, the man pages, bash completion, README and licence.
 # On Windows (the zip): ferrolt.exe and ferrolt.dll beside their texts.
 include(GNUInstallDirs)
 
@@ -37,11 +37,15 @@ endif()
 
 install(TARGETS ferrolt ferrolt-devsim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
-# The library: its runtime file and SONAME link, the header and the
-# pkg-config file.
+# The library: its runtime file and SONAME link, the link for linking, the
+# header and the pkg-config file; and the Python package on it, where the
+# system's python3 looks (Debian: /usr/lib/python3/dist-packages).
 install(TARGETS ferrolt_library LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/api/include/ferrolt/ferrolt.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ferrolt)
 install(FILES ${PROJECT_BINARY_DIR}/api/ferrolt.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+set(FERROLT_PYTHON_DIR "lib/python3/dist-packages" CACHE STRING "Where the Python package ferrolt is installed")
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/api/python/ferrolt DESTINATION ${FERROLT_PYTHON_DIR}
+  FILES_MATCHING PATTERN "*.py" PATTERN "__pycache__" EXCLUDE)
 
 # udev reads /usr/lib/udev/rules.d and /etc/udev/rules.d, not /usr/local.
 configure_file(${packaging_source}/udev/70-ferrolt.rules.in ${packaging_binary}/70-ferrolt.rules @ONLY)

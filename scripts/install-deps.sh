@@ -28,6 +28,8 @@ test_packages+=(g++-mingw-w64-x86-64-posix googletest wine64 wine)
 # The .deb: CPack finds the binaries with file and their library packages
 # with dpkg-shlibdeps.
 test_packages+=(dpkg-dev file)
+# The Python package's tests, run by the system's python3.
+test_packages+=(python3-pytest)
 
 fetch_hidapi=false
 case "${1:-}" in
