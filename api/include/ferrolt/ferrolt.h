@@ -16,9 +16,10 @@
  * ferrolt_close must not be called while another thread is in a call on
  * the same device.
  *
- * Callbacks run on a thread of the library's (or, for the console line of
- * a cancel, on the cancelling thread), never after the operation's call has
- * returned. They must not call back into the library for the same device.
+ * Callbacks run on the calling thread or on a thread of the library's (the
+ * console line of a cancel: on the cancelling thread), one at a time, never
+ * after the operation's call has returned. They must not call into the
+ * library for the same device: a cancel belongs on another thread.
  */
 #ifndef FERROLT_FERROLT_H
 #define FERROLT_FERROLT_H
@@ -89,7 +90,8 @@ typedef struct ferrolt_device ferrolt_device;
  * most capacity entries of devices (which may be null when capacity is 0)
  * and sets *count to the number attached, which may be larger.
  * Blocks for the listing (an emulator: at most its 1 s hello wait).
- * Any thread. FERROLT_DONE, or FERROLT_INVALID_ARGUMENT for a null count. */
+ * Any thread. FERROLT_DONE; FERROLT_INVALID_ARGUMENT for a null count, or
+ * null devices with a capacity; FERROLT_FAILED when memory ran out. */
 FERROLT_API ferrolt_status ferrolt_list_devices(ferrolt_device_info *devices, size_t capacity, size_t *count);
 
 /* Opens the device at place into *device:
@@ -102,8 +104,8 @@ FERROLT_API ferrolt_status ferrolt_list_devices(ferrolt_device_info *devices, si
  * Nothing is sent: each operation finds and opens the device, as each run
  * of the tool does, so a device absent now shows as FERROLT_NO_DEVICE from
  * the first operation. Does not block. Any thread.
- * FERROLT_DONE, or FERROLT_INVALID_ARGUMENT (null device, "emulator:" with no
- * address). */
+ * FERROLT_DONE; FERROLT_INVALID_ARGUMENT for a null device or "emulator:"
+ * with no address; FERROLT_FAILED when memory ran out. */
 FERROLT_API ferrolt_status ferrolt_open(const char *place, ferrolt_device **device);
 
 /* Releases a device opened by ferrolt_open; null is ignored. Blocks at most
@@ -127,10 +129,12 @@ FERROLT_API void ferrolt_cancel(ferrolt_device *device);
  * length, so a caller can size the buffer. Does not block. Any thread. */
 FERROLT_API size_t ferrolt_last_message(const ferrolt_device *device, char *buffer, size_t size);
 
-/* The operations. Each blocks until the operation has ended (a device that
- * stays silent ends it after the tool's waits, at most about 15 s; a CLI
- * command waits for its output as long as the device is there) and returns
- * its status. callbacks may be null. Any one thread at a time per device. */
+/* The operations. Each blocks until the operation has ended and returns its
+ * status. A silent device ends it after the tool's waits (a download after
+ * 15 s of silence, the upgrade's end report after 60 s); a CLI command waits
+ * for its output as long as the device is there, or until a cancel.
+ * callbacks may be null. One thread at a time per device: another thread's
+ * operation meanwhile returns FERROLT_REFUSED. */
 
 /* The device's bundle version into version (size bytes, at least
  * FERROLT_VERSION_SIZE to be sure of the whole text). */
@@ -158,7 +162,7 @@ FERROLT_API ferrolt_status ferrolt_cli_command(ferrolt_device *device, const cha
 FERROLT_API ferrolt_status ferrolt_cli_stop(ferrolt_device *device, const ferrolt_callbacks *callbacks);
 /* Starts the device's reliability test with text sent as it stands, as the
  * tool builds it ("ort start extmic reboot 5 duration 20 "); at most 79
- * characters. Then ends it. */
+ * characters. ferrolt_ort_end ends the test. */
 FERROLT_API ferrolt_status ferrolt_ort_start(ferrolt_device *device, const char *text,
                                              const ferrolt_callbacks *callbacks);
 FERROLT_API ferrolt_status ferrolt_ort_end(ferrolt_device *device, const ferrolt_callbacks *callbacks);
