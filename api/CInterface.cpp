@@ -17,8 +17,7 @@
 #include "link/DeviceDiscovery.h"
 
 struct ferrolt_device {
-  explicit ferrolt_device(std::unique_ptr<ferrolt::platform::DeviceBackend> backend) : opened(std::move(backend)) {}
-  ferrolt::api::OpenedDevice opened;
+  std::unique_ptr<ferrolt::api::OpenedDevice> opened;
 };
 
 namespace {
@@ -40,11 +39,11 @@ ferrolt_status RunWith(ferrolt_device* device, const ferrolt_callbacks* callback
                        std::initializer_list<const char*> texts, LaunchFn launch) {
   if (device == nullptr) return FERROLT_INVALID_ARGUMENT;
   if (std::find(texts.begin(), texts.end(), nullptr) != texts.end())
-    return device->opened.Refuse(FERROLT_INVALID_ARGUMENT, "a required text is null");
+    return device->opened->Refuse(FERROLT_INVALID_ARGUMENT, "a required text is null");
   try {
-    return device->opened.Run(callbacks, launch);
+    return device->opened->Run(callbacks, launch);
   } catch (const std::exception& error) {
-    return device->opened.Refuse(FERROLT_FAILED, error.what());
+    return device->opened->Refuse(FERROLT_FAILED, error.what());
   }
 }
 
@@ -55,7 +54,8 @@ extern "C" {
 ferrolt_status ferrolt_list_devices(ferrolt_device_info* devices, size_t capacity, size_t* count) {
   if (count == nullptr || (devices == nullptr && capacity > 0)) return FERROLT_INVALID_ARGUMENT;
   try {
-    const auto backend = ferrolt::platform::CreateBackendFor(nullptr);
+    // A listing has no callbacks to say its hints through.
+    const auto backend = ferrolt::platform::CreateBackendFor(nullptr, ferrolt::platform::SilentHints());
     const std::vector<ferrolt::platform::AttachedDevice> attached = ferrolt::ListAttachedDevices(*backend);
     *count = attached.size();
     for (size_t i = 0; i < attached.size() && i < capacity; ++i) {
@@ -74,9 +74,9 @@ ferrolt_status ferrolt_open(const char* place, ferrolt_device** device) {
   if (device == nullptr) return FERROLT_INVALID_ARGUMENT;
   *device = nullptr;
   try {
-    auto backend = ferrolt::platform::CreateBackendFor(place);
-    if (backend == nullptr) return FERROLT_INVALID_ARGUMENT;
-    *device = new ferrolt_device(std::move(backend));
+    std::unique_ptr<ferrolt::api::OpenedDevice> opened = ferrolt::api::OpenedDevice::Open(place);
+    if (opened == nullptr) return FERROLT_INVALID_ARGUMENT;
+    *device = new ferrolt_device{std::move(opened)};
     return FERROLT_DONE;
   } catch (const std::exception&) {
     return FERROLT_FAILED;
@@ -86,12 +86,12 @@ ferrolt_status ferrolt_open(const char* place, ferrolt_device** device) {
 void ferrolt_close(ferrolt_device* device) { delete device; }
 
 void ferrolt_cancel(ferrolt_device* device) {
-  if (device != nullptr) device->opened.Cancel();
+  if (device != nullptr) device->opened->Cancel();
 }
 
 size_t ferrolt_last_message(const ferrolt_device* device, char* buffer, size_t size) {
   if (device == nullptr) return 0;
-  const std::string message = device->opened.Message();
+  const std::string message = device->opened->Message();
   CopyText(message, buffer, size);
   return message.size();
 }
@@ -102,7 +102,7 @@ ferrolt_status ferrolt_version(ferrolt_device* device, char* version, size_t siz
   const ferrolt_status status = RunWith(device, callbacks, {}, [](DeviceAdmin& admin, CallerReporters& reporters) {
     return admin.RetrieveVersionAsync(&reporters, &reporters, &reporters, false);
   });
-  if (device != nullptr) CopyText(device->opened.Version(), version, size);
+  if (device != nullptr) CopyText(device->opened->Version(), version, size);
   return status;
 }
 
@@ -152,7 +152,7 @@ ferrolt_status ferrolt_cli_stop(ferrolt_device* device, const ferrolt_callbacks*
 
 ferrolt_status ferrolt_ort_start(ferrolt_device* device, const char* text, const ferrolt_callbacks* callbacks) {
   if (device != nullptr && text != nullptr && std::strlen(text) > ferrolt::kMaxOrtStringLength)
-    return device->opened.Refuse(FERROLT_INVALID_ARGUMENT, "the ORT text is longer than the device takes");
+    return device->opened->Refuse(FERROLT_INVALID_ARGUMENT, "the ORT text is longer than the device takes");
   // The worker only reads the text, and the call outlasts the worker.
   return RunWith(device, callbacks, {text}, [text](DeviceAdmin& admin, CallerReporters& reporters) {
     return admin.StartOrtAsync(&reporters, &reporters, const_cast<char*>(text));

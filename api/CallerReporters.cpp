@@ -41,6 +41,7 @@ std::optional<int> PercentIn(std::string_view line) {
 void CallerReporters::Begin(const ferrolt_callbacks* callbacks) {
   std::lock_guard<std::mutex> lock(mutex_);
   remarkable_.clear();
+  note_.clear();
   lastLine_.clear();
   version_.clear();
   callbacks_.store(callbacks);
@@ -54,7 +55,18 @@ void CallerReporters::Print(std::string_view text) {
   callbacks->console(copy.c_str(), callbacks->user_data);
 }
 
-void CallerReporters::Note(std::string_view line) { Line(std::string(line), true); }
+void CallerReporters::Note(std::string_view line) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    note_ = line;
+  }
+  Line(std::string(line), true);
+}
+
+void CallerReporters::Take(std::string_view text) {
+  if (text.ends_with('\n')) text.remove_suffix(1);
+  Note(text);
+}
 
 void CallerReporters::LogMessageCallBack(std::string format, ...) {
   va_list arguments;
@@ -86,6 +98,11 @@ void CallerReporters::VersionInfoReadyCallBack(std::string version) {
 std::string CallerReporters::Message(bool onlyRemarkable) const {
   std::lock_guard<std::mutex> lock(mutex_);
   return remarkable_.empty() && !onlyRemarkable ? lastLine_ : remarkable_;
+}
+
+std::string CallerReporters::LastNote() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return note_;
 }
 
 std::string CallerReporters::Version() const {

@@ -16,7 +16,7 @@ static_assert(FERROLT_DONE == kStatusDone && FERROLT_INVALID_ARGUMENT == kStatus
               FERROLT_CANCELLED == kStatusCancelled);
 
 // Said when the operation's own lines named no reason.
-const char* StatusText(ferrolt_status status) {
+std::string StatusText(ferrolt_status status) {
   switch (status) {
     case FERROLT_DONE:
       return "";
@@ -38,14 +38,22 @@ const char* StatusText(ferrolt_status status) {
 
 }  // namespace
 
-OpenedDevice::OpenedDevice(std::unique_ptr<platform::DeviceBackend> backend) : admin_(std::move(backend), reporters_) {}
+std::unique_ptr<OpenedDevice> OpenedDevice::Open(const char* place) {
+  auto reporters = std::make_unique<CallerReporters>();
+  std::unique_ptr<platform::DeviceBackend> backend = platform::CreateBackendFor(place, *reporters);
+  if (backend == nullptr) return nullptr;
+  return std::unique_ptr<OpenedDevice>(new OpenedDevice(std::move(reporters), std::move(backend)));
+}
+
+OpenedDevice::OpenedDevice(std::unique_ptr<CallerReporters> reporters, std::unique_ptr<platform::DeviceBackend> backend)
+    : reporters_(std::move(reporters)), admin_(std::move(backend), *reporters_) {}
 
 OpenedDevice::~OpenedDevice() { admin_.Shutdown(limits::kTeardownWait); }
 
 ferrolt_status OpenedDevice::Run(const ferrolt_callbacks* callbacks, const Launch& launch) {
   std::unique_lock<std::mutex> call(callMutex_, std::try_to_lock);
   if (!call.owns_lock()) return Refuse(FERROLT_REFUSED, kBusyMessage);
-  reporters_.Begin(callbacks);
+  reporters_->Begin(callbacks);
   {
     std::lock_guard<std::mutex> lock(cancelMutex_);
     operating_ = true;
@@ -54,7 +62,7 @@ ferrolt_status OpenedDevice::Run(const ferrolt_callbacks* callbacks, const Launc
   }
   // The launch may find and open the device first, on this thread; a cancel
   // meanwhile waits for the operation to have started.
-  const bool launched = launch(admin_, reporters_) == 0;
+  const bool launched = launch(admin_, *reporters_) == 0;
   bool cancelNow = false;
   {
     std::lock_guard<std::mutex> lock(cancelMutex_);
@@ -86,7 +94,7 @@ void OpenedDevice::Cancel() {
 }
 
 void OpenedDevice::CancelLaunched() {
-  admin_.CancelOperation(&reporters_);
+  admin_.CancelOperation(reporters_.get());
   {
     std::lock_guard<std::mutex> lock(cancelMutex_);
     --cancelsUnderWay_;
@@ -112,14 +120,22 @@ ferrolt_status OpenedDevice::Settle(bool launched) {
   admin_.Settle(limits::kTeardownWait);
   const ferrolt_status status =
       static_cast<ferrolt_status>(ExitStatusOf(launched ? admin_.LastOutcome() : Outcome::Refused));
-  // Not finding the device is said plainly: the lines of the failed open
-  // only name the step that failed. A failure without an error line is told
-  // by the last line the operation reached.
-  const bool failed = status == FERROLT_FAILED || status == FERROLT_INCOMPLETE;
-  std::string message = status == FERROLT_NO_DEVICE ? "" : reporters_.Message(!failed);
-  reporters_.End();
-  KeepMessage(message.empty() ? StatusText(status) : std::move(message));
+  reporters_->End();
+  KeepMessage(MessageOf(status));
   return status;
+}
+
+// A device not found is told by the backend's hint, when it gave one: the
+// lines of the failed open only name the step that failed. A failure without
+// an error line is told by the last line the operation reached.
+std::string OpenedDevice::MessageOf(ferrolt_status status) const {
+  if (status == FERROLT_NO_DEVICE) {
+    const std::string hint = reporters_->LastNote();
+    return StatusText(status) + (hint.empty() ? "" : ": " + hint);
+  }
+  const bool failed = status == FERROLT_FAILED || status == FERROLT_INCOMPLETE;
+  const std::string message = reporters_->Message(!failed);
+  return message.empty() ? StatusText(status) : message;
 }
 
 void OpenedDevice::KeepMessage(std::string message) {

@@ -18,7 +18,9 @@ namespace ferrolt::api {
 
 class OpenedDevice {
  public:
-  explicit OpenedDevice(std::unique_ptr<platform::DeviceBackend> backend);
+  // The device at place (see ferrolt_open); null when place names nothing a
+  // backend can look for.
+  static std::unique_ptr<OpenedDevice> Open(const char* place);
   // Expects no call under way on the device.
   ~OpenedDevice();
   OpenedDevice(const OpenedDevice&) = delete;
@@ -34,15 +36,18 @@ class OpenedDevice {
 
   // The message of the call that ended last.
   std::string Message() const;
-  std::string Version() const { return reporters_.Version(); }
+  std::string Version() const { return reporters_->Version(); }
 
  private:
+  OpenedDevice(std::unique_ptr<CallerReporters> reporters, std::unique_ptr<platform::DeviceBackend> backend);
   // The runner's cancel, waited for by Settle.
   void CancelLaunched();
   ferrolt_status Settle(bool launched);
+  std::string MessageOf(ferrolt_status status) const;
   void KeepMessage(std::string message);
 
-  CallerReporters reporters_;
+  // First: the backend, given at Open, reports its hints to it.
+  std::unique_ptr<CallerReporters> reporters_;
   DeviceAdmin admin_;
   // One operation's call at a time; a second is refused, not queued.
   std::mutex callMutex_;

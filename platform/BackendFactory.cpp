@@ -14,28 +14,28 @@
 namespace ferrolt::platform {
 namespace {
 
-std::unique_ptr<DeviceBackend> CreateUsbBackend(const DeviceChoice& choice) {
+std::unique_ptr<DeviceBackend> CreateUsbBackend(const DeviceChoice& choice, HintSink& hints) {
 #ifdef _WIN32
-  return CreateWinUsbBackend(RealWinUsbApi(), RealSetupApi(), choice);
+  return CreateWinUsbBackend(RealWinUsbApi(), RealSetupApi(), choice, hints);
 #else
-  return CreateLibusbBackend(choice);
+  return CreateLibusbBackend(choice, hints);
 #endif
 }
 
 }  // namespace
 
-std::unique_ptr<DeviceBackend> CreateDefaultBackend() {
+std::unique_ptr<DeviceBackend> CreateDefaultBackend(HintSink& hints) {
   const char* endpoint = std::getenv(kEmulatorVariable);
-  if (endpoint != nullptr && *endpoint != '\0') return CreateEmulatorBackend(endpoint);
-  return CreateUsbBackend(ChosenDevice());
+  if (endpoint != nullptr && *endpoint != '\0') return CreateEmulatorBackend(endpoint, hints);
+  return CreateUsbBackend(ChosenDevice(), hints);
 }
 
-std::unique_ptr<DeviceBackend> CreateBackendFor(const char* place) {
-  if (place == nullptr || *place == '\0') return CreateDefaultBackend();
+std::unique_ptr<DeviceBackend> CreateBackendFor(const char* place, HintSink& hints) {
+  if (place == nullptr || *place == '\0') return CreateDefaultBackend(hints);
   const std::string_view text = place;
-  if (!text.starts_with(kEmulatorPlacePrefix)) return CreateUsbBackend(ParseDeviceChoice(place));
+  if (!text.starts_with(kEmulatorPlacePrefix)) return CreateUsbBackend(ParseDeviceChoice(place), hints);
   const std::string address(text.substr(kEmulatorPlacePrefix.size()));
-  return address.empty() ? nullptr : CreateEmulatorBackend(address);
+  return address.empty() ? nullptr : CreateEmulatorBackend(address, hints);
 }
 
 }  // namespace ferrolt::platform

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/Hint.h"
 #include "platform/Transfer.h"
 #include "platform/UsbInterfacePath.h"
 
@@ -141,12 +142,13 @@ class DeviceBackend {
 };
 
 // The backend this process uses: the emulator link when FERROLT_EMULATOR is
-// set, otherwise the platform's USB backend.
-std::unique_ptr<DeviceBackend> CreateDefaultBackend();
+// set, otherwise the platform's USB backend. Its hints go to hints, which
+// must outlive it.
+std::unique_ptr<DeviceBackend> CreateDefaultBackend(HintSink& hints = StandardErrorHints());
 
 // A program names the device by its place instead: "emulator:ADDRESS" (an
 // address as FERROLT_EMULATOR takes it) or what FERROLT_DEVICE takes; null
 // or empty is CreateDefaultBackend(). Null for an emulator without address.
-std::unique_ptr<DeviceBackend> CreateBackendFor(const char* place);
+std::unique_ptr<DeviceBackend> CreateBackendFor(const char* place, HintSink& hints);
 
 }  // namespace ferrolt::platform

@@ -100,7 +100,7 @@ void AppendInterfacePaths(libusb_device* device, std::vector<std::string>& paths
 
 class LibusbBackend final : public DeviceBackend {
  public:
-  explicit LibusbBackend(DeviceChoice choice) : choice_(std::move(choice)) {}
+  LibusbBackend(DeviceChoice choice, HintSink& hints) : choice_(std::move(choice)), hints_(hints) {}
 
   // No USB at all reads as a PC with nothing attached.
   InterfaceListing ListInterfaces() override {
@@ -118,13 +118,13 @@ class LibusbBackend final : public DeviceBackend {
       attached[InstanceOf(device)] = AttachedDevice{busPath, identity.serial, SpeedText(device)};
       AppendInterfacePaths(device, listing.paths);
     }
-    if (attached.empty() && choice_.by != DeviceChoice::By::Anything) HintChoiceMatchesNothing(choice_);
+    if (attached.empty() && choice_.by != DeviceChoice::By::Anything) HintChoiceMatchesNothing(hints_, choice_);
     std::lock_guard<std::mutex> lock(mutex_);
     attached_ = std::move(attached);
     return listing;
   }
 
-  void HintNotFound(const UsbInterfaceId& wanted) override { HintNoDevice(wanted); }
+  void HintNotFound(const UsbInterfaceId& wanted) override { HintNoDevice(hints_, wanted); }
 
   std::string DescribeDevice(const std::string& path) override {
     const std::optional<AttachedDevice> device = Identify(path);
@@ -151,10 +151,10 @@ class LibusbBackend final : public DeviceBackend {
       libusb_device_handle* handle = nullptr;
       const int opened = libusb_open(device, &handle);
       if (opened != LIBUSB_SUCCESS) {
-        HintOpenFailure(device, parsed->id.vendorId, parsed->id.productId, opened);
+        HintOpenFailure(hints_, device, parsed->id.vendorId, parsed->id.productId, opened);
         return nullptr;
       }
-      return std::make_unique<LibusbConnection>(context, handle, parsed->id.interfaceNumber);
+      return std::make_unique<LibusbConnection>(context, handle, parsed->id.interfaceNumber, hints_);
     }
     return nullptr;
   }
@@ -182,6 +182,7 @@ class LibusbBackend final : public DeviceBackend {
   }
 
   const DeviceChoice choice_;
+  HintSink& hints_;
   std::mutex mutex_;
   std::shared_ptr<LibusbContext> context_;
   // What the last listing showed of each device, by path instance.
@@ -190,8 +191,8 @@ class LibusbBackend final : public DeviceBackend {
 
 }  // namespace
 
-std::unique_ptr<DeviceBackend> CreateLibusbBackend(DeviceChoice choice) {
-  return std::make_unique<LibusbBackend>(std::move(choice));
+std::unique_ptr<DeviceBackend> CreateLibusbBackend(DeviceChoice choice, HintSink& hints) {
+  return std::make_unique<LibusbBackend>(std::move(choice), hints);
 }
 
 }  // namespace ferrolt::platform

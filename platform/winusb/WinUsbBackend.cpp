@@ -21,8 +21,8 @@ constexpr DWORD kAttributes = FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OVERLAPPED;
 
 class WinUsbBackend final : public DeviceBackend {
  public:
-  WinUsbBackend(const WinUsbApi& api, const SetupApi& setup, DeviceChoice choice)
-      : api_(api), setup_(setup), choice_(std::move(choice)) {}
+  WinUsbBackend(const WinUsbApi& api, const SetupApi& setup, DeviceChoice choice, HintSink& hints)
+      : api_(api), setup_(setup), choice_(std::move(choice)), hints_(hints) {}
 
   InterfaceListing ListInterfaces() override {
     std::vector<DeviceIdentity> identities;
@@ -41,11 +41,12 @@ class WinUsbBackend final : public DeviceBackend {
     std::lock_guard<std::mutex> lock(mutex_);
     const bool listedBefore = !descriptions_.empty();
     std::vector<std::string> kept = KeepChosen(paths, identities);
-    if (kept.empty() && !listedBefore && choice_.by != DeviceChoice::By::Anything) HintChoiceMatchesNothing(choice_);
+    if (kept.empty() && !listedBefore && choice_.by != DeviceChoice::By::Anything)
+      HintChoiceMatchesNothing(hints_, choice_);
     return kept;
   }
 
-  void HintNotFound(const UsbInterfaceId& wanted) override { HintNoDevice(wanted); }
+  void HintNotFound(const UsbInterfaceId& wanted) override { HintNoDevice(hints_, wanted); }
 
   std::string DescribeDevice(const std::string& path) override {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -57,10 +58,10 @@ class WinUsbBackend final : public DeviceBackend {
     const HANDLE file =
         setup_.CreateFileA(path.c_str(), kAccess, kSharing, nullptr, OPEN_EXISTING, kAttributes, nullptr);
     if (file == INVALID_HANDLE_VALUE) {
-      HintOpenFailure(GetLastError());
+      HintOpenFailure(hints_, GetLastError());
       return nullptr;
     }
-    return std::make_unique<WinUsbConnection>(api_, file);
+    return std::make_unique<WinUsbConnection>(api_, file, hints_);
   }
 
  private:
@@ -80,6 +81,7 @@ class WinUsbBackend final : public DeviceBackend {
   const WinUsbApi& api_;
   const SetupApi& setup_;
   const DeviceChoice choice_;
+  HintSink& hints_;
   std::mutex mutex_;
   // What the last listing showed of each chosen path's device, by the
   // lower-cased path.
@@ -88,8 +90,9 @@ class WinUsbBackend final : public DeviceBackend {
 
 }  // namespace
 
-std::unique_ptr<DeviceBackend> CreateWinUsbBackend(const WinUsbApi& api, const SetupApi& setup, DeviceChoice choice) {
-  return std::make_unique<WinUsbBackend>(api, setup, std::move(choice));
+std::unique_ptr<DeviceBackend> CreateWinUsbBackend(const WinUsbApi& api, const SetupApi& setup, DeviceChoice choice,
+                                                   HintSink& hints) {
+  return std::make_unique<WinUsbBackend>(api, setup, std::move(choice), hints);
 }
 
 }  // namespace ferrolt::platform

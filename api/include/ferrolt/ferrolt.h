@@ -62,8 +62,9 @@ typedef void (*ferrolt_text_fn)(const char *text, void *user_data);
  * user_data is handed to each callback unchanged. */
 typedef struct ferrolt_callbacks {
   ferrolt_progress_fn progress;
-  /* The operation's log lines ("Error: ..." among them) and notes of ours,
-   * such as a copy that may be damaged. */
+  /* The operation's log lines ("Error: ..." among them) and notes of ours:
+   * what the tool says on standard error, such as why the device could not
+   * be found or opened, or a copy that may be damaged. */
   ferrolt_text_fn log;
   /* The console text the command-line tool prints on standard output: a CLI
    * command's output arrives here as the device sends it. */
