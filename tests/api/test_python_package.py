@@ -116,13 +116,15 @@ ERROR_CASES = [
 
 
 @pytest.mark.parametrize("cause, fault, operation, error, words", ERROR_CASES, ids=[c[0] for c in ERROR_CASES])
-def test_error_classes(devsim, tmp_path, cause, fault, operation, error, words):
+def test_error_classes(devsim, tmp_path, capfd, cause, fault, operation, error, words):
     device_sim = devsim("device", *([fault] if fault else []))
     (device_sim.root / "tmp" / "data.bin").write_bytes(os.urandom(5000))
     place = f"emulator:{tmp_path / 'nobody.sock'}" if cause == "absent device" else device_sim.place
     with ferrolt.open(place) as device, pytest.raises(error) as raised:
         operation(device, tmp_path)
     assert words in raised.value.message and raised.value.message
+    # What the tool would say on its streams comes in the message instead.
+    assert capfd.readouterr() == ("", "")
 
 
 def test_busy_device_refuses_and_cancel_from_another_thread_ends_the_operation(devsim, tmp_path):
