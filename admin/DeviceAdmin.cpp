@@ -141,6 +141,20 @@ bool DeviceAdmin::Shutdown(std::chrono::milliseconds bound) {
   return workerEnded && readerEnded;
 }
 
+bool DeviceAdmin::Settle(std::chrono::milliseconds bound) {
+  // The reader of an upgrade that ended without the device's end report
+  // would otherwise read on; the next upgrade resets the flag.
+  Reader.ReaderDone.exchange(true);
+  Task reader;
+  {
+    std::lock_guard<std::mutex> lock(taskMutex_);
+    reader = ReaderFuture;
+  }
+  const bool ended = reader.WaitFor(bound);
+  Link.CloseDevice();
+  return ended;
+}
+
 int DeviceAdmin::Launch(ILogMessageCallBack* log, BeforeWorker before, std::function<void()> worker) {
   if (OperationRunning.load()) {
     if (log != nullptr) log->LogMessageCallBack(kBusyMessage);

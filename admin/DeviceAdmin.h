@@ -66,6 +66,12 @@ class DeviceAdmin {
   // tasks. True when none is left running.
   bool Shutdown(std::chrono::milliseconds bound);
 
+  // For a front that outlives its operations (the library): once the
+  // operation and every cancel have ended, ends the upgrade's response reader
+  // and closes the link, so that no task and no link thread is left running.
+  // True when the reader ended within bound.
+  bool Settle(std::chrono::milliseconds bound);
+
   // With on, an upload reads its file back from the device and compares;
   // set before the launch.
   void ReadBackUploads(bool on) { ReadBackUploads_ = on; }

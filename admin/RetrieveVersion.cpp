@@ -24,7 +24,7 @@ bool ReportReply(const Block& reply, IVersionInfoReadyCallBack& version, Console
   version.VersionInfoReadyCallBack("Read data :" + BytesToHex(reply.data(), kBlockSize));
   if (PacketTypeOf(reply.data()) != static_cast<uint8_t>(PacketType::Version)) return false;
   if (!VerifyPacketCrc(reply.data(), console)) return false;
-  version.VersionInfoReadyCallBack("Version - " + PayloadText(reply.data()));
+  version.VersionInfoReadyCallBack(std::string(kVersionPrefix) + PayloadText(reply.data()));
   return true;
 }
 

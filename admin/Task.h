@@ -5,7 +5,7 @@
 
 #include <chrono>
 #include <functional>
-#include <future>
+#include <memory>
 
 namespace ferrolt {
 
@@ -14,14 +14,17 @@ class Task {
   Task() = default;
   static Task Start(std::function<void()> body);
 
-  bool Valid() const { return done_.valid(); }
-  // Blocks until the task has returned; at once for an empty handle.
+  bool Valid() const { return state_ != nullptr; }
+  // Blocks until the task has returned and its thread has ended; at once for
+  // an empty handle.
   void Wait() const;
-  // True when the task has returned within timeout (or the handle is empty).
+  // True when the task has returned within timeout (or the handle is empty);
+  // its thread has then ended too.
   bool WaitFor(std::chrono::milliseconds timeout) const;
 
  private:
-  std::shared_future<void> done_;
+  struct State;
+  std::shared_ptr<State> state_;
 };
 
 }  // namespace ferrolt

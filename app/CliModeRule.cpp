@@ -17,10 +17,10 @@ platform::Hint cliModeHint;
 void HintCliModeFile(const char* finding) {
   std::error_code error;
   const std::filesystem::path file = std::filesystem::current_path(error) / kCliModeFileName;
-  cliModeHint.Print(
-      "%s %s. startcli and stopcli write that file in the folder they run in; run every command of "
-      "a CLI session from the same folder.\n",
-      file.string().c_str(), finding);
+  cliModeHint.Print(platform::StandardErrorHints(),
+                    "%s %s. startcli and stopcli write that file in the folder they run in; run every command of "
+                    "a CLI session from the same folder.\n",
+                    file.string().c_str(), finding);
 }
 
 void RefuseInCliMode() {

@@ -4,19 +4,13 @@
 #include <cstdio>
 #include <string>
 
+#include "link/Reporting.h"
+
 namespace ferrolt {
 
 namespace {
 
 constexpr const char* kLogPrefix = "LogMessageCallBack:\t";
-
-// The second pass: "%%" prints as one '%'; anything else prints unchanged.
-void AppendWithoutArguments(const char* text, std::string& line) {
-  for (const char* at = text; *at != '\0'; ++at) {
-    line += *at;
-    if (at[0] == '%' && at[1] == '%') ++at;
-  }
-}
 
 }  // namespace
 
@@ -25,17 +19,12 @@ void CProgressCallback::ProgressChangeCallBack(int percent) {
 }
 
 void CLogMessageCallback::LogMessageCallBack(std::string format, ...) {
-  char message[kLogMessageBufferSize] = {};
   va_list arguments;
   va_start(arguments, format);
-  // vsnprintf cuts a longer message at kLogMessageBufferSize - 1 characters.
-  std::vsnprintf(message, sizeof message, format.c_str(), arguments);
-  va_end(arguments);
   // One write for the whole line, so lines the worker and the reader print
   // at the same moment never cut into each other.
-  std::string line(kLogPrefix);
-  AppendWithoutArguments(message, line);
-  line += '\n';
+  std::string line = kLogPrefix + FormatLogMessage(format.c_str(), arguments) + '\n';
+  va_end(arguments);
   std::fwrite(line.data(), 1, line.size(), stdout);
   std::fflush(stdout);
 }

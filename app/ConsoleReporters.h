@@ -3,24 +3,18 @@
 // state, so one can be made wherever it is needed.
 #pragma once
 
-#include <cstddef>
 #include <string>
 
 #include "link/Callbacks.h"
 
 namespace ferrolt {
 
-// A log message is formatted into this many bytes (1023 characters and a zero).
-inline constexpr size_t kLogMessageBufferSize = 1024;
-
 class CProgressCallback : public IProgressChangeCallBack {
  public:
   void ProgressChangeCallBack(int percent) override;
 };
 
-// Formats twice: once with the arguments, then a pass without arguments in
-// which "%%" shows as "%". Any other '%' in the formatted text (device text
-// included) prints as it stands, so no text ever acts as a format.
+// The text FormatLogMessage makes of it, one line.
 class CLogMessageCallback : public ILogMessageCallBack {
  public:
   void LogMessageCallBack(std::string format, ...) override;

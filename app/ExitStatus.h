@@ -8,20 +8,11 @@
 
 namespace ferrolt {
 
-// The statuses, as the README and the man page list them.
-inline constexpr int kStatusDone = 0;
-inline constexpr int kStatusUsage = 2;
-inline constexpr int kStatusDeviceNotFound = 3;
-inline constexpr int kStatusRefused = 4;
-inline constexpr int kStatusFailed = 5;
-inline constexpr int kStatusIncomplete = 6;
-inline constexpr int kStatusCancelled = 7;
-
+// The statuses (kStatusDone and the others) and ExitStatusOf are the
+// outcome's own, shared with the library.
 inline constexpr const char* kExitStatusVariable = "FERROLT_EXIT_STATUS";
 
 // True when the user asked for the statuses above.
 bool ExitStatusWanted();
-
-int ExitStatusOf(Outcome outcome);
 
 }  // namespace ferrolt

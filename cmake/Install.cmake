@@ -1,7 +1,8 @@
 # What `cmake --install` puts in place, and so what the packages hold. On
-# Linux: both programs, the udev rule, the man pages, bash completion, the
-# Wireshark dissector, README and licence. On Windows (the zip): ferrolt.exe
-# beside its texts and the dissector.
+# Linux: both programs, libferrolt with its header, pkg-config file and Python
+# package, the udev rule, the man pages, bash completion, the Wireshark
+# dissector, README and licence. On Windows (the zip): ferrolt.exe and
+# ferrolt.dll beside their texts and the dissector.
 include(GNUInstallDirs)
 
 # An id of the device as udev and lsusb show it: four lower-case hex digits,
@@ -26,7 +27,8 @@ set(packaging_binary ${PROJECT_BINARY_DIR}/packaging)
 if(WIN32)
   # Notepad shows the text with Windows line ends.
   configure_file(${packaging_source}/windows/WinUSB.txt ${packaging_binary}/WinUSB.txt @ONLY NEWLINE_STYLE WIN32)
-  install(TARGETS ferrolt RUNTIME DESTINATION .)
+  install(TARGETS ferrolt ferrolt_library RUNTIME DESTINATION . ARCHIVE DESTINATION .)
+  install(FILES ${PROJECT_SOURCE_DIR}/api/include/ferrolt/ferrolt.h DESTINATION .)
   install(FILES ${packaging_binary}/WinUSB.txt ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/LICENSE DESTINATION .)
   # The Wireshark dissector, and where to put it.
   configure_file(${packaging_source}/windows/Wireshark.txt ${packaging_binary}/Wireshark.txt @ONLY NEWLINE_STYLE WIN32)
@@ -38,6 +40,16 @@ if(WIN32)
 endif()
 
 install(TARGETS ferrolt ferrolt-devsim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+
+# The library: its runtime file and SONAME link, the link for linking, the
+# header and the pkg-config file; and the Python package on it, where the
+# system's python3 looks (Debian: /usr/lib/python3/dist-packages).
+install(TARGETS ferrolt_library LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(FILES ${PROJECT_SOURCE_DIR}/api/include/ferrolt/ferrolt.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ferrolt)
+install(FILES ${PROJECT_BINARY_DIR}/api/ferrolt.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+set(FERROLT_PYTHON_DIR "lib/python3/dist-packages" CACHE STRING "Where the Python package ferrolt is installed")
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/api/python/ferrolt DESTINATION ${FERROLT_PYTHON_DIR}
+  FILES_MATCHING PATTERN "*.py" PATTERN "__pycache__" EXCLUDE)
 
 # udev reads /usr/lib/udev/rules.d and /etc/udev/rules.d, not /usr/local.
 configure_file(${packaging_source}/udev/70-ferrolt.rules.in ${packaging_binary}/70-ferrolt.rules @ONLY)

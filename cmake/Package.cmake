@@ -19,6 +19,10 @@ else()
     "Upgrades one USB-attached embedded Linux device, reads its version,\nfetches its logs, runs commands in a CLI session, moves files to and from\nit and runs its reliability test; with ferrolt-devsim, the device emulator.")
   # The library packages come from what the binaries link (dpkg-shlibdeps).
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+  # libferrolt.so.1: a shlibs file for the packages that link it, and
+  # ldconfig run on install and removal.
+  set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+  set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
   set(CPACK_PROJECT_CONFIG_FILE ${PROJECT_SOURCE_DIR}/cmake/PackageCheck.cmake)
   # One script as postinst and postrm: reload the udev rules.
   foreach(script postinst postrm)

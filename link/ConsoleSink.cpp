@@ -2,14 +2,12 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <vector>
+
+#include "platform/Hint.h"
 
 namespace ferrolt {
 
 namespace {
-
-// Enough for every console line the workers print; longer ones take the heap.
-constexpr size_t kLineBufferSize = 256;
 
 class StandardStreams final : public ConsoleSink {
  public:
@@ -31,26 +29,10 @@ class Silent final : public ConsoleSink {
 }  // namespace
 
 void ConsoleSink::PrintFormatted(const char* format, ...) {
-  char line[kLineBufferSize];
   va_list arguments;
   va_start(arguments, format);
-  va_list again;
-  va_copy(again, arguments);
-  const int length = std::vsnprintf(line, sizeof line, format, arguments);
+  Print(platform::FormatText(format, arguments));
   va_end(arguments);
-  if (length < 0) {
-    va_end(again);
-    return;
-  }
-  if (static_cast<size_t>(length) < sizeof line) {
-    va_end(again);
-    Print(std::string_view(line, static_cast<size_t>(length)));
-    return;
-  }
-  std::vector<char> longer(static_cast<size_t>(length) + 1);
-  std::vsnprintf(longer.data(), longer.size(), format, again);
-  va_end(again);
-  Print(std::string_view(longer.data(), static_cast<size_t>(length)));
 }
 
 ConsoleSink& StandardConsole() {

@@ -1,6 +1,8 @@
 // Finding the device's vendor interface among the listed USB interface
 // paths. Every backend lists paths in the Windows form, so this matching runs
 // unchanged on every platform.
+#include "link/DeviceDiscovery.h"
+
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -58,24 +60,41 @@ int32_t SearchFailure(uint32_t lastError) {
 }
 
 platform::Hint severalDevicesHint;
+// Room for the first line of that note.
+constexpr size_t kSeveralDevicesHeadingSize = 128;
 
 // Several attached devices answer to the ids: the user is shown each, with
-// what picks it, once a run.
+// what picks it, once a run, as one note.
 void ListMatchingDevices(platform::DeviceBackend& backend, const std::vector<std::string>& paths, int vendorId,
-                         int productId) {
+                         int productId, ConsoleSink& console) {
   if (!severalDevicesHint.First()) return;
-  platform::PrintHintText("%d devices have ids %04x:%04x and interface %d; the first is used:\n",
-                          static_cast<int>(paths.size()), static_cast<unsigned>(vendorId),
-                          static_cast<unsigned>(productId), kVendorInterface);
+  char heading[kSeveralDevicesHeadingSize];
+  std::snprintf(heading, sizeof heading,
+                "%d devices have ids %04x:%04x and interface %d; the first is used:", static_cast<int>(paths.size()),
+                static_cast<unsigned>(vendorId), static_cast<unsigned>(productId), kVendorInterface);
+  std::string note = heading;
   for (const std::string& path : paths) {
     const std::string description = backend.DescribeDevice(path);
-    std::fprintf(stderr, "  %s\n", description.empty() ? path.c_str() : description.c_str());
+    note += "\n  " + (description.empty() ? path : description);
   }
-  std::fprintf(stderr, "Set %s to the first or the second word of a line to choose that device.\n",
-               platform::kDeviceChoiceVariable);
+  note += std::string("\nSet ") + platform::kDeviceChoiceVariable +
+          " to the first or the second word of a line to choose that device.";
+  console.Note(note);
 }
 
 }  // namespace
+
+std::vector<platform::AttachedDevice> ListAttachedDevices(platform::DeviceBackend& backend) {
+  std::vector<platform::AttachedDevice> devices;
+  char lowered[kDevicePathSize] = {};
+  for (const std::string& path : backend.ListInterfaces().paths) {
+    CopyBounded(path, lowered, sizeof lowered);
+    LowerCaseInPlace(lowered);
+    if (!PathNamesDevice(lowered, kProductId, kVendorId)) continue;
+    devices.push_back(backend.Identify(path).value_or(platform::AttachedDevice{path, "", ""}));
+  }
+  return devices;
+}
 
 int32_t HresultFromWin32(uint32_t error) {
   if (static_cast<int32_t>(error) <= 0) return static_cast<int32_t>(error);
@@ -116,7 +135,7 @@ int32_t UsbLink::FindDevicePath(int productId, int vendorId, char* devicePath, s
     if (!matches.empty()) {
       // The first match is opened, as ever; the others are only shown.
       CopyBounded(matches.front(), devicePath, size);
-      if (matches.size() > 1) ListMatchingDevices(backend_, matches, vendorId, productId);
+      if (matches.size() > 1) ListMatchingDevices(backend_, matches, vendorId, productId, console_);
       return kFound;
     }
     if (FindRegisteredPath(productId, vendorId, devicePath, size)) return kFound;

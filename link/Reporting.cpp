@@ -1,5 +1,6 @@
 #include "link/Reporting.h"
 
+#include <cstdio>
 #include <string>
 
 namespace ferrolt {
@@ -25,6 +26,17 @@ class SilentVersion final : public IVersionInfoReadyCallBack {
 constexpr std::string_view kPercentTwiceEscaped = "%%%%";
 
 }  // namespace
+
+std::string FormatLogMessage(const char* format, std::va_list arguments) {
+  char message[kLogMessageBufferSize] = {};
+  std::vsnprintf(message, sizeof message, format, arguments);
+  std::string line;
+  for (const char* at = message; *at != '\0'; ++at) {
+    line += *at;
+    if (at[0] == '%' && at[1] == '%') ++at;
+  }
+  return line;
+}
 
 IProgressChangeCallBack& ProgressOrSilent(IProgressChangeCallBack* progress) {
   static SilentProgress silent;

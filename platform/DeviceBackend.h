@@ -12,9 +12,11 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "platform/Hint.h"
 #include "platform/Transfer.h"
 #include "platform/UsbInterfacePath.h"
 
@@ -49,6 +51,13 @@ struct InterfaceListing {
   // Interface paths in the Windows form "\\?\usb#vid_XXXX&pid_XXXX&mi_NN#...",
   // in enumeration order, in whatever letter case the system gives.
   std::vector<std::string> paths;
+};
+
+// One attached device as a program's listing shows it.
+struct AttachedDevice {
+  std::string place;   // what a program opens it by
+  std::string serial;  // empty when it has none, or none could be read
+  std::string speed;   // "high speed" and the like; empty when unknown
 };
 
 // One opened device interface: the file handle and the driver interface
@@ -122,6 +131,10 @@ class DeviceBackend {
   // one line. Empty where the backend knows no more than the path.
   virtual std::string DescribeDevice(const std::string& /*path*/) { return {}; }
 
+  // The device behind a path of the last listing; empty where the backend
+  // knows no more than the path.
+  virtual std::optional<AttachedDevice> Identify(const std::string& /*path*/) { return std::nullopt; }
+
   // Opens the interface that a listed path names (the CreateFile step; the
   // path may have been lower-cased since it was listed). Null when it cannot
   // be opened.
@@ -130,7 +143,13 @@ class DeviceBackend {
 
 // The backend this process uses: the emulator link when FERROLT_EMULATOR is
 // set, otherwise the platform's USB backend; its transfers recorded when
-// FERROLT_TRACE names a capture file.
-std::unique_ptr<DeviceBackend> CreateDefaultBackend();
+// FERROLT_TRACE names a capture file. Its hints go to hints, which must
+// outlive it.
+std::unique_ptr<DeviceBackend> CreateDefaultBackend(HintSink& hints = StandardErrorHints());
+
+// A program names the device by its place instead: "emulator:ADDRESS" (an
+// address as FERROLT_EMULATOR takes it) or what FERROLT_DEVICE takes; null
+// or empty is CreateDefaultBackend(). Null for an emulator without address.
+std::unique_ptr<DeviceBackend> CreateBackendFor(const char* place, HintSink& hints);
 
 }  // namespace ferrolt::platform

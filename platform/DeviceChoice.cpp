@@ -43,9 +43,9 @@ std::string DescribeIdentity(const DeviceIdentity& device, const std::string& sp
   return device.place + "  " + serial + (speed.empty() ? "" : "  " + speed);
 }
 
-void HintChoiceMatchesNothing(const DeviceChoice& choice) {
+void HintChoiceMatchesNothing(HintSink& hints, const DeviceChoice& choice) {
   const bool bySerial = choice.by == DeviceChoice::By::Serial;
-  noChoiceHint.Print("%s=%s%s: no attached USB device has that %s.\n", kDeviceChoiceVariable,
+  noChoiceHint.Print(hints, "%s=%s%s: no attached USB device has that %s.\n", kDeviceChoiceVariable,
                      bySerial ? kSerialPrefix : "", choice.value.c_str(), bySerial ? "serial number" : "place");
 }
 

@@ -7,6 +7,8 @@
 
 #include <string>
 
+#include "platform/Hint.h"
+
 namespace ferrolt::platform {
 
 inline constexpr const char* kDeviceChoiceVariable = "FERROLT_DEVICE";
@@ -40,6 +42,6 @@ std::string DescribeIdentity(const DeviceIdentity& device, const std::string& sp
 
 // The choice named no attached device: said once a run; the run goes on as
 // one without a device.
-void HintChoiceMatchesNothing(const DeviceChoice& choice);
+void HintChoiceMatchesNothing(HintSink& hints, const DeviceChoice& choice);
 
 }  // namespace ferrolt::platform

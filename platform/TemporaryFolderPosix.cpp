@@ -35,10 +35,10 @@ size_t TemporaryFolder(char* buffer, size_t size) {
 }
 
 void HintNoTemporaryFolder() {
-  noFolderHint.Print(
-      "the temporary folder %s is not a folder; set %s to one you can write to, or give the logs "
-      "command a zip path.\n",
-      FolderToTry().c_str(), kTempFolderVariable);
+  noFolderHint.Print(StandardErrorHints(),
+                     "the temporary folder %s is not a folder; set %s to one you can write to, or give the logs "
+                     "command a zip path.\n",
+                     FolderToTry().c_str(), kTempFolderVariable);
 }
 
 }  // namespace ferrolt::platform

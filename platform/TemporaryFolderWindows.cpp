@@ -20,10 +20,10 @@ size_t TemporaryFolder(char* buffer, size_t size) {
 }
 
 void HintNoTemporaryFolder() {
-  noFolderHint.Print(
-      "Windows gives no temporary folder (error %lu); set TMP or TEMP to a folder you can write to, "
-      "or give the logs command a zip path.\n",
-      static_cast<unsigned long>(GetLastError()));
+  noFolderHint.Print(StandardErrorHints(),
+                     "Windows gives no temporary folder (error %lu); set TMP or TEMP to a folder you can write to, "
+                     "or give the logs command a zip path.\n",
+                     static_cast<unsigned long>(GetLastError()));
 }
 
 }  // namespace ferrolt::platform

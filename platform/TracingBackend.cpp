@@ -66,6 +66,8 @@ void TracingBackend::HintNotFound(const UsbInterfaceId& wanted) { inner_->HintNo
 
 std::string TracingBackend::DescribeDevice(const std::string& path) { return inner_->DescribeDevice(path); }
 
+std::optional<AttachedDevice> TracingBackend::Identify(const std::string& path) { return inner_->Identify(path); }
+
 std::unique_ptr<DeviceConnection> TracingBackend::Open(const std::string& path) {
   std::unique_ptr<DeviceConnection> opened = inner_->Open(path);
   if (opened == nullptr) return nullptr;

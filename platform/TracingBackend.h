@@ -23,6 +23,7 @@ class TracingBackend final : public DeviceBackend {
   std::vector<std::string> ListRegisteredInterfaces(const UsbInterfaceId& wanted) override;
   void HintNotFound(const UsbInterfaceId& wanted) override;
   std::string DescribeDevice(const std::string& path) override;
+  std::optional<AttachedDevice> Identify(const std::string& path) override;
   std::unique_ptr<DeviceConnection> Open(const std::string& path) override;
 
  private:

@@ -31,6 +31,8 @@ test_packages+=(dpkg-dev file)
 # The capture tests decode the tool's captures with the Wireshark dissector
 # (packaging/wireshark/ferrolt.lua) in tshark.
 test_packages+=(tshark)
+# The Python package's tests, run by the system's python3.
+test_packages+=(python3-pytest)
 
 fetch_hidapi=false
 case "${1:-}" in

@@ -16,6 +16,34 @@ enum class Outcome : int {
   Cancelled,
 };
 
+// The number of each outcome: the tool's opt-in exit status, and the
+// library's status, as the README and the man page list them.
+inline constexpr int kStatusDone = 0;
+inline constexpr int kStatusUsage = 2;
+inline constexpr int kStatusDeviceNotFound = 3;
+inline constexpr int kStatusRefused = 4;
+inline constexpr int kStatusFailed = 5;
+inline constexpr int kStatusIncomplete = 6;
+inline constexpr int kStatusCancelled = 7;
+
+constexpr int ExitStatusOf(Outcome outcome) {
+  switch (outcome) {
+    case Outcome::Done:
+      return kStatusDone;
+    case Outcome::DeviceNotFound:
+      return kStatusDeviceNotFound;
+    case Outcome::Refused:
+      return kStatusRefused;
+    case Outcome::Incomplete:
+      return kStatusIncomplete;
+    case Outcome::Cancelled:
+      return kStatusCancelled;
+    case Outcome::Failed:
+      break;
+  }
+  return kStatusFailed;
+}
+
 class OperationOutcome {
  public:
   void Reset() {

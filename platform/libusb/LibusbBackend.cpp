@@ -3,6 +3,7 @@
 #include <fstream>
 #include <map>
 #include <mutex>
+#include <utility>
 
 #include "platform/DeviceChoice.h"
 #include "platform/UsbInterfacePath.h"
@@ -99,6 +100,8 @@ void AppendInterfacePaths(libusb_device* device, std::vector<std::string>& paths
 
 class LibusbBackend final : public DeviceBackend {
  public:
+  LibusbBackend(DeviceChoice choice, HintSink& hints) : choice_(std::move(choice)), hints_(hints) {}
+
   // No USB at all reads as a PC with nothing attached.
   InterfaceListing ListInterfaces() override {
     InterfaceListing listing;
@@ -107,29 +110,34 @@ class LibusbBackend final : public DeviceBackend {
     const std::shared_ptr<LibusbContext> context = FreshContext();
     if (context == nullptr) return listing;
     const DeviceList devices(context->Get());
-    const DeviceChoice choice = ChosenDevice();
-    std::map<std::string, std::string> descriptions;
+    std::map<std::string, AttachedDevice> attached;
     for (libusb_device* device : devices) {
       const std::string busPath = BusPathOf(device);
       const DeviceIdentity identity{busPath, SerialAt(busPath)};
-      if (!Chooses(choice, identity)) continue;
-      descriptions[InstanceOf(device)] = DescribeIdentity(identity, SpeedText(device));
+      if (!Chooses(choice_, identity)) continue;
+      attached[InstanceOf(device)] = AttachedDevice{busPath, identity.serial, SpeedText(device)};
       AppendInterfacePaths(device, listing.paths);
     }
-    if (descriptions.empty() && choice.by != DeviceChoice::By::Anything) HintChoiceMatchesNothing(choice);
+    if (attached.empty() && choice_.by != DeviceChoice::By::Anything) HintChoiceMatchesNothing(hints_, choice_);
     std::lock_guard<std::mutex> lock(mutex_);
-    descriptions_ = std::move(descriptions);
+    attached_ = std::move(attached);
     return listing;
   }
 
-  void HintNotFound(const UsbInterfaceId& wanted) override { HintNoDevice(wanted); }
+  void HintNotFound(const UsbInterfaceId& wanted) override { HintNoDevice(hints_, wanted); }
 
   std::string DescribeDevice(const std::string& path) override {
+    const std::optional<AttachedDevice> device = Identify(path);
+    return device ? DescribeIdentity({device->place, device->serial}, device->speed) : std::string();
+  }
+
+  std::optional<AttachedDevice> Identify(const std::string& path) override {
     const std::optional<ParsedInterfacePath> parsed = ParseInterfacePath(path);
-    if (!parsed) return {};
+    if (!parsed) return std::nullopt;
     std::lock_guard<std::mutex> lock(mutex_);
-    const auto found = descriptions_.find(parsed->instance);
-    return found != descriptions_.end() ? found->second : std::string();
+    const auto found = attached_.find(parsed->instance);
+    if (found == attached_.end()) return std::nullopt;
+    return found->second;
   }
 
   std::unique_ptr<DeviceConnection> Open(const std::string& path) override {
@@ -143,10 +151,10 @@ class LibusbBackend final : public DeviceBackend {
       libusb_device_handle* handle = nullptr;
       const int opened = libusb_open(device, &handle);
       if (opened != LIBUSB_SUCCESS) {
-        HintOpenFailure(device, parsed->id.vendorId, parsed->id.productId, opened);
+        HintOpenFailure(hints_, device, parsed->id.vendorId, parsed->id.productId, opened);
         return nullptr;
       }
-      return std::make_unique<LibusbConnection>(context, handle, parsed->id.interfaceNumber);
+      return std::make_unique<LibusbConnection>(context, handle, parsed->id.interfaceNumber, hints_);
     }
     return nullptr;
   }
@@ -173,14 +181,18 @@ class LibusbBackend final : public DeviceBackend {
     return FreshContext();
   }
 
+  const DeviceChoice choice_;
+  HintSink& hints_;
   std::mutex mutex_;
   std::shared_ptr<LibusbContext> context_;
   // What the last listing showed of each device, by path instance.
-  std::map<std::string, std::string> descriptions_;
+  std::map<std::string, AttachedDevice> attached_;
 };
 
 }  // namespace
 
-std::unique_ptr<DeviceBackend> CreateLibusbBackend() { return std::make_unique<LibusbBackend>(); }
+std::unique_ptr<DeviceBackend> CreateLibusbBackend(DeviceChoice choice, HintSink& hints) {
+  return std::make_unique<LibusbBackend>(std::move(choice), hints);
+}
 
 }  // namespace ferrolt::platform

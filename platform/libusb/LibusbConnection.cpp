@@ -36,10 +36,11 @@ bool IsInEndpoint(uint8_t endpoint) { return (endpoint & kEndpointDirectionIn) !
 }  // namespace
 
 LibusbConnection::LibusbConnection(std::shared_ptr<LibusbContext> context, libusb_device_handle* handle,
-                                   uint8_t interfaceNumber)
+                                   uint8_t interfaceNumber, HintSink& hints)
     : context_(std::move(context)),
       handle_(handle),
       interfaceNumber_(interfaceNumber),
+      hints_(hints),
       events_([this] { HandleEvents(); }) {}
 
 LibusbConnection::~LibusbConnection() {
@@ -72,7 +73,7 @@ bool LibusbConnection::Initialize() {
   libusb_set_auto_detach_kernel_driver(handle_, 1);
   const int claimed = libusb_claim_interface(handle_, interfaceNumber_);
   if (claimed != LIBUSB_SUCCESS) {
-    HintClaimFailure(libusb_get_device(handle_), interfaceNumber_, claimed);
+    HintClaimFailure(hints_, libusb_get_device(handle_), interfaceNumber_, claimed);
     return false;
   }
   claimed_ = true;

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "platform/DeviceBackend.h"
+#include "platform/Hint.h"
 #include "platform/libusb/LibusbContext.h"
 
 namespace ferrolt::platform {
@@ -30,8 +31,10 @@ inline constexpr std::chrono::milliseconds kLibusbCancelWait{1000};
 
 class LibusbConnection final : public DeviceConnection {
  public:
-  // Takes over an open handle of the device whose interface is interfaceNumber.
-  LibusbConnection(std::shared_ptr<LibusbContext> context, libusb_device_handle* handle, uint8_t interfaceNumber);
+  // Takes over an open handle of the device whose interface is interfaceNumber;
+  // a claim that fails is hinted to hints.
+  LibusbConnection(std::shared_ptr<LibusbContext> context, libusb_device_handle* handle, uint8_t interfaceNumber,
+                   HintSink& hints);
   ~LibusbConnection() override;
   LibusbConnection(const LibusbConnection&) = delete;
   LibusbConnection& operator=(const LibusbConnection&) = delete;
@@ -90,6 +93,7 @@ class LibusbConnection final : public DeviceConnection {
   const std::shared_ptr<LibusbContext> context_;
   libusb_device_handle* const handle_;
   const uint8_t interfaceNumber_;
+  HintSink& hints_;
   std::atomic<bool> claimed_{false};
   std::atomic<bool> stopping_{false};
 

@@ -4,6 +4,7 @@
 
 #include <map>
 #include <mutex>
+#include <utility>
 
 #include "platform/AsciiText.h"
 #include "platform/DeviceChoice.h"
@@ -20,7 +21,8 @@ constexpr DWORD kAttributes = FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OVERLAPPED;
 
 class WinUsbBackend final : public DeviceBackend {
  public:
-  WinUsbBackend(const WinUsbApi& api, const SetupApi& setup) : api_(api), setup_(setup) {}
+  WinUsbBackend(const WinUsbApi& api, const SetupApi& setup, DeviceChoice choice, HintSink& hints)
+      : api_(api), setup_(setup), choice_(std::move(choice)), hints_(hints) {}
 
   InterfaceListing ListInterfaces() override {
     std::vector<DeviceIdentity> identities;
@@ -39,12 +41,12 @@ class WinUsbBackend final : public DeviceBackend {
     std::lock_guard<std::mutex> lock(mutex_);
     const bool listedBefore = !descriptions_.empty();
     std::vector<std::string> kept = KeepChosen(paths, identities);
-    const DeviceChoice choice = ChosenDevice();
-    if (kept.empty() && !listedBefore && choice.by != DeviceChoice::By::Anything) HintChoiceMatchesNothing(choice);
+    if (kept.empty() && !listedBefore && choice_.by != DeviceChoice::By::Anything)
+      HintChoiceMatchesNothing(hints_, choice_);
     return kept;
   }
 
-  void HintNotFound(const UsbInterfaceId& wanted) override { HintNoDevice(wanted); }
+  void HintNotFound(const UsbInterfaceId& wanted) override { HintNoDevice(hints_, wanted); }
 
   std::string DescribeDevice(const std::string& path) override {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -56,21 +58,20 @@ class WinUsbBackend final : public DeviceBackend {
     const HANDLE file =
         setup_.CreateFileA(path.c_str(), kAccess, kSharing, nullptr, OPEN_EXISTING, kAttributes, nullptr);
     if (file == INVALID_HANDLE_VALUE) {
-      HintOpenFailure(GetLastError());
+      HintOpenFailure(hints_, GetLastError());
       return nullptr;
     }
-    return std::make_unique<WinUsbConnection>(api_, file);
+    return std::make_unique<WinUsbConnection>(api_, file, hints_);
   }
 
  private:
-  // The paths whose devices FERROLT_DEVICE chooses, each described for a
-  // list of several. Called with mutex_ held.
+  // The paths whose devices the choice names, each described for a list of
+  // several. Called with mutex_ held.
   std::vector<std::string> KeepChosen(const std::vector<std::string>& paths,
                                       const std::vector<DeviceIdentity>& identities) {
-    const DeviceChoice choice = ChosenDevice();
     std::vector<std::string> kept;
     for (size_t i = 0; i < paths.size() && i < identities.size(); ++i) {
-      if (!Chooses(choice, identities[i])) continue;
+      if (!Chooses(choice_, identities[i])) continue;
       kept.push_back(paths[i]);
       descriptions_[AsciiLowered(paths[i])] = DescribeIdentity(identities[i], "");
     }
@@ -79,6 +80,8 @@ class WinUsbBackend final : public DeviceBackend {
 
   const WinUsbApi& api_;
   const SetupApi& setup_;
+  const DeviceChoice choice_;
+  HintSink& hints_;
   std::mutex mutex_;
   // What the last listing showed of each chosen path's device, by the
   // lower-cased path.
@@ -87,8 +90,9 @@ class WinUsbBackend final : public DeviceBackend {
 
 }  // namespace
 
-std::unique_ptr<DeviceBackend> CreateWinUsbBackend(const WinUsbApi& api, const SetupApi& setup) {
-  return std::make_unique<WinUsbBackend>(api, setup);
+std::unique_ptr<DeviceBackend> CreateWinUsbBackend(const WinUsbApi& api, const SetupApi& setup, DeviceChoice choice,
+                                                   HintSink& hints) {
+  return std::make_unique<WinUsbBackend>(api, setup, std::move(choice), hints);
 }
 
 }  // namespace ferrolt::platform

@@ -26,7 +26,8 @@ PipeType PipeTypeOf(USBD_PIPE_TYPE type) {
 
 }  // namespace
 
-WinUsbConnection::WinUsbConnection(const WinUsbApi& api, HANDLE deviceFile) : api_(api), deviceFile_(deviceFile) {}
+WinUsbConnection::WinUsbConnection(const WinUsbApi& api, HANDLE deviceFile, HintSink& hints)
+    : api_(api), deviceFile_(deviceFile), hints_(hints) {}
 
 WinUsbConnection::~WinUsbConnection() {
   if (winUsb_ != nullptr) {
@@ -44,7 +45,7 @@ WinUsbConnection::~WinUsbConnection() {
 bool WinUsbConnection::Initialize() {
   WINUSB_INTERFACE_HANDLE winUsb = nullptr;
   if (!api_.Initialize(deviceFile_, &winUsb)) {
-    HintDriverFailure(GetLastError());
+    HintDriverFailure(hints_, GetLastError());
     return false;
   }
   winUsb_ = winUsb;

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/DeviceBackend.h"
+#include "platform/Hint.h"
 #include "platform/winusb/WinUsbApi.h"
 #include "platform/winusb/WinUsbTransfer.h"
 
@@ -22,8 +23,9 @@ inline constexpr std::chrono::milliseconds kWinUsbAbortWait{1000};
 
 class WinUsbConnection final : public DeviceConnection {
  public:
-  // Takes over a device file opened for overlapped I/O.
-  WinUsbConnection(const WinUsbApi& api, HANDLE deviceFile);
+  // Takes over a device file opened for overlapped I/O; a driver that fails
+  // is hinted to hints.
+  WinUsbConnection(const WinUsbApi& api, HANDLE deviceFile, HintSink& hints);
   // Aborts what is in flight, waits for it (bounded), frees the WinUSB
   // handle and closes the file.
   ~WinUsbConnection() override;
@@ -48,6 +50,7 @@ class WinUsbConnection final : public DeviceConnection {
 
   const WinUsbApi& api_;
   const HANDLE deviceFile_;
+  HintSink& hints_;
   // Set once by Initialize, before the connection is shared.
   WINUSB_INTERFACE_HANDLE winUsb_ = nullptr;
 

@@ -57,11 +57,16 @@ files=(
   /usr/share/doc/ferrolt/README.md
   /usr/share/doc/ferrolt/LICENSE
   "/usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)/wireshark/plugins/ferrolt.lua"
+  /usr/lib/libferrolt.so.1
+  /usr/include/ferrolt/ferrolt.h
+  /usr/lib/pkgconfig/ferrolt.pc
+  /usr/lib/python3/dist-packages/ferrolt/__init__.py
+  /usr/lib/python3/dist-packages/ferrolt/_native.py
 )
 for file in "${files[@]}"; do
   [ -f "$file" ] || fail "$file is not installed"
 done
-for program in /usr/bin/ferrolt /usr/bin/ferrolt-devsim; do
+for program in /usr/bin/ferrolt /usr/bin/ferrolt-devsim /usr/lib/libferrolt.so.1; do
   readelf -S "$program" | grep -q '\.symtab' && fail "$program is not stripped"
 done
 # The default ids, written as udev reads them.
@@ -88,6 +93,12 @@ status=0
   status=$?
 grep -qF "Version - 4.5.6" "$work/version.out" ||
   { cat "$work/version.out" >&2; fail "the installed ferrolt read no version (status $status)"; }
+# The library, as a program finds it: through pkg-config, and from the
+# system's python3 with nothing set but the emulator.
+[[ $(pkg-config --libs ferrolt) == *-lferrolt* ]] || fail "pkg-config --libs ferrolt: $(pkg-config --libs ferrolt 2>&1)"
+listing=$(cd / && FERROLT_EMULATOR=$work/device.sock timeout 60 /usr/bin/python3 -c \
+  'import ferrolt; print(ferrolt.devices())' 2>&1) || fail "python3 -c 'import ferrolt; ...': $listing"
+[[ $listing == *"place='emulator:$work/device.sock'"* ]] || fail "ferrolt.devices() gave $listing"
 kill "$devsim_pid"
 wait "$devsim_pid" || true
 devsim_pid=
