@@ -15,6 +15,7 @@
 #include "admin/CliSession.h"
 #include "admin/RetrieveVersion.h"
 #include "link/DevicePacket.h"
+#include "link/Reporting.h"
 #include "tests/fuzz/FedLink.h"
 #include "transfer/DownloadFile.h"
 #include "transfer/DownloadLogs.h"
