@@ -12,8 +12,9 @@ packages=(g++ cmake ninja-build pkg-config libusb-1.0-0-dev libzip-dev unzip)
 # The test set, a group per need.
 test_packages=()
 # GoogleTest; clang and its runtime for the fuzzers (libFuzzer); zip for the
-# tests' archives.
-test_packages+=(libgtest-dev libgmock-dev clang libclang-rt-14-dev zip)
+# tests' archives; ccache, so the test run's five builds compile only what
+# changed since the last run.
+test_packages+=(libgtest-dev libgmock-dev clang libclang-rt-14-dev zip ccache)
 # The libusb backend's tests: an emulated USB bus (umockdev and its preload library).
 test_packages+=(umockdev libumockdev-dev)
 # ferrolt-devsim's usbredir front, and the test that runs the tool in a QEMU
