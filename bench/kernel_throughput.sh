@@ -1,18 +1,20 @@
 #!/usr/bin/env bash
-# The window against one transfer in flight, through a real kernel's USB
+# The tool against what the same kernel carries, through a real kernel's USB
 # stack: the tool built twice (the default preset, and "window1" with one
 # write in flight and one read queued), each in the QEMU guest of
-# tests/kernel/guest.sh, talking to ferrolt-devsim's usbredir front. In each
-# guest: an upgrade and a download of the same bundle, timed, then the
-# upgrade again while the device refuses 1% of its packets, and the download
-# again from a device that sends each block as a USB packet of its own
-# (ferrolt-devsim's block-per-packet; otherwise it fills each 512-byte
-# packet with up to 8 due blocks, and one read in flight already moves
-# them all). Every byte is
-# compared: the bundle the device received against the one sent, the
-# downloaded file against the device's. Prints packets/s and MiB/s of both
-# builds and their ratio against the goal; exits non-zero when a byte
-# differs or an operation fails, never for speed.
+# tests/kernel/guest.sh, talking to ferrolt-devsim's usbredir front, beside
+# a bare libusb pump (bench/kernel/BareUsbPump.cpp) that moves the same
+# packets with the same window and nothing of the tool's. In each guest, two
+# interleaved rounds of: the tool's upgrade, the pump's, the tool's download
+# of the same file, the pump's; then the tool's upgrade again while the
+# device refuses 1% of its packets, and its download again from a device
+# that sends each block as a USB packet of its own (ferrolt-devsim's
+# block-per-packet; otherwise it fills each 512-byte packet with up to 8 due
+# blocks, and one read in flight already moves them all). Every byte is
+# compared: the bundle the device received against the one sent, each
+# downloaded file against the device's. Prints packets/s and MiB/s, the
+# window's gain and the tool/pump ratios against their goals; exits non-zero
+# when a byte differs or an operation fails, never for speed.
 #   bench/kernel_throughput.sh [MIB]     bundle size in MiB (default 8)
 # Exit status 77: no QEMU or no kernel here (skipped).
 set -euo pipefail
@@ -24,6 +26,10 @@ readonly kPayloadSize=57  # bundle bytes per upgrade and download packet
 readonly kNackPercent=1
 readonly kNackSeed=16
 readonly kGoal=2.5
+readonly kBareGoal=0.8
+# The phases the device is restarted between, each ending with an upgrade
+# whose bytes are compared; the last device serves the block-per-packet download.
+readonly kPhases=(upgrade1 bare_upgrade1 upgrade2 bare_upgrade2 storm)
 readonly kListenLimit=10    # seconds for ferrolt-devsim to listen
 readonly kPhaseLimit=900    # seconds for one guest phase: only against a hung guest
 readonly kVersion=1.0.0
@@ -36,7 +42,7 @@ readonly size=$((kSizeMiB * 1024 * 1024))
 readonly packets=$(((size + kPayloadSize - 1) / kPayloadSize))
 
 cmake --preset default >/dev/null
-cmake --build --preset default --target ferrolt ferrolt-devsim >/dev/null
+cmake --build --preset default --target ferrolt ferrolt-devsim bare_usb_pump >/dev/null
 cmake --preset window1 >/dev/null
 cmake --build --preset window1 --target ferrolt >/dev/null
 window=$(sed -n 's/^#define FERROLT_TRANSFERS_IN_FLIGHT \([0-9]*\)$/\1/p' link/Limits.h)
@@ -64,6 +70,7 @@ readonly nacks=$(spread "$packets" $((packets * kNackPercent / 100)))
 head -c "$size" /dev/urandom >"$work/bundle.bin"
 mkdir -p "$work/payload"
 cp "$work/bundle.bin" "$work/payload/"
+objcopy --strip-debug build/default/bench/bare_usb_pump "$work/payload/bare_usb_pump"
 # The guest's side, with the helpers of tests/kernel/init: "@@time NAME
 # STATUS CENTISECONDS" for each operation, "@@same NAME" or "@@differs NAME"
 # for each download.
@@ -78,19 +85,27 @@ timed() {
   echo "@@time $name $status $(($(centiseconds) - start))"
   [ $status -eq 0 ] || tail -n 3 /tmp/out /tmp/err
 }
-wait_device ''
-timed version ferrolt version
-timed upgrade ferrolt upgrade /payload/bundle.bin
+# download NAME COMMAND...: timed, and the file it wrote compared.
 download() {
-  timed "$1" ferrolt download /tmp/bundle.bin got.bin
+  timed "$@"
   if cmp -s got.bin /payload/bundle.bin; then echo "@@same $1"; else echo "@@differs $1"; fi
   rm -f got.bin
 }
-download download
-phase 1
+window=$(cat /payload/window)
+pump=/payload/bare_usb_pump
+wait_device ''
+timed version ferrolt version
+for round in 1 2; do
+  timed upgrade$round ferrolt upgrade /payload/bundle.bin
+  phase upgrade$round
+  timed bare_upgrade$round $pump upgrade /payload/bundle.bin "$window"
+  phase bare_upgrade$round
+  download download$round ferrolt download /tmp/bundle.bin got.bin
+  download bare_download$round $pump download /tmp/bundle.bin got.bin "$window"
+done
 timed storm ferrolt upgrade /payload/bundle.bin
-phase 2
-download blocks
+phase storm
+download blocks ferrolt download /tmp/bundle.bin got.bin
 EOF
 
 # ferrolt-devsim on the guest's socket, its root ROOT, with FAULTS...
@@ -141,12 +156,15 @@ received() {
   fi
 }
 
-# One boot of the guest with the tool of build folder BUILD; leaves
-# NAME_version, NAME_upgrade, NAME_download, NAME_storm, NAME_blocks
-# (centiseconds) and what was compared in results.
+# One boot of the guest with the tool of build folder BUILD and the pump
+# with WINDOW; leaves each operation's centiseconds (NAME_version,
+# NAME_upgrade1, NAME_bare_download2, NAME_storm, NAME_blocks ...), each
+# pair of rounds' mean (NAME_upgrade, NAME_bare_download ...) and what was
+# compared in results.
 declare -A results
 run_build() {
-  local name=$1 build=$2 console="$work/$1.console" status
+  local name=$1 build=$2 console="$work/$1.console" status phase
+  echo "$3" >"$work/payload/window"
   status=0
   "$guest" prepare "$kernelDir" "$build/app/ferrolt" "$work/payload" || status=$?
   if [ "$status" -eq "$kSkip" ]; then
@@ -154,18 +172,18 @@ run_build() {
     exit "$kSkip"
   fi
   [ "$status" -eq 0 ] || exit "$status"
-  start_device "$work/$name.root0"
   : >"$console"
-  "$guest" boot "$kernelDir" "$work/usbredir.sock" >"$console" 2>&1 &
-  guest_pid=$!
-  await "$console" "@@phase 1"
-  stop_device
-  received "$work/$name.root0" "${name}_upgrade_bytes"
-  start_device "$work/$name.root1" --fault "nack=$nacks"
-  await "$console" "@@phase 2"
-  stop_device
-  received "$work/$name.root1" "${name}_storm_bytes"
-  start_device "$work/$name.root2" --fault block-per-packet
+  for phase in "${kPhases[@]}"; do
+    if [ "$phase" = storm ]; then start_device "$work/$name.$phase" --fault "nack=$nacks"; else start_device "$work/$name.$phase"; fi
+    if [ -z "$guest_pid" ]; then
+      "$guest" boot "$kernelDir" "$work/usbredir.sock" >"$console" 2>&1 &
+      guest_pid=$!
+    fi
+    await "$console" "@@phase $phase"
+    stop_device
+    received "$work/$name.$phase" "${name}_${phase}_bytes"
+  done
+  start_device "$work/$name.blocks" --fault block-per-packet
   await "$console" "@@end"
   wait "$guest_pid" || true
   guest_pid=""
@@ -175,7 +193,7 @@ run_build() {
     results[${name}_$op]=$centis
     [ "$code" = 0 ] || { echo "$name: $op exited $code" >&2; ((++failures)); }
   done < <(tr -d '\r' <"$console" | grep "^@@time ")
-  for op in download blocks; do
+  for op in download1 download2 bare_download1 bare_download2 blocks; do
     if tr -d '\r' <"$console" | grep -q "^@@same $op\$"; then
       results[${name}_${op}_bytes]=same
     else
@@ -183,13 +201,24 @@ run_build() {
       ((++failures))
     fi
   done
-  for op in version upgrade download storm blocks; do
+  for op in version upgrade1 upgrade2 bare_upgrade1 bare_upgrade2 download1 download2 bare_download1 bare_download2 storm blocks; do
     [ -n "${results[${name}_$op]:-}" ] || { echo "$name: no time for $op" >&2; tr -d '\r' <"$console" | tail -n 20 >&2; exit 1; }
+  done
+  for op in upgrade bare_upgrade download bare_download; do
+    results[${name}_$op]=$(((results[${name}_${op}1] + results[${name}_${op}2]) / 2))
+    results[${name}_${op}_bytes]=$(same_in "${name}_${op}1_bytes" "${name}_${op}2_bytes")
   done
 }
 
-run_build window build/default
-run_build one build/window1
+# "same" when every KEY's result is, else "differs".
+same_in() {
+  local key
+  for key; do [ "${results[$key]}" = same ] || { echo differs; return; }; done
+  echo same
+}
+
+run_build window build/default "$window"
+run_build one build/window1 1
 
 # rate CENTISECONDS: "S s, P packets/s, M MiB/s".
 rate() {
@@ -218,6 +247,15 @@ for op in upgrade download blocks; do
   echo "$(label $op), window $window: $(rate "${results[window_$op]}") ($(packet_rate window "$op")), bytes ${results[window_${op}_bytes]}"
   echo "$(label $op), window 1:  $(rate "${results[one_$op]}") ($(packet_rate one "$op")), bytes ${results[one_${op}_bytes]}"
   echo "$(label $op), window $window / window 1: $(ratio "${results[one_$op]}" "${results[window_$op]}")x, $(packet_ratio "$op")x less \"ferrolt version\" (goal ${kGoal}x)"
+done
+# The tool's rate over the pump's with the same window: on the packets
+# alone (less "ferrolt version") and for the whole run.
+for op in upgrade download; do
+  for name in window one; do
+    if [ "$name" = window ]; then in_flight=$window; else in_flight=1; fi
+    echo "$op, bare libusb pump, window $in_flight: $(rate "${results[${name}_bare_$op]}"), bytes ${results[${name}_bare_${op}_bytes]}"
+    echo "$op, tool / bare pump, window $in_flight: $(ratio "${results[${name}_bare_$op]}" "$((results[${name}_$op] - results[${name}_version]))")x on the packets, $(ratio "${results[${name}_bare_$op]}" "${results[${name}_$op]}")x for the whole run (goal ${kBareGoal}x on the packets)"
+  done
 done
 count=$(awk -F, '{ print NF }' <<<"$nacks")
 storm="upgrade, $count packets refused once (${kNackPercent}%, seed $kNackSeed)"
