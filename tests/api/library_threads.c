@@ -145,8 +145,7 @@ static void Options(const char *place, const char *folder, int baseline) {
   char trace[600], bundle[600];
   snprintf(trace, sizeof trace, "%s/device.pcapng", folder);
   snprintf(bundle, sizeof bundle, "%s/bundle.img", folder);
-  ferrolt_open_options options = {sizeof options};
-  options.trace_path = trace;
+  ferrolt_open_options options = {.size = sizeof options, .trace_path = trace};
   ferrolt_device *device = NULL;
   CHECK(ferrolt_open_with(place, &options, &device) == FERROLT_DONE);
   if (device == NULL) return;
@@ -165,7 +164,7 @@ static void Options(const char *place, const char *folder, int baseline) {
   CHECK(file != NULL && fread(head, 1, sizeof head, file) == sizeof head);
   if (file != NULL) fclose(file);
   CHECK(head[0] == 0x0a && head[1] == 0x0d && head[2] == 0x0d && head[3] == 0x0a);
-  ferrolt_open_options shorter = {sizeof(size_t)};
+  ferrolt_open_options shorter = {.size = sizeof(size_t)};
   CHECK(ferrolt_open_with(place, &shorter, &device) == FERROLT_INVALID_ARGUMENT);
 }
 

@@ -4,9 +4,9 @@
  * A program opens a device by its place, then runs one operation at a time
  * on it: each operation is one call that blocks until the operation has
  * ended, reports what happens through the callbacks the caller passes, and
- * returns a ferrolt_status. The library prints nothing, never exits,
- * installs no signal or console handler, and leaves no thread of its own
- * running when a call returns.
+ * returns a ferrolt_status. The library prints nothing (but see
+ * trace_path), never exits, installs no signal or console handler, and
+ * leaves no thread of its own running when a call returns.
  *
  * Threads: every device is independent of every other, so several devices
  * may run operations at the same time, each from its own thread. On one
@@ -110,9 +110,10 @@ FERROLT_API ferrolt_status ferrolt_list_devices(ferrolt_device_info *devices, si
 FERROLT_API ferrolt_status ferrolt_open(const char *place, ferrolt_device **device);
 
 /* What ferrolt_open_with takes beyond the place. Set size to
- * sizeof(ferrolt_open_options) and every other member to zero (as
- * `ferrolt_open_options options = {sizeof options};` does), then what is
- * wanted: members added in later versions of the library go at the end, and
+ * sizeof(ferrolt_open_options) and every other member to zero, then what is
+ * wanted, as designated initializers do:
+ *   ferrolt_open_options options = {.size = sizeof options, .trace_path = "device.pcapng"};
+ * Members added in later versions of the library go at the end, and
  * a library reads only the size bytes a caller says it set, taking the rest
  * as zero. A caller built against an older header so keeps working. */
 typedef struct ferrolt_open_options {
@@ -122,7 +123,10 @@ typedef struct ferrolt_open_options {
    * of Linux's usbmon, the device's descriptors first), as the tool's
    * FERROLT_TRACE=FILE records them; the file is created, or emptied, at the
    * open, and written out in full by ferrolt_close. Wireshark reads it, with
-   * the dissector the packages carry. */
+   * the dissector the packages carry. A file that cannot be created fails
+   * the open; should writing it fail later (a full disk), the capture says
+   * so once on standard error, the one line the library may print, and the
+   * operations go on without it. */
   const char *trace_path;
 } ferrolt_open_options;
 
