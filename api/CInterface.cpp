@@ -2,6 +2,7 @@
 // device's Run with the entry point of the operation. Nothing here throws
 // across the interface: an allocation that fails is a failed call.
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <exception>
 #include <initializer_list>
@@ -24,6 +25,11 @@ namespace {
 
 using ferrolt::DeviceAdmin;
 using ferrolt::api::CallerReporters;
+
+// The size of ferrolt_open_options as the first header had it.
+constexpr size_t kFirstOpenOptionsSize = offsetof(ferrolt_open_options, trace_path) + sizeof(const char*);
+// The upload flags this library knows.
+constexpr unsigned int kUploadFlags = FERROLT_UPLOAD_VERIFY;
 
 // Copies text into a buffer of size bytes, cut to fit, zero-terminated.
 void CopyText(const std::string& text, char* buffer, size_t size) {
@@ -71,12 +77,23 @@ ferrolt_status ferrolt_list_devices(ferrolt_device_info* devices, size_t capacit
 }
 
 ferrolt_status ferrolt_open(const char* place, ferrolt_device** device) {
+  return ferrolt_open_with(place, nullptr, device);
+}
+
+ferrolt_status ferrolt_open_with(const char* place, const ferrolt_open_options* options, ferrolt_device** device) {
   if (device == nullptr) return FERROLT_INVALID_ARGUMENT;
   *device = nullptr;
+  // The members a caller set: those within its size; the rest are zero.
+  ferrolt_open_options given{sizeof given, nullptr};
+  if (options != nullptr) {
+    if (options->size < kFirstOpenOptionsSize) return FERROLT_INVALID_ARGUMENT;
+    std::memcpy(&given, options, std::min(options->size, sizeof given));
+  }
   try {
-    std::unique_ptr<ferrolt::api::OpenedDevice> opened = ferrolt::api::OpenedDevice::Open(place);
-    if (opened == nullptr) return FERROLT_INVALID_ARGUMENT;
-    *device = new ferrolt_device{std::move(opened)};
+    ferrolt::api::OpenedDevice::Opening opening =
+        ferrolt::api::OpenedDevice::Open(place, given.trace_path != nullptr ? given.trace_path : "");
+    if (opening.device == nullptr) return opening.status;
+    *device = new ferrolt_device{std::move(opening.device)};
     return FERROLT_DONE;
   } catch (const std::exception&) {
     return FERROLT_FAILED;
@@ -113,7 +130,18 @@ ferrolt_status ferrolt_upgrade(ferrolt_device* device, const char* bundle_path, 
 }
 
 ferrolt_status ferrolt_upload(ferrolt_device* device, const char* local_path, const ferrolt_callbacks* callbacks) {
-  return RunWith(device, callbacks, {local_path}, [local_path](DeviceAdmin& admin, CallerReporters& reporters) {
+  return ferrolt_upload_with_flags(device, local_path, 0, callbacks);
+}
+
+ferrolt_status ferrolt_upload_with_flags(ferrolt_device* device, const char* local_path, unsigned int flags,
+                                         const ferrolt_callbacks* callbacks) {
+  if (device != nullptr && (flags & ~kUploadFlags) != 0)
+    return device->opened->Refuse(FERROLT_INVALID_ARGUMENT, "an upload flag this library does not know");
+  const bool verify = (flags & FERROLT_UPLOAD_VERIFY) != 0;
+  // Set on the calling thread before the worker starts, and for every
+  // upload, so one upload's check does not carry over to the next.
+  return RunWith(device, callbacks, {local_path}, [local_path, verify](DeviceAdmin& admin, CallerReporters& reporters) {
+    admin.ReadBackUploads(verify);
     return admin.UploadFileAsync(local_path, &reporters, &reporters);
   });
 }

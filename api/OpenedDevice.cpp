@@ -1,12 +1,17 @@
 #include "api/OpenedDevice.h"
 
+#include <cstdio>
 #include <utility>
 
+#include "capture/UsbCapture.h"
 #include "link/Limits.h"
+#include "platform/TracingBackend.h"
 
 namespace ferrolt::api {
 namespace {
 
+// Where the capture file says who wrote it.
+constexpr const char* kProgramName = "libferrolt";
 constexpr const char* kBusyMessage = "another operation is running on this device";
 
 // The library's statuses are the tool's exit statuses.
@@ -38,11 +43,23 @@ std::string StatusText(ferrolt_status status) {
 
 }  // namespace
 
-std::unique_ptr<OpenedDevice> OpenedDevice::Open(const char* place) {
+OpenedDevice::Opening OpenedDevice::Open(const char* place, const std::string& tracePath) {
   auto reporters = std::make_unique<CallerReporters>();
   std::unique_ptr<platform::DeviceBackend> backend = platform::CreateBackendFor(place, *reporters);
-  if (backend == nullptr) return nullptr;
-  return std::unique_ptr<OpenedDevice>(new OpenedDevice(std::move(reporters), std::move(backend)));
+  if (backend == nullptr) return {FERROLT_INVALID_ARGUMENT, nullptr};
+  if (!tracePath.empty()) {
+    // The capture says on standard error when it cannot create its file, and
+    // the library prints nothing: a file that cannot be created is found here
+    // first, and the open fails instead.
+    std::FILE* probe = std::fopen(tracePath.c_str(), "wb");
+    if (probe == nullptr) return {FERROLT_FAILED, nullptr};
+    std::fclose(probe);
+    std::shared_ptr<capture::UsbCapture> capture = capture::UsbCapture::Create(tracePath, kProgramName);
+    if (capture == nullptr) return {FERROLT_FAILED, nullptr};
+    // The capture lives as long as the backend, so ferrolt_close writes it out.
+    backend = std::make_unique<platform::TracingBackend>(std::move(backend), std::move(capture));
+  }
+  return {FERROLT_DONE, std::unique_ptr<OpenedDevice>(new OpenedDevice(std::move(reporters), std::move(backend)))};
 }
 
 OpenedDevice::OpenedDevice(std::unique_ptr<CallerReporters> reporters, std::unique_ptr<platform::DeviceBackend> backend)

@@ -18,9 +18,16 @@ namespace ferrolt::api {
 
 class OpenedDevice {
  public:
-  // The device at place (see ferrolt_open); null when place names nothing a
-  // backend can look for.
-  static std::unique_ptr<OpenedDevice> Open(const char* place);
+  // The device, or null and the status that says why.
+  struct Opening {
+    ferrolt_status status = FERROLT_DONE;
+    std::unique_ptr<OpenedDevice> device;
+  };
+  // The device at place (see ferrolt_open), its transfers recorded in the
+  // capture tracePath names unless that is empty (see ferrolt_open_options).
+  // FERROLT_INVALID_ARGUMENT when place names nothing a backend can look for;
+  // FERROLT_FAILED when the capture cannot be created.
+  static Opening Open(const char* place, const std::string& tracePath);
   // Expects no call under way on the device.
   ~OpenedDevice();
   OpenedDevice(const OpenedDevice&) = delete;

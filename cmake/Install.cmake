@@ -2,7 +2,8 @@
 # Linux: both programs, libferrolt with its header, pkg-config file and Python
 # package, the udev rule, the man pages, bash completion, the Wireshark
 # dissector, README and licence. On Windows (the zip): ferrolt.exe and
-# ferrolt.dll beside their texts and the dissector.
+# ferrolt.dll with its import library, header and Python package, beside
+# their texts and the dissector.
 include(GNUInstallDirs)
 
 # An id of the device as udev and lsusb show it: four lower-case hex digits,
@@ -29,6 +30,10 @@ if(WIN32)
   configure_file(${packaging_source}/windows/WinUSB.txt ${packaging_binary}/WinUSB.txt @ONLY NEWLINE_STYLE WIN32)
   install(TARGETS ferrolt ferrolt_library RUNTIME DESTINATION . ARCHIVE DESTINATION .)
   install(FILES ${PROJECT_SOURCE_DIR}/api/include/ferrolt/ferrolt.h DESTINATION .)
+  # The Python package beside ferrolt.dll, which it loads from there: with
+  # the unpacked folder on PYTHONPATH, `import ferrolt` works as it stands.
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/api/python/ferrolt DESTINATION .
+    FILES_MATCHING PATTERN "*.py" PATTERN "__pycache__" EXCLUDE)
   install(FILES ${packaging_binary}/WinUSB.txt ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/LICENSE DESTINATION .)
   # The Wireshark dissector, and where to put it.
   configure_file(${packaging_source}/windows/Wireshark.txt ${packaging_binary}/Wireshark.txt @ONLY NEWLINE_STYLE WIN32)
@@ -79,3 +84,17 @@ install(FILES ${packaging_source}/wireshark/ferrolt.lua
 install(FILES ${packaging_source}/bash-completion/ferrolt
   DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions)
 install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
+
+# What Debian wants beside them: the licence as a machine-readable copyright
+# file, and a changelog, compressed as man pages are (-n: the same bytes at
+# every build). The changelog's entry is signed by the package's maintainer.
+set(FERROLT_DEB_MAINTAINER "The ferrolt developers <ferrolt@example.org>"
+  CACHE STRING "The .deb's Maintainer: a name and an address in angle brackets")
+configure_file(${packaging_source}/deb/changelog.in ${packaging_binary}/changelog @ONLY)
+add_custom_command(OUTPUT ${packaging_binary}/changelog.gz
+  COMMAND gzip -9nkf changelog
+  DEPENDS ${packaging_binary}/changelog
+  WORKING_DIRECTORY ${packaging_binary}
+  VERBATIM)
+add_custom_target(ferrolt_changelog ALL DEPENDS ${packaging_binary}/changelog.gz)
+install(FILES ${packaging_binary}/changelog.gz ${packaging_source}/deb/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})

@@ -29,6 +29,8 @@ test_packages+=(g++-mingw-w64-x86-64-posix googletest wine64 wine)
 # The .deb: CPack finds the binaries with file and their library packages
 # with dpkg-shlibdeps.
 test_packages+=(dpkg-dev file)
+# tests/package/deb-test.sh holds the .deb to Debian's lintian.
+test_packages+=(lintian)
 # The capture tests decode the tool's captures with the Wireshark dissector
 # (packaging/wireshark/ferrolt.lua) in tshark.
 test_packages+=(tshark)

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Cross-builds ferrolt.exe and its tests for Windows with MinGW-w64 (the
-# mingw preset, into build/mingw/), packs the zip and runs the tests under
-# Wine.
+# Cross-builds ferrolt.exe, ferrolt.dll and their tests for Windows with
+# MinGW-w64 (the mingw preset, into build/mingw/), packs the zip and runs the
+# tests under Wine. The tests that need a device use the default preset's
+# ferrolt-devsim: build that first.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -22,7 +23,8 @@ rm -rf build/mingw/package
 (cd build/mingw && cpack -G ZIP -B package >/dev/null)
 zip=$(echo build/mingw/package/ferrolt-*-win64.zip)
 unzip -Z1 "$zip" | tee build/mingw/package/contents.txt
-for file in ferrolt.exe WinUSB.txt README.md LICENSE hidapi-LICENSE.txt ferrolt.lua Wireshark.txt; do
+for file in ferrolt.exe ferrolt.dll libferrolt.dll.a ferrolt.h ferrolt/__init__.py ferrolt/_native.py \
+  WinUSB.txt README.md LICENSE hidapi-LICENSE.txt ferrolt.lua Wireshark.txt; do
   grep -qx "[^/]*/$file" build/mingw/package/contents.txt || { echo "$zip holds no $file"; exit 1; }
 done
 unzip -p "$zip" '*/WinUSB.txt' | grep -q "interface 4" || { echo "$zip: WinUSB.txt says nothing of interface 4"; exit 1; }

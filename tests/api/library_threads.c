@@ -1,7 +1,8 @@
 /* What only the C interface shows: calls with no callbacks at all, a cancel
- * racing the end of an operation, and no thread of the library's left once a
- * call has returned. Runs against ferrolt-devsim; a plain C program, so the
- * header is held to C as well. Exit status 0 when every check holds. */
+ * racing the end of an operation, the open's and the upload's options, and no
+ * thread of the library's left once a call has returned. Runs against
+ * ferrolt-devsim; a plain C program, so the header is held to C as well.
+ * Exit status 0 when every check holds. */
 #define _GNU_SOURCE
 #include <dirent.h>
 #include <pthread.h>
@@ -136,6 +137,37 @@ static void CancelRacingTheEnd(ferrolt_device *device, int baseline) {
   CHECK(ferrolt_version(device, version, sizeof version, NULL) == FERROLT_DONE);
 }
 
+/* The open's and the upload's options, on the threads they run on: a capture
+ * every transfer is recorded in (by the worker and by the upgrade's reader),
+ * and an upload read back. An options struct shorter than the first version
+ * is refused, as is an upload flag the library does not know. */
+static void Options(const char *place, const char *folder, int baseline) {
+  char trace[600], bundle[600];
+  snprintf(trace, sizeof trace, "%s/device.pcapng", folder);
+  snprintf(bundle, sizeof bundle, "%s/bundle.img", folder);
+  ferrolt_open_options options = {.size = sizeof options, .trace_path = trace};
+  ferrolt_device *device = NULL;
+  CHECK(ferrolt_open_with(place, &options, &device) == FERROLT_DONE);
+  if (device == NULL) return;
+  char version[FERROLT_VERSION_SIZE];
+  CHECK(ferrolt_version(device, version, sizeof version, NULL) == FERROLT_DONE);
+  CHECK(ferrolt_upgrade(device, bundle, NULL) == FERROLT_DONE);
+  /* The device names an upload by the whole of a path without backslashes. */
+  CHECK(chdir(folder) == 0);
+  CHECK(ferrolt_upload_with_flags(device, "bundle.img", FERROLT_UPLOAD_VERIFY, NULL) == FERROLT_DONE);
+  CHECK(chdir("/") == 0);
+  CHECK(ferrolt_upload_with_flags(device, bundle, 0x80u, NULL) == FERROLT_INVALID_ARGUMENT);
+  ferrolt_close(device);
+  CHECK(NoThreadLeft(baseline));
+  FILE *file = fopen(trace, "rb");
+  unsigned char head[4] = {0};
+  CHECK(file != NULL && fread(head, 1, sizeof head, file) == sizeof head);
+  if (file != NULL) fclose(file);
+  CHECK(head[0] == 0x0a && head[1] == 0x0d && head[2] == 0x0d && head[3] == 0x0a);
+  ferrolt_open_options shorter = {.size = sizeof(size_t)};
+  CHECK(ferrolt_open_with(place, &shorter, &device) == FERROLT_INVALID_ARGUMENT);
+}
+
 int main(void) {
   char folder[] = "/tmp/ferrolt-c-test.XXXXXX";
   if (mkdtemp(folder) == NULL) return 2;
@@ -155,6 +187,7 @@ int main(void) {
   CancelRacingTheEnd(device, baseline);
   ferrolt_close(device);
   CHECK(NoThreadLeft(baseline));
+  Options(place, folder, baseline);
 
   kill(devsim, SIGTERM);
   waitpid(devsim, NULL, 0);

@@ -180,3 +180,36 @@ def test_three_devices_upgrade_at_once(devsim, tmp_path):
     for device_sim, bundle in zip(devices, bundles):
         assert (device_sim.root / "upgrade" / "bundle.img").read_bytes() == bundle.read_bytes()
     assert_no_thread_left()
+
+
+def test_trace_option_writes_a_pcapng_capture(devsim, tmp_path, capfd):
+    device_sim = devsim()
+    trace = tmp_path / "device.pcapng"
+    with ferrolt.open(device_sim.place, trace=trace) as device:
+        assert device.version() == DEVICE_VERSION
+    data = trace.read_bytes()
+    # A Section Header Block: its type, then (after its length) the
+    # byte-order magic, little-endian as written here.
+    assert data[:4] == b"\x0a\x0d\x0d\x0a" and data[8:12] == b"\x4d\x3c\x2b\x1a"
+    # The version's request and reply are in it, past the header blocks.
+    assert len(data) > 200
+    with pytest.raises(ferrolt.Failed, match="capture"):
+        ferrolt.open(device_sim.place, trace=tmp_path / "no-such-folder" / "device.pcapng")
+    assert capfd.readouterr() == ("", "")
+
+
+def test_upload_verify_reads_the_file_back(devsim, tmp_path, monkeypatch):
+    monkeypatch.chdir(tmp_path)
+    payload = Path("checked.bin")
+    payload.write_bytes(os.urandom(30_000))
+    lines: list[str] = []
+    with ferrolt.open(devsim("good").place) as device:
+        device.upload(payload, log=lines.append, verify=True)
+        assert f"verified: /tmp/checked.bin on the device holds the 30000 bytes sent." in lines
+        lines.clear()
+        device.upload(payload, log=lines.append)
+        assert not [line for line in lines if "verified" in line]
+    # A device that cannot send the file back: the upload is not proven.
+    with ferrolt.open(devsim("no-read-back", "bad-start-numbers").place) as device:
+        with pytest.raises(ferrolt.Incomplete, match="not verified"):
+            device.upload(payload, verify=True)

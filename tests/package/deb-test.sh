@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Builds the .deb from a build folder, installs it with dpkg, checks that its
-# files are in place and that the installed ferrolt talks to the installed
-# ferrolt-devsim, then removes it and checks that nothing is left.
+# Builds the .deb from a build folder, has lintian check it, installs it with
+# dpkg, checks that its files are in place and that the installed ferrolt
+# talks to the installed ferrolt-devsim, then removes it and checks that
+# nothing is left.
 #   deb-test.sh BUILD_DIR
 # Installs into the system: needs root, and refuses to replace a ferrolt
 # package that is already installed.
@@ -39,8 +40,17 @@ cmake --build "$build" >/dev/null
 deb=$(echo "$work"/out/ferrolt_*.deb)
 [ -f "$deb" ] || fail "cpack made no ferrolt_*.deb"
 
+# Debian's own check of the package: no error. Its warnings are printed; the
+# ones known are of the package's shape, kept on purpose: one package holds
+# the tool and libferrolt.so.1 (no libferrolt1 and -dev split), under
+# /usr/lib rather than the multiarch folder.
+command -v lintian >/dev/null || fail "lintian is missing: bash scripts/install-deps.sh --tests"
+lintian --fail-on error "$deb" >"$work/lintian.log" 2>&1 ||
+  { cat "$work/lintian.log" >&2; fail "lintian reports errors on $(basename "$deb")"; }
+grep -v 'running with root privileges' "$work/lintian.log" || true
+
 depends=$(dpkg-deb -f "$deb" Depends)
-for library in libusb-1.0-0 libzip; do
+for library in python3 libusb-1.0-0 libzip; do
   [[ $depends == *"$library"* ]] || fail "Depends does not name $library: $depends"
 done
 
@@ -56,6 +66,8 @@ files=(
   /usr/share/bash-completion/completions/ferrolt
   /usr/share/doc/ferrolt/README.md
   /usr/share/doc/ferrolt/LICENSE
+  /usr/share/doc/ferrolt/copyright
+  /usr/share/doc/ferrolt/changelog.gz
   "/usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)/wireshark/plugins/ferrolt.lua"
   /usr/lib/libferrolt.so.1
   /usr/include/ferrolt/ferrolt.h

@@ -4,9 +4,9 @@
  * A program opens a device by its place, then runs one operation at a time
  * on it: each operation is one call that blocks until the operation has
  * ended, reports what happens through the callbacks the caller passes, and
- * returns a ferrolt_status. The library prints nothing, never exits,
- * installs no signal or console handler, and leaves no thread of its own
- * running when a call returns.
+ * returns a ferrolt_status. The library prints nothing (but see
+ * trace_path), never exits, installs no signal or console handler, and
+ * leaves no thread of its own running when a call returns.
  *
  * Threads: every device is independent of every other, so several devices
  * may run operations at the same time, each from its own thread. On one
@@ -109,6 +109,35 @@ FERROLT_API ferrolt_status ferrolt_list_devices(ferrolt_device_info *devices, si
  * with no address; FERROLT_FAILED when memory ran out. */
 FERROLT_API ferrolt_status ferrolt_open(const char *place, ferrolt_device **device);
 
+/* What ferrolt_open_with takes beyond the place. Set size to
+ * sizeof(ferrolt_open_options) and every other member to zero, then what is
+ * wanted, as designated initializers do:
+ *   ferrolt_open_options options = {.size = sizeof options, .trace_path = "device.pcapng"};
+ * Members added in later versions of the library go at the end, and
+ * a library reads only the size bytes a caller says it set, taking the rest
+ * as zero. A caller built against an older header so keeps working. */
+typedef struct ferrolt_open_options {
+  size_t size;
+  /* Null or "": no capture. Otherwise every bulk transfer of the device's
+   * operations is recorded in this file as a pcapng capture (the link type
+   * of Linux's usbmon, the device's descriptors first), as the tool's
+   * FERROLT_TRACE=FILE records them; the file is created, or emptied, at the
+   * open, and written out in full by ferrolt_close. Wireshark reads it, with
+   * the dissector the packages carry. A file that cannot be created fails
+   * the open; should writing it fail later (a full disk), the capture says
+   * so once on standard error, the one line the library may print, and the
+   * operations go on without it. */
+  const char *trace_path;
+} ferrolt_open_options;
+
+/* ferrolt_open, with options (null: none, the same as ferrolt_open). Does
+ * not block beyond creating the capture file. Any thread.
+ * FERROLT_DONE; FERROLT_INVALID_ARGUMENT as ferrolt_open, or a size smaller
+ * than the first version of the struct; FERROLT_FAILED when the capture file
+ * cannot be created (nothing is opened) or memory ran out. */
+FERROLT_API ferrolt_status ferrolt_open_with(const char *place, const ferrolt_open_options *options,
+                                             ferrolt_device **device);
+
 /* Releases a device opened by ferrolt_open; null is ignored. Blocks at most
  * about a second. Not while another thread is in a call on the device. */
 FERROLT_API void ferrolt_close(ferrolt_device *device);
@@ -148,6 +177,18 @@ FERROLT_API ferrolt_status ferrolt_upgrade(ferrolt_device *device, const char *b
  * follows the path's last backslash (a path without one is sent whole). */
 FERROLT_API ferrolt_status ferrolt_upload(ferrolt_device *device, const char *local_path,
                                           const ferrolt_callbacks *callbacks);
+/* Flags of ferrolt_upload_with_flags, or-ed together. */
+#define FERROLT_UPLOAD_VERIFY 0x1u /* read the file back from the device and compare it byte for byte */
+
+/* ferrolt_upload with flags (0: the same as ferrolt_upload). With
+ * FERROLT_UPLOAD_VERIFY the upload, once sent, reads its file back from the
+ * device and compares it with local_path, as the tool's FERROLT_VERIFY=1
+ * does: the verdict comes as a log line, and a copy that differs, or that
+ * the device cannot send back, makes the call FERROLT_INCOMPLETE (that line
+ * its message). Blocks for the upload and the read-back. A flag this library
+ * does not know: FERROLT_INVALID_ARGUMENT, nothing sent. */
+FERROLT_API ferrolt_status ferrolt_upload_with_flags(ferrolt_device *device, const char *local_path,
+                                                     unsigned int flags, const ferrolt_callbacks *callbacks);
 /* Saves the device's file device_path as local_path. */
 FERROLT_API ferrolt_status ferrolt_download(ferrolt_device *device, const char *device_path, const char *local_path,
                                             const ferrolt_callbacks *callbacks);

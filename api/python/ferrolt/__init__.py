@@ -110,17 +110,26 @@ def devices() -> list[DeviceInfo]:
         capacity = count.value
 
 
-def open(place: Optional[str] = None) -> Device:  # noqa: A001 - ferrolt.open, as the package's users call it
+def open(place: Optional[str] = None, trace: Optional[PathLike] = None) -> Device:  # noqa: A001 - ferrolt.open
     """Opens the device at place: a bus path ("1-4.3"), "serial:NUMBER" or
     "emulator:ADDRESS" (a Unix socket path or tcp:HOST:PORT). None follows
     FERROLT_EMULATOR, then FERROLT_DEVICE, as the ferrolt tool does. Nothing
     is sent yet: an absent device shows as NoDevice from the first operation.
+
+    With trace, every bulk transfer of the device's operations is recorded in
+    that file as a pcapng capture, as the tool's FERROLT_TRACE=FILE records
+    them; the file is created (or emptied) now and written out in full when
+    the device is closed. A file that cannot be created raises Failed.
+
     Use the Device as a context manager, or close() it."""
     handle = ctypes.c_void_p()
     encoded = None if place is None else place.encode()
-    status = _native.library().ferrolt_open(encoded, ctypes.byref(handle))
+    options = _native.OpenOptions(ctypes.sizeof(_native.OpenOptions), None if trace is None else os.fsencode(trace))
+    status = _native.library().ferrolt_open_with(encoded, ctypes.byref(options), ctypes.byref(handle))
     if status != _native.DONE:
-        raise _ERRORS.get(status, Error)(status, f"cannot open {place!r}")
+        what = f"cannot open {place!r}" if status != _native.FAILED or trace is None else \
+            f"cannot create the capture {os.fsdecode(trace)!r}"
+        raise _ERRORS.get(status, Error)(status, what)
     return Device(handle)
 
 
@@ -160,10 +169,17 @@ class Device:
         """Sends the bundle image at path; the device then reboots into it."""
         self._run(self._lib.ferrolt_upgrade, os.fsencode(path), progress=progress, log=log)
 
-    def upload(self, path: PathLike, progress: Optional[Progress] = None, log: Optional[Log] = None) -> None:
+    def upload(self, path: PathLike, progress: Optional[Progress] = None, log: Optional[Log] = None,
+               verify: bool = False) -> None:
         """Sends the file at path into the device's /tmp/, named by what
-        follows its last backslash (a path without one is sent whole)."""
-        self._run(self._lib.ferrolt_upload, os.fsencode(path), progress=progress, log=log)
+        follows its last backslash (a path without one is sent whole).
+
+        With verify, the file is then read back from the device and compared
+        byte for byte, as the tool's FERROLT_VERIFY=1 does: the verdict comes
+        to log, and a copy that differs or cannot be read back raises
+        Incomplete."""
+        flags = _native.UPLOAD_VERIFY if verify else 0
+        self._run(self._lib.ferrolt_upload_with_flags, os.fsencode(path), flags, progress=progress, log=log)
 
     def download(self, device_path: str, local_path: PathLike, progress: Optional[Progress] = None,
                  log: Optional[Log] = None) -> None:

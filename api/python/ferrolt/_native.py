@@ -2,8 +2,9 @@
 
 Each function's argtypes and restype are declared once, beside the C
 prototype they mirror. The library is loaded at first use: the path in
-FERROLT_LIBRARY when set, else what ctypes.util.find_library finds, else the
-library's file name as the system's loader searches for it.
+FERROLT_LIBRARY when set, else (Windows) ferrolt.dll in the folder that holds
+the package, as the zip lays them out, else what ctypes.util.find_library
+finds, else the library's file name as the system's loader searches for it.
 """
 
 from __future__ import annotations
@@ -46,6 +47,18 @@ class Callbacks(ctypes.Structure):
     ]
 
 
+class OpenOptions(ctypes.Structure):
+    """struct ferrolt_open_options"""
+
+    _fields_ = [
+        ("size", ctypes.c_size_t),
+        ("trace_path", ctypes.c_char_p),
+    ]
+
+
+UPLOAD_VERIFY = 0x1  # FERROLT_UPLOAD_VERIFY
+
+
 class DeviceInfo(ctypes.Structure):
     """struct ferrolt_device_info"""
 
@@ -65,7 +78,9 @@ def _open_library() -> ctypes.CDLL:
     if explicit:
         return ctypes.CDLL(explicit)
     found = ctypes.util.find_library("ferrolt")
-    for name in ([found] if found else []) + list(_FILE_NAMES):
+    beside = [os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "ferrolt.dll")] \
+        if sys.platform == "win32" else []
+    for name in [path for path in beside if os.path.exists(path)] + ([found] if found else []) + list(_FILE_NAMES):
         try:
             return ctypes.CDLL(name)
         except OSError:
@@ -89,6 +104,9 @@ def library() -> ctypes.CDLL:
              ctypes.POINTER(ctypes.c_size_t))
     # ferrolt_status ferrolt_open(const char *place, ferrolt_device **device);
     _declare(lib, "ferrolt_open", s, c, ctypes.POINTER(_DEVICE))
+    # ferrolt_status ferrolt_open_with(const char *place, const ferrolt_open_options *options,
+    #                                  ferrolt_device **device);
+    _declare(lib, "ferrolt_open_with", s, c, ctypes.POINTER(OpenOptions), ctypes.POINTER(_DEVICE))
     # void ferrolt_close(ferrolt_device *device);
     _declare(lib, "ferrolt_close", None, _DEVICE)
     # void ferrolt_cancel(ferrolt_device *device);
@@ -101,6 +119,9 @@ def library() -> ctypes.CDLL:
     _declare(lib, "ferrolt_upgrade", s, _DEVICE, c, _CALLBACKS)
     # ferrolt_status ferrolt_upload(ferrolt_device *device, const char *local_path, const ferrolt_callbacks *);
     _declare(lib, "ferrolt_upload", s, _DEVICE, c, _CALLBACKS)
+    # ferrolt_status ferrolt_upload_with_flags(ferrolt_device *device, const char *local_path, unsigned int flags,
+    #                                          const ferrolt_callbacks *);
+    _declare(lib, "ferrolt_upload_with_flags", s, _DEVICE, c, ctypes.c_uint, _CALLBACKS)
     # ferrolt_status ferrolt_download(ferrolt_device *device, const char *device_path, const char *local_path,
     #                                 const ferrolt_callbacks *);
     _declare(lib, "ferrolt_download", s, _DEVICE, c, c, _CALLBACKS)
