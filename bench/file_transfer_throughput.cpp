@@ -15,6 +15,7 @@
 #include "link/DeviceIds.h"
 #include "link/DevicePacket.h"
 #include "link/Limits.h"
+#include "platform/TracingBackend.h"
 #include "platform/emulator/EmulatorBackend.h"
 
 namespace ferrolt::bench {
@@ -53,8 +54,9 @@ struct Timed {
   double cpuSeconds = 0;
 };
 
+// With FERROLT_TRACE set, the download is timed with its capture written.
 Timed TimeDownload(const std::string& endpoint, const std::string& devicePath, const fs::path& savePath) {
-  DeviceAdmin admin(platform::CreateEmulatorBackend(endpoint));
+  DeviceAdmin admin(platform::TracedWhenAsked(platform::CreateEmulatorBackend(endpoint)));
   NullLog log;
   QuietStdout quiet;
   const double cpuStart = CpuSeconds();

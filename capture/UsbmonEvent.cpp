@@ -25,11 +25,6 @@ char DataFlag(const UsbmonEvent& event) {
   return kPresent;
 }
 
-// Field offsets in the header (usbmon.rst's struct usbmon_packet).
-constexpr size_t kIdAt = 0, kTypeAt = 8, kTransferTypeAt = 9, kEndpointAt = 10, kDeviceAt = 11, kBusAt = 12,
-                 kSetupFlagAt = 14, kDataFlagAt = 15, kSecondsAt = 16, kMicrosecondsAt = 24, kStatusAt = 28,
-                 kUrbLengthAt = 32, kDataLengthAt = 36, kSetupAt = 40, kTransferFlagsAt = 56;
-
 }  // namespace
 
 // Interval, start frame and the isochronous counts stay zero: they belong to

@@ -39,6 +39,11 @@ struct UsbmonEvent {
 
 using UsbmonHeader = std::array<uint8_t, kUsbmonHeaderSize>;
 
+// Field offsets in the header (usbmon.rst's struct usbmon_packet).
+inline constexpr size_t kIdAt = 0, kTypeAt = 8, kTransferTypeAt = 9, kEndpointAt = 10, kDeviceAt = 11, kBusAt = 12,
+                        kSetupFlagAt = 14, kDataFlagAt = 15, kSecondsAt = 16, kMicrosecondsAt = 24, kStatusAt = 28,
+                        kUrbLengthAt = 32, kDataLengthAt = 36, kSetupAt = 40, kTransferFlagsAt = 56;
+
 // The header of event, as the kernel fills it; its flags follow from the
 // event (data present or why not, setup present or not).
 UsbmonHeader HeaderOf(const UsbmonEvent& event);

@@ -3,7 +3,8 @@
 // ferrolt-devsim's usbredir front: what the kernel reads of the device, and
 // what a real USB stack does to transfers (a STALL, an unplug and replug,
 // URBs cancelled as their data arrives), the console compared byte for byte
-// and the files with the device's folder. The operations themselves are the
+// and the files with the device's folder, and the kernel's own capture of
+// the bus (usbmon) against the tool's. The operations themselves are the
 // end-to-end suite's (tests/e2e, also over the emulated bus). One boot runs every check: between
 // phases the test starts ferrolt-devsim again, with other faults, on the
 // same socket, and the guest sees the device go and come back.
@@ -33,6 +34,9 @@ constexpr size_t kUnplugFileSize = 120 * 57 - 20;
 // Downloaded from a device that holds every reply back 5 ms, the tool's read
 // wait: replies land just as reads time out, and none may be lost.
 constexpr size_t kSlowFileSize = 20000;
+// Upgraded while the kernel's usbmon records: small, as the captures come
+// back over the emulated serial console.
+constexpr size_t kTracedBundleSize = 200 * 1024;
 
 // One ferrolt-devsim life: its faults, and what the guest runs against it
 // (with the helpers of tests/kernel/init).
@@ -52,6 +56,13 @@ std::vector<Phase> Phases() {
       {{"unplug-at-out=" + std::to_string(kUnplugAtOut), "replug-after=200"},
        "cp /payload/file.bin . && check replug ferrolt upload file.bin\n"},
       {{"delay-replies=5"}, "check slow ferrolt download /tmp/slow.bin slow.bin && file slow slow.bin\n"},
+      {{},
+       "/payload/usbmon-record /dev/usbmon1 usbmon.pcapng &\n"
+       "until [ -e usbmon.pcapng ] || ! kill -0 $!; do sleep 0.1; done\n"
+       "check traced-upgrade env FERROLT_TRACE=upgrade.pcapng ferrolt upgrade /payload/bundle.bin\n"
+       "check traced-download env FERROLT_TRACE=download.pcapng ferrolt download /tmp/slow.bin got.bin\n"
+       "kill $! && wait $!\n"
+       "for name in usbmon upgrade download; do gzip $name.pcapng && file $name $name.pcapng.gz; done\n"},
   };
 }
 
@@ -70,6 +81,30 @@ std::string FromHex(const std::string& hex) {
   for (size_t at = 0; at + 1 < hex.size() && platform::ReadHexDigits(hex.c_str() + at, 2, value) == 2; at += 2)
     bytes += static_cast<char>(value);
   return bytes;
+}
+
+// The blocks of a capture (tshark reads it gzipped) as the dissector shows
+// them, by endpoint: a line of type, number and CRC verdict per block. How
+// the blocks were grouped into transfers is left out: the libusb backend
+// reads whole USB packets and hands the link a block at a time.
+std::map<std::string, std::string> BlocksOf(const fs::path& capture, const std::string& bytes) {
+  WriteFile(capture, bytes);
+  ProcessOptions options;
+  options.args = {
+      "-X", std::string("lua_script:") + FERROLT_DISSECTOR, "-r", capture.string(), "-Y", "ferrolt", "-T", "fields"};
+  for (const char* field : {"usb.endpoint_address", "ferrolt.type", "ferrolt.number", "ferrolt.crc.status"})
+    options.args.insert(options.args.end(), {"-e", field});
+  std::map<std::string, std::string> blocks;
+  std::istringstream lines(RunProcess("tshark", options).out);
+  // A transfer's blocks come comma-separated in each field.
+  for (std::string endpoint, types, numbers, crcs; std::getline(lines, endpoint, '\t') &&
+                                                   std::getline(lines, types, '\t') &&
+                                                   std::getline(lines, numbers, '\t') && std::getline(lines, crcs);) {
+    std::istringstream type(types + ","), number(numbers + ","), crc(crcs + ",");
+    for (std::string t, n, c; std::getline(type, t, ',') && std::getline(number, n, ',') && std::getline(crc, c, ',');)
+      blocks[endpoint] += t + " " + n + " " + c + "\n";
+  }
+  return blocks;
 }
 
 // What the guest reported on its console.
@@ -109,6 +144,8 @@ class KernelGuestTest : public testing::Test {
   void SetUp() override {
     fs::create_directories(payload_);
     WriteFile(payload_ / "file.bin", unplugFile_);
+    WriteFile(payload_ / "bundle.bin", tracedBundle_);
+    fs::copy_file(USBMON_RECORD_BIN, payload_ / "usbmon-record");
     WriteFile(payload_ / "run.sh", GuestScript(Phases()));
     ProcessOptions prepare;
     prepare.args = {"prepare", GUEST_DIR, FERROLT_BIN, payload_.string()};
@@ -153,6 +190,7 @@ class KernelGuestTest : public testing::Test {
   std::vector<std::unique_ptr<DevsimServer>> devices_;
   const std::string unplugFile_ = RandomBytes(kUnplugFileSize, 40);
   const std::string slowFile_ = RandomBytes(kSlowFileSize, 5);
+  const std::string tracedBundle_ = RandomBytes(kTracedBundleSize, 25);
 };
 
 // Given the guest's kernel between the tool and the device, it reads the
@@ -160,7 +198,7 @@ class KernelGuestTest : public testing::Test {
 // transports, and files arrive whole.
 TEST_F(KernelGuestTest, TheToolWorksThroughARealKernel) {
   const GuestReport report = RunGuest();
-  ASSERT_EQ(report.checks.size(), 4u) << report.console;
+  ASSERT_EQ(report.checks.size(), 6u) << report.console;
   for (const auto& [name, check] : report.checks) EXPECT_EQ(check.status, 0) << name << "\n" << check.err;
   auto out = [&](const std::string& name) { return report.checks.at(name).out; };
 
@@ -179,6 +217,17 @@ TEST_F(KernelGuestTest, TheToolWorksThroughARealKernel) {
   EXPECT_EQ(replug.substr(replug.size() - std::string(kUploadFinished).size()), kUploadFinished) << replug;
   EXPECT_TRUE(ReadFile(Root(2) / "tmp" / "file.bin") == unplugFile_) << "the upload across the replug differs";
   EXPECT_TRUE(report.files.at("slow") == slowFile_) << "the download differs";
+
+  // Capture: what the kernel's usbmon saw of an upgrade and a download, the
+  // blocks of the tool's own captures of them, in order each way.
+  auto kernel = BlocksOf(work_ / "usbmon.pcapng.gz", report.files.at("usbmon"));
+  auto tool = BlocksOf(work_ / "upgrade.pcapng.gz", report.files.at("upgrade"));
+  for (const auto& [endpoint, lines] : BlocksOf(work_ / "download.pcapng.gz", report.files.at("download")))
+    tool[endpoint] += lines;
+  for (const char* endpoint : {"0x01", "0x81"}) {
+    EXPECT_NE(tool[endpoint], "") << endpoint;
+    EXPECT_EQ(kernel[endpoint], tool[endpoint]) << endpoint;
+  }
 }
 
 }  // namespace

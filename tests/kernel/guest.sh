@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # A small Linux guest with a real USB stack: Debian's own kernel (xhci_hcd,
-# usbcore, usbfs), an initramfs holding busybox, the USB host modules and
-# ferrolt, booted under QEMU with a usb-redir device on its xHCI controller,
-# where ferrolt-devsim's usbredir front plays the device.
+# usbcore, usbfs, usbmon), an initramfs holding busybox, the USB host
+# modules and ferrolt, booted under QEMU with a usb-redir device on its xHCI
+# controller, where ferrolt-devsim's usbredir front plays the device.
 #   guest.sh prepare WORKDIR FERROLT PAYLOAD
 #       fetches the kernel into WORKDIR once and builds WORKDIR/initrd.gz:
 #       ferrolt with its libraries, PAYLOAD's files in /payload, and an init
@@ -16,14 +16,23 @@
 set -euo pipefail
 
 readonly kSkip=77
-readonly kModules=(usb-common usbcore xhci-hcd xhci-pci)
+# usbmon: the kernel's own capture of the bus (/dev/usbmonN).
+readonly kModules=(usb-common usbcore usbmon xhci-hcd xhci-pci)
 here=$(cd "$(dirname "$0")" && pwd)
 
+# Whether DIR holds the kernel and every module the guest loads.
+have_kernel() {
+  local module
+  [ -e "$1/vmlinuz" ] || return 1
+  for module in "${kModules[@]}"; do [ -e "$1/modules/$module.ko" ] || return 1; done
+}
+
 # The kernel that linux-image-amd64 depends on now (its ABI number changes),
-# unpacked, keeping only what the guest needs.
+# unpacked, keeping only what the guest needs; fetched again when the list
+# of modules has grown.
 fetch_kernel() {
   local dir=$1/kernel package scratch
-  [ -e "$dir/vmlinuz" ] && return 0
+  have_kernel "$dir" && return 0
   package=$(apt-cache depends linux-image-amd64 2>/dev/null | sed -n 's/^ *Depends: \(linux-image-[^ ]*\)$/\1/p' | head -n 1)
   [ -n "$package" ] || return 1
   scratch=$(mktemp -d "$1/fetch.XXXXXX")
