@@ -62,14 +62,6 @@ TEST_F(DownloadTest, DevicePathsUpToThirtyEightCharactersAreServed) {
   EXPECT_EQ(ReadFile(dir / "edge"), "edge");
 }
 
-TEST_F(DownloadTest, UnreadableStartNumbersStillEndOnTheEndReply) {
-  Start({"bad-start-numbers"});
-  const std::string bytes = RandomBytes(200, 4);
-  Download(OnDevice("n", bytes), dir / "n");
-  EXPECT_EQ(ReadFile(dir / "n"), bytes);
-  EXPECT_EQ(log.Lines().back(), "Total file size = 0 , Total packets = 0\n");
-}
-
 // Given replies out of order, too long and one damaged, the file is whole
 // but for the damaged packet, and standard error says what is missing.
 TEST_F(DownloadTest, ReplyFaultsLeaveTheFileWholeOrTheLossIsSaid) {
