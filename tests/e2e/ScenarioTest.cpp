@@ -158,14 +158,10 @@ std::vector<Scenario> Scenarios() {
         {{"cmd", "ls"}, std::string(kNotFound) + kConnectFailure},
         {{"stopcli"}, std::string(kNotFound) + kConnectFailure + kFailedOpen}}},
 
-      // Given paths that do not exist on the PC, or a folder for a file to
-      // send, the tool says so and sends nothing.
+      // Given paths that do not exist on the PC, the tool says so and sends
+      // nothing (a folder given as the file: HostileDeviceTest).
       {"MissingLocalPaths", true, {}, {},
        {{{"upgrade", "missing.bin"}, std::string(kOpened) + Log("Error: Can not find specified file - missing.bin")},
-        {{"upgrade", "."}, std::string(kOpened) + Log("Error: Can not find specified file - .")},
-        {{"upload", "."},
-         "Local Path  : .\n" + std::string(kOpened) + Progress(5) + "File to send: .\n" +
-             Log("Error: Can not find specified file - .")},
         {{"upload", "nofile.bin"},
          "Local Path  : nofile.bin\n" + std::string(kOpened) + Progress(5) + "File to send: nofile.bin\n" +
              Log("Error: Can not find specified file - nofile.bin")},
