@@ -62,20 +62,5 @@ TEST_F(DownloadTest, DevicePathsUpToThirtyEightCharactersAreServed) {
   EXPECT_EQ(ReadFile(dir / "edge"), "edge");
 }
 
-// Given replies out of order, too long and one damaged, the file is whole
-// but for the damaged packet, and standard error says what is missing.
-TEST_F(DownloadTest, ReplyFaultsLeaveTheFileWholeOrTheLossIsSaid) {
-  Start({"interleave", "long-length=4", "corrupt-reply-crc=10"});
-  const std::string bytes = RandomBytes(100 * 57 + 5, 9);
-  ::testing::internal::CaptureStderr();
-  Download(OnDevice("f", bytes), dir / "f");
-  const std::string err = ::testing::internal::GetCapturedStderr();
-  EXPECT_EQ(log.CountStartingWith("ERROR: CRC FAILED - 060A000000"), 1u);
-  EXPECT_NE(err.find("f is incomplete: packet 11 came where 10 was due"), std::string::npos) << err;
-  EXPECT_NE(err.find("5648 bytes in 100 packets arrived"), std::string::npos) << err;
-  EXPECT_TRUE(fs::exists(dir / "f.incomplete"));
-  EXPECT_EQ(ReadFile(dir / "f"), bytes.substr(0, 10 * 57) + bytes.substr(11 * 57));
-}
-
 }  // namespace
 }  // namespace ferrolt::test
