@@ -217,7 +217,6 @@ TEST_F(DevsimProgram, BadCommandLinesExitWithOneLineAndHelpWithZero) {
       {{"--root", "r"}, 2, "give exactly one of"},
       {{"--socket", "x.sock", "--tcp", "h:1", "--root", "r"}, 2, "give exactly one of"},
       {{"--socket", "x.sock", "--root", "r", "--speed", "300"}, 2, "bad value for --speed: 300"},
-      {{"--socket", "x.sock", "--root", "r", "--speed=300"}, 2, "bad value for --speed: 300"},
       {{"--socket", "x.sock", "--root", "r", "--frobnicate"}, 2, "unknown option --frobnicate"},
       {{"--socket", "x.sock", "--root"}, 2, "--root needs a value"},
       {{"--socket", "x.sock", "--root", "r", "--verbose=1"}, 2, "--verbose takes no value"},
