@@ -30,12 +30,9 @@ TEST_P(ExitStatus, SaysHowTheRunEnded) {
   fs::create_directories(root / "tmp");
   WriteFile(root / "tmp" / "f", RandomBytes(40 * 57, 6));
   const auto device = row.device == Device::Present ? StartDevice(row.devsimArgs, root.Path()) : StartNoDevice();
-  ProcessOptions options;
-  options.args = row.args;
-  options.cwd = cwd.Path();
-  options.timeout = kRunLimit;
-  if (row.optIn) options.env.emplace_back("FERROLT_EXIT_STATUS", "1");
-  const ProcessResult result = RunFerrolt(options, *device);
+  std::vector<std::pair<std::string, std::string>> env;
+  if (row.optIn) env.emplace_back("FERROLT_EXIT_STATUS", "1");
+  const ProcessResult result = RunFerrolt(row.args, *device, cwd.Path(), kRunLimit, env);
   EXPECT_EQ(result.exitStatus, row.status) << result.out << result.err;
 }
 

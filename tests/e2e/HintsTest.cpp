@@ -36,12 +36,7 @@ TEST_P(Hints, SayOnceWhatToDo) {
   if (row.cliModeFile != nullptr) WriteFile(cwd / "CLImode", row.cliModeFile);
   const auto device = StartDevice();
   ASSERT_TRUE(device->Running());
-  ProcessOptions options;
-  options.args = row.args;
-  options.cwd = cwd.Path();
-  options.env = row.env;
-  options.timeout = kRunLimit;
-  const ProcessResult result = RunFerrolt(options, *device);
+  const ProcessResult result = RunFerrolt(row.args, *device, cwd.Path(), kRunLimit, row.env);
   std::string err = row.err;
   const size_t mark = err.find(kCwdMark);
   if (mark != std::string::npos) err.replace(mark, std::string(kCwdMark).size(), cwd.Path().string());

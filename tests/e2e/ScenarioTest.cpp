@@ -253,12 +253,8 @@ TEST(DefaultLogPath, TheArchiveIsNamedInTheTemporaryFolder) {
   const auto device = StartDevice();
   ASSERT_TRUE(device->Running());
   TempDir dir;
-  ProcessOptions options;
-  options.args = {"DownloadLogs"};
-  options.env = {{"TMPDIR", dir.Path().string()}};
-  options.cwd = dir.Path();
-  options.timeout = kRunLimit;
-  const ProcessResult result = RunFerrolt(options, *device);
+  const ProcessResult result =
+      RunFerrolt({"DownloadLogs"}, *device, dir.Path(), kRunLimit, {{"TMPDIR", dir.Path().string()}});
   const std::string head =
       "Since there was no log path argument was identified, your log files have been downloaded to:\n<" +
       dir.Path().string() + "/TavrelLogs(";

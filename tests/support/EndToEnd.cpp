@@ -99,11 +99,12 @@ ProcessResult RunFerrolt(ProcessOptions options, const DeviceUnderTest& device) 
 }
 
 ProcessResult RunFerrolt(const std::vector<std::string>& args, const DeviceUnderTest& device, const fs::path& cwd,
-                         milliseconds timeout) {
+                         milliseconds timeout, std::vector<std::pair<std::string, std::string>> env) {
   ProcessOptions options;
   options.args = args;
   options.cwd = cwd;
   options.timeout = timeout;
+  options.env = std::move(env);
   return RunFerrolt(options, device);
 }
 

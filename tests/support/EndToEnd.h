@@ -29,9 +29,10 @@ std::unique_ptr<DeviceUnderTest> StartDevice(std::vector<std::string> devsimArgs
 // A place on the selected transport where no device is.
 std::unique_ptr<DeviceUnderTest> StartNoDevice();
 
-// The tool, with args, in the device's reach.
+// The tool, with args and the variables env sets, in the device's reach.
 ProcessResult RunFerrolt(const std::vector<std::string>& args, const DeviceUnderTest& device, const fs::path& cwd,
-                         milliseconds timeout = milliseconds(60000));
+                         milliseconds timeout = milliseconds(60000),
+                         std::vector<std::pair<std::string, std::string>> env = {});
 std::unique_ptr<Subprocess> StartFerrolt(const std::vector<std::string>& args, const DeviceUnderTest& device,
                                          const fs::path& cwd);
 // The tool as options say, with the device's environment added.

@@ -65,12 +65,9 @@ TEST_P(DeviceChoice, ReachesTheChosenDeviceOnly) {
   } else {
     first = std::make_unique<EmptyUsbBus>();
   }
-  ProcessOptions options;
-  options.args = {"progCap"};
-  options.cwd = dir.Path();
-  options.timeout = kRunLimit;
-  if (row.choice) options.env.emplace_back("FERROLT_DEVICE", *row.choice);
-  const ProcessResult result = RunFerrolt(options, *first);
+  std::vector<std::pair<std::string, std::string>> env;
+  if (row.choice) env.emplace_back("FERROLT_DEVICE", *row.choice);
+  const ProcessResult result = RunFerrolt({"progCap"}, *first, dir.Path(), kRunLimit, env);
 
   const bool found = row.receiver != Receiver::Neither;
   EXPECT_EQ(result.out.substr(0, std::string(kProgCapStart).size()), kProgCapStart);
