@@ -56,7 +56,6 @@ INSTANTIATE_TEST_SUITE_P(
     Faults, UpgradeTable,
     testing::Values(
         UpgradeCase{"OnePacket", 57, {}, "", false},
-        UpgradeCase{"Nacks", kLargeBundle, {"nack=3,100,2000"}, "Resending NACK packet, packet No : 100\n", true, 3},
         UpgradeCase{"NackAlwaysUpToTheBound", kLargeBundle, {"nack-always=50"}, "", true, 5},
         UpgradeCase{"CorruptPackets", kLargeBundle, {"corrupt=7,1500"}, "CRC error\n", true, 2},
         UpgradeCase{"NackBeyondTheCount", kLargeBundle, {"nack-beyond=20"}, "", false},
