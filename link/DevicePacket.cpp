@@ -62,12 +62,11 @@ int BuildPacket(uint8_t type, uint32_t number, const uint8_t* source, uint8_t le
 }
 
 std::string BytesToHex(const uint8_t* data, int count) {
-  std::string hex;
-  if (data == nullptr || count <= 0) return hex;
-  hex.reserve(static_cast<size_t>(count) * 2);
-  for (int i = 0; i < count; ++i) {
-    hex.push_back(kHexDigits[data[i] >> kNibbleBits]);
-    hex.push_back(kHexDigits[data[i] & kNibbleMask]);
+  if (data == nullptr || count <= 0) return {};
+  std::string hex(static_cast<size_t>(count) * 2, '\0');
+  for (size_t i = 0; i < static_cast<size_t>(count); ++i) {
+    hex[2 * i] = kHexDigits[data[i] >> kNibbleBits];
+    hex[2 * i + 1] = kHexDigits[data[i] & kNibbleMask];
   }
   return hex;
 }

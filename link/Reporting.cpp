@@ -22,6 +22,8 @@ class SilentVersion final : public IVersionInfoReadyCallBack {
   void VersionInfoReadyCallBack(std::string) override {}
 };
 
+// '%' as a format shows it.
+constexpr std::string_view kPercentEscaped = "%%";
 // '%' survives two printf passes as four.
 constexpr std::string_view kPercentTwiceEscaped = "%%%%";
 
@@ -30,11 +32,9 @@ constexpr std::string_view kPercentTwiceEscaped = "%%%%";
 std::string FormatLogMessage(const char* format, std::va_list arguments) {
   char message[kLogMessageBufferSize] = {};
   std::vsnprintf(message, sizeof message, format, arguments);
-  std::string line;
-  for (const char* at = message; *at != '\0'; ++at) {
-    line += *at;
-    if (at[0] == '%' && at[1] == '%') ++at;
-  }
+  std::string line(message);
+  for (size_t at = line.find(kPercentEscaped); at != std::string::npos; at = line.find(kPercentEscaped, at + 1))
+    line.erase(at, 1);
   return line;
 }
 

@@ -1,6 +1,8 @@
 #include "transfer/ReceiveDownload.h"
 
 #include <chrono>
+#include <string>
+#include <utility>
 
 #include "link/Reporting.h"
 
@@ -9,6 +11,16 @@ namespace ferrolt {
 namespace {
 
 enum class Step { Next, Complete, Refused };
+
+constexpr const char* kReadDataLabel = "Read data :";
+
+// The line of a block read. Hex digits hold no '%': the line goes in as its
+// own format, without the escaped copy LogText would make of it.
+void LogBlockRead(ILogMessageCallBack& log, const Block& block) {
+  std::string line = kReadDataLabel;
+  line += BytesToHex(block.data(), kBlockSize);
+  log.LogMessageCallBack(std::move(line));
+}
 
 void TakeStartReply(const Block& block, const DownloadReplies& replies, DownloadAudit& audit, Receipt& receipt) {
   const bool readable = ReadStartNumbers(block.data(), replies.markers, receipt.size, receipt.total);
@@ -45,7 +57,7 @@ ReceiveEnd ReceiveDownload(const OperationContext& op, const DownloadReplies& re
   for (;;) {
     Block block{};
     if (!op.ReadWithinSilenceLimit(block.data(), lastProgress)) return ReceiveEnd::Stopped;
-    if (replies.logEveryBlock) LogText(op.log, "Read data :" + BytesToHex(block.data(), kBlockSize));
+    if (replies.logEveryBlock) LogBlockRead(op.log, block);
     if (PacketTypeOf(block.data()) != static_cast<uint8_t>(replies.type)) continue;
     if (!PacketCrcMatches(block.data())) {
       LogText(op.log, "ERROR: CRC FAILED - " + BytesToHex(block.data(), kBlockSize));
