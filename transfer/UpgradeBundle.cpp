@@ -4,14 +4,17 @@
 // end packet and waits for the device's end report.
 #include "transfer/UpgradeBundle.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <cstring>
 #include <fstream>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "link/DevicePacket.h"
 #include "link/Limits.h"
@@ -24,11 +27,18 @@
 namespace ferrolt {
 namespace {
 
-// The bundle file, read in 57-byte pieces from its position; nothing of it is
-// kept in memory beyond the stream's own buffer.
+// Bytes of the bundle read from the file at once (about 64 KiB), whole
+// pieces only: the packets take their 57-byte pieces from memory, and only
+// the file's end makes a short one.
+constexpr size_t kBundleReadSize = static_cast<size_t>(kPieceSize) * 1150;
+
+// The bundle file, read from its position in large pieces; nothing of it is
+// kept in memory beyond the piece being sent.
 class BundleFile {
  public:
   enum class Piece { Read, End, Failed };
+
+  BundleFile() : buffer_(kBundleReadSize) {}
 
   bool Open(const std::string& path) {
     if (NamesAFolder(path)) return false;
@@ -50,22 +60,35 @@ class BundleFile {
   }
 
   void SeekToPacket(int32_t index) {
+    Discard();
     stream_.clear();
     stream_.seekg(static_cast<int64_t>(index) * kPieceSize, std::ios::beg);
   }
 
   // Up to 57 bytes into piece; count gets how many came.
   Piece ReadPiece(uint8_t* piece, uint8_t& count) {
-    stream_.read(reinterpret_cast<char*>(piece), kPieceSize);
-    count = static_cast<uint8_t>(stream_.gcount());
-    if (stream_.bad()) return Piece::Failed;
+    if (taken_ == held_ && !Refill()) return Piece::Failed;
+    count = static_cast<uint8_t>(std::min<size_t>(static_cast<size_t>(kPieceSize), held_ - taken_));
+    std::memcpy(piece, buffer_.data() + taken_, count);
+    taken_ += count;
     return count == 0 ? Piece::End : Piece::Read;
   }
 
   void Close() { stream_.close(); }
 
  private:
+  // False when the file could not be read; at its end nothing is held.
+  bool Refill() {
+    Discard();
+    stream_.read(reinterpret_cast<char*>(buffer_.data()), static_cast<std::streamsize>(buffer_.size()));
+    held_ = static_cast<size_t>(stream_.gcount());
+    return !stream_.bad();
+  }
+
+  void Discard() { taken_ = held_ = 0; }
+
   void SeekAndReport(int64_t offset, std::ios::seekdir from, ILogMessageCallBack& log) {
+    Discard();
     stream_.clear();
     stream_.seekg(offset, from);
     if (stream_.fail()) {
@@ -82,6 +105,9 @@ class BundleFile {
   }
 
   std::ifstream stream_;
+  std::vector<uint8_t> buffer_;
+  size_t held_ = 0;   // bytes of the piece read from the file
+  size_t taken_ = 0;  // of them, sent already
 };
 
 // How the data phase ended.
