@@ -3,7 +3,9 @@
 // drain that opening makes finds nothing and leaves no read pending.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <vector>
 
 #include "link/DeviceIds.h"
@@ -13,6 +15,18 @@
 #include "tests/support/InProcessDevice.h"
 
 namespace ferrolt::test {
+
+// The input cut into 64-byte blocks, the last padded with zeros; at most
+// maxBlocks, which keeps one run short.
+inline std::vector<DeviceBlock> BlocksOf(const uint8_t* data, size_t size, size_t maxBlocks) {
+  std::vector<DeviceBlock> blocks;
+  for (size_t offset = 0; offset < size && blocks.size() < maxBlocks; offset += kBlockSize) {
+    DeviceBlock block{};
+    std::memcpy(block.data(), data + offset, std::min(kBlockSize, size - offset));
+    blocks.push_back(block);
+  }
+  return blocks;
+}
 
 struct FedLink {
   explicit FedLink(const std::vector<DeviceBlock>& blocks) {
