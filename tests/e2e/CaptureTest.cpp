@@ -76,6 +76,7 @@ std::string LineOf(const Row& row) {
   return KeyOf(row) + (row[kNumber] == "0" && !row[kText].empty() ? " \"" + row[kText] + '"' : "");
 }
 
+// The occurrences of a field in a transfer's row, one a block.
 std::vector<std::string> Occurrences(const std::string& cell) {
   std::vector<std::string> cells;
   std::istringstream in(cell);
