@@ -88,7 +88,9 @@ std::unique_ptr<UsbCapture> UsbCapture::Create(const std::string& path, const st
 
 UsbCapture::UsbCapture(std::FILE* file, std::string path, std::string programName)
     : path_(std::move(path)), programName_(std::move(programName)), file_(file) {
-  gathered_.reserve(kWriteOutBytes);
+  // Room for the record that crosses kWriteOutBytes too: records gather
+  // without an allocation.
+  gathered_.reserve(2 * kWriteOutBytes);
 }
 
 UsbCapture::~UsbCapture() { Close(); }
@@ -110,7 +112,7 @@ void UsbCapture::RecordDescriptors(const UsbDeviceModel& model) {
 void UsbCapture::RecordDescriptorReadLocked(uint8_t descriptorType, const std::vector<uint8_t>& descriptor) {
   const auto length = static_cast<uint16_t>(descriptor.size());
   UsbmonEvent event;
-  event.id = nextId_++;
+  event.id = nextId_.fetch_add(1, std::memory_order_relaxed);
   event.transferType = kControlTransfer;
   event.endpoint = kControlEndpointIn;
   event.status = kStatusInProgress;
@@ -129,40 +131,55 @@ void UsbCapture::RecordDescriptorReadLocked(uint8_t descriptorType, const std::v
 }
 
 uint64_t UsbCapture::Submit(uint8_t endpoint, const uint8_t* data, uint32_t length) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  const uint64_t id = nextId_++;
+  const uint64_t id = nextId_.fetch_add(1, std::memory_order_relaxed);
   UsbmonEvent event = BulkEvent(id, kSubmission, endpoint, kStatusInProgress);
   event.urbLength = length;
   // An IN submission carries no data, only the length asked for.
   if (!IsIn(endpoint)) event.dataLength = length;
-  RecordLocked(event, data);
+  Record(event, data);
   return id;
 }
 
 void UsbCapture::Refuse(uint64_t id, uint8_t endpoint) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  RecordLocked(BulkEvent(id, kSubmissionError, endpoint, kStatusNoDevice), nullptr);
+  Record(BulkEvent(id, kSubmissionError, endpoint, kStatusNoDevice), nullptr);
 }
 
 void UsbCapture::Complete(uint64_t id, uint8_t endpoint, TransferEnd end, const uint8_t* data, uint32_t count) {
-  std::lock_guard<std::mutex> lock(mutex_);
   UsbmonEvent event = BulkEvent(id, kCallback, endpoint, StatusOf(end));
   event.urbLength = count;
   // An OUT callback carries no data, only the count moved.
   if (IsIn(endpoint) && data != nullptr) event.dataLength = count;
-  RecordLocked(event, data);
+  Record(event, data);
+}
+
+// The record is made before the lock is taken, which then covers the copy
+// alone: the threads that submit and complete transfers seldom wait for
+// each other.
+void UsbCapture::Record(UsbmonEvent event, const uint8_t* data) {
+  const int64_t microseconds = MicrosecondsSinceEpoch();
+  const UsbmonHeader header = HeaderAt(event, microseconds, data);
+  std::lock_guard<std::mutex> lock(mutex_);
+  GatherLocked(microseconds, header, {data, event.dataLength});
 }
 
 void UsbCapture::RecordLocked(UsbmonEvent event, const uint8_t* data) {
-  if (file_ == nullptr) return;
   const int64_t microseconds = MicrosecondsSinceEpoch();
+  const UsbmonHeader header = HeaderAt(event, microseconds, data);
+  GatherLocked(microseconds, header, {data, event.dataLength});
+}
+
+UsbmonHeader UsbCapture::HeaderAt(UsbmonEvent& event, int64_t microseconds, const uint8_t* data) {
   event.device = kDeviceAddress;
   event.bus = kBus;
   event.seconds = microseconds / std::micro::den;
   event.microseconds = static_cast<int32_t>(microseconds % std::micro::den);
   if (data == nullptr) event.dataLength = 0;
-  const UsbmonHeader header = HeaderOf(event);
-  AppendEnhancedPacket(gathered_, static_cast<uint64_t>(microseconds), header, {data, event.dataLength});
+  return HeaderOf(event);
+}
+
+void UsbCapture::GatherLocked(int64_t microseconds, const UsbmonHeader& header, std::span<const uint8_t> data) {
+  if (file_ == nullptr) return;
+  AppendEnhancedPacket(gathered_, static_cast<uint64_t>(microseconds), header, data);
   // A clock set back counts as time passed.
   const int64_t sinceWriteOut = microseconds - lastWriteOut_;
   if (gathered_.size() >= kWriteOutBytes || sinceWriteOut < 0 ||

@@ -16,11 +16,13 @@
 // call may come from any thread.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -55,6 +57,8 @@ class UsbCapture {
   // A bulk transfer handed to the bus: an OUT with its bytes, an IN with the
   // length it asks for. Returns the id that its end is recorded with.
   uint64_t Submit(uint8_t endpoint, const uint8_t* data, uint32_t length);
+  // The id the latest submission was given; those before it have smaller ones.
+  uint64_t LastId() const { return nextId_.load() - 1; }
   // A submission refused at once; no end follows.
   void Refuse(uint64_t id, uint8_t endpoint);
   // A transfer's end: for an IN, data holds the count bytes it brought; an
@@ -66,19 +70,23 @@ class UsbCapture {
  private:
   UsbCapture(std::FILE* file, std::string path, std::string programName);
   void RecordDescriptorReadLocked(uint8_t descriptorType, const std::vector<uint8_t>& descriptor);
-  // event's time is set here; data is the dataLength bytes that follow its header.
+  // event's time and place are set here; data is the dataLength bytes that
+  // follow its header. Record takes the lock for the copy alone.
+  void Record(UsbmonEvent event, const uint8_t* data);
   void RecordLocked(UsbmonEvent event, const uint8_t* data);
+  static UsbmonHeader HeaderAt(UsbmonEvent& event, int64_t microsecondsSinceEpoch, const uint8_t* data);
+  void GatherLocked(int64_t microsecondsSinceEpoch, const UsbmonHeader& header, std::span<const uint8_t> data);
   void WriteOutLocked(int64_t microsecondsSinceEpoch);
   void SayFailureLocked(int error);
   void CloseLocked();
 
   const std::string path_;
   const std::string programName_;
+  std::atomic<uint64_t> nextId_{1};  // taken without the lock
   std::mutex mutex_;  // guards every field below
   std::FILE* file_;   // null once closed or failed
   std::vector<uint8_t> gathered_;
   int64_t lastWriteOut_ = 0;  // microseconds since the epoch
-  uint64_t nextId_ = 1;
   bool descriptorsRecorded_ = false;
 };
 

@@ -20,6 +20,10 @@
 #include "platform/Transfer.h"
 #include "platform/UsbInterfacePath.h"
 
+namespace ferrolt::capture {
+class UsbCapture;
+}
+
 namespace ferrolt::platform {
 
 // Windows error numbers that the portable code prints or tests.
@@ -102,6 +106,13 @@ class DeviceConnection {
   // sends the block again. False where a started transfer cannot be
   // withdrawn (the emulator link: a W frame once sent has reached the device).
   virtual bool Abort(Transfer& /*transfer*/) { return false; }
+
+  // Where the transfers handed to the system differ from the ones started
+  // here (libusb: whole USB packets, a read bringing several blocks), the
+  // connection records those in capture itself and returns true. False
+  // where it has none of its own: its caller records the transfers started
+  // here. Called once, before the first transfer.
+  virtual bool CaptureOwnTransfers(std::shared_ptr<capture::UsbCapture> /*capture*/) { return false; }
 };
 
 class DeviceBackend {

@@ -1,7 +1,9 @@
 // FERROLT_TRACE=FILE: every bulk transfer of the run, on whatever backend,
 // recorded in FILE as a pcapng capture in the link type of Linux's usbmon,
 // the device's descriptors first (capture/UsbCapture.h). Recorded at this
-// seam, the capture covers the emulator link, libusb and WinUSB alike.
+// seam, the capture covers the emulator link, libusb and WinUSB alike; the
+// libusb connection records the transfers it hands libusb itself, since its
+// reads are whole USB packets of several blocks.
 #pragma once
 
 #include <memory>

@@ -1,84 +1,87 @@
 #include "platform/TracingConnection.h"
 
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <utility>
 #include <vector>
 
 namespace ferrolt::platform {
 
-// The transfers started and not yet ended, with how the host has taken each
-// back, which is what a failed end is recorded as. A few dozen at most (the
-// link's window of writes and its queue of reads): a list searched from the
-// front, with no allocation per transfer.
-class TracingConnection::Outstanding final : public TransferObserver {
+// How each transfer's end is recorded. A done transfer is recorded so at
+// once; a failed one as the host took it back, if it did. Nothing is looked
+// up for a transfer that ends well: a flush marks the transfers of its pipe
+// by the capture's last id (ids only grow), and only transfers aborted one
+// by one are listed, until their end (one whose end had passed already
+// stays listed, which costs its pipe's later ends a look, never a wrong end).
+class TracingConnection::Ends final : public TransferObserver {
  public:
-  explicit Outstanding(std::shared_ptr<capture::UsbCapture> capture) : capture_(std::move(capture)) {}
+  explicit Ends(std::shared_ptr<capture::UsbCapture> capture) : capture_(std::move(capture)) {}
 
-  void Add(const Transfer& transfer, uint64_t id, uint8_t endpoint) {
+  void Withdraw(uint64_t id) {
     std::lock_guard<std::mutex> lock(mutex_);
-    entries_.push_back({&transfer, id, endpoint, capture::TransferEnd::Failed});
+    aborted_.push_back(id);
+    anyAborted_ = true;
   }
 
-  // Returns how a failed end of transfer was to be recorded before.
-  capture::TransferEnd TakeBack(const Transfer& transfer, capture::TransferEnd how) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    const auto found = Find(transfer);
-    return found == entries_.end() ? how : std::exchange(found->ifFailed, how);
-  }
+  // An abort the backend could not make.
+  void Unwithdraw(uint64_t id) { Taken(id); }
 
-  void TakeBackPipe(uint8_t endpoint, capture::TransferEnd how) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (Entry& entry : entries_)
-      if (entry.endpoint == endpoint) entry.ifFailed = how;
-  }
+  void WithdrawPipe(uint8_t endpoint) { FlushedThrough(endpoint) = capture_->LastId(); }
 
-  void TakeBackAll(capture::TransferEnd how) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (Entry& entry : entries_) entry.ifFailed = how;
-  }
+  void CloseAll() { closed_ = true; }
 
-  void TransferFinished(const Transfer& transfer, bool succeeded, const uint8_t* data, uint32_t count) override {
-    Entry entry;
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      const auto found = Find(transfer);
-      if (found == entries_.end()) return;
-      entry = *found;
-      *found = entries_.back();
-      entries_.pop_back();
-    }
-    const bool in = (entry.endpoint & capture::kDirectionIn) != 0;
-    capture_->Complete(entry.id, entry.endpoint, succeeded ? capture::TransferEnd::Done : entry.ifFailed,
+  void TransferFinished(TransferTag tag, bool succeeded, const uint8_t* data, uint32_t count) override {
+    const bool aborted = anyAborted_.load(std::memory_order_relaxed) && Taken(tag.id);
+    const bool in = (tag.endpoint & capture::kDirectionIn) != 0;
+    capture_->Complete(tag.id, tag.endpoint, succeeded ? capture::TransferEnd::Done : FailedEnd(tag, aborted),
                        in ? data : nullptr, count);
   }
 
  private:
-  struct Entry {
-    const Transfer* transfer = nullptr;
-    uint64_t id = 0;
-    uint8_t endpoint = 0;
-    capture::TransferEnd ifFailed = capture::TransferEnd::Failed;
-  };
+  // Endpoint numbers 0-15 each way.
+  static constexpr size_t kEndpointSlots = 32;
 
-  std::vector<Entry>::iterator Find(const Transfer& transfer) {
-    return std::find_if(entries_.begin(), entries_.end(),
-                        [&](const Entry& entry) { return entry.transfer == &transfer; });
+  capture::TransferEnd FailedEnd(TransferTag tag, bool aborted) {
+    if (closed_) return capture::TransferEnd::Closed;
+    if (aborted || tag.id <= FlushedThrough(tag.endpoint).load()) return capture::TransferEnd::Withdrawn;
+    return capture::TransferEnd::Failed;
+  }
+
+  std::atomic<uint64_t>& FlushedThrough(uint8_t endpoint) {
+    const size_t in = (endpoint & capture::kDirectionIn) != 0 ? kEndpointSlots / 2 : 0;
+    return flushedThrough_[in + (endpoint & (kEndpointSlots / 2 - 1))];
+  }
+
+  // Whether id was listed as aborted; it is not from now on.
+  bool Taken(uint64_t id) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = std::find(aborted_.begin(), aborted_.end(), id);
+    if (found == aborted_.end()) return false;
+    *found = aborted_.back();
+    aborted_.pop_back();
+    anyAborted_ = !aborted_.empty();
+    return true;
   }
 
   const std::shared_ptr<capture::UsbCapture> capture_;
-  std::mutex mutex_;
-  std::vector<Entry> entries_;
+  std::array<std::atomic<uint64_t>, kEndpointSlots> flushedThrough_{};
+  std::atomic<bool> closed_{false};
+  std::atomic<bool> anyAborted_{false};
+  std::mutex mutex_;  // guards aborted_
+  std::vector<uint64_t> aborted_;
 };
 
 TracingConnection::TracingConnection(std::unique_ptr<DeviceConnection> inner,
                                      std::shared_ptr<capture::UsbCapture> capture, const capture::UsbDeviceModel& model)
     : capture_(std::move(capture)),
-      outstanding_(std::make_shared<Outstanding>(capture_)),
+      ends_(std::make_shared<Ends>(capture_)),
       model_(model),
-      inner_(std::move(inner)) {}
+      inner_(std::move(inner)),
+      innerRecords_(inner_->CaptureOwnTransfers(capture_)) {}
 
 TracingConnection::~TracingConnection() {
-  outstanding_->TakeBackAll(capture::TransferEnd::Closed);
+  ends_->CloseAll();
   inner_.reset();
 }
 
@@ -109,27 +112,31 @@ bool TracingConnection::QueryDeviceSpeed(uint8_t& speed, uint32_t& error) {
 
 std::shared_ptr<Transfer> TracingConnection::StartWrite(uint8_t pipeId, const uint8_t* data, uint32_t length) {
   RecordDescriptorsOnce();
+  if (innerRecords_) return inner_->StartWrite(pipeId, data, length);
   const uint64_t id = capture_->Submit(pipeId, data, std::min(length, kMaxTransferLength));
   return Track(inner_->StartWrite(pipeId, data, length), id, pipeId);
 }
 
 std::shared_ptr<Transfer> TracingConnection::StartRead(uint8_t pipeId, uint32_t length) {
   RecordDescriptorsOnce();
+  if (innerRecords_) return inner_->StartRead(pipeId, length);
   const uint64_t id = capture_->Submit(pipeId, nullptr, std::min(length, kMaxTransferLength));
   return Track(inner_->StartRead(pipeId, length), id, pipeId);
 }
 
 bool TracingConnection::FlushPipe(uint8_t pipeId) {
-  outstanding_->TakeBackPipe(pipeId, capture::TransferEnd::Withdrawn);
+  ends_->WithdrawPipe(pipeId);
   return inner_->FlushPipe(pipeId);
 }
 
 // Marked before the backend is asked, since the end may come at once; a
 // backend that cannot withdraw leaves the transfer as it was.
 bool TracingConnection::Abort(Transfer& transfer) {
-  const capture::TransferEnd before = outstanding_->TakeBack(transfer, capture::TransferEnd::Withdrawn);
+  if (innerRecords_) return inner_->Abort(transfer);
+  const uint64_t id = transfer.Tag().id;
+  ends_->Withdraw(id);
   if (inner_->Abort(transfer)) return true;
-  outstanding_->TakeBack(transfer, before);
+  ends_->Unwithdraw(id);
   return false;
 }
 
@@ -145,9 +152,7 @@ std::shared_ptr<Transfer> TracingConnection::Track(std::shared_ptr<Transfer> tra
     capture_->Refuse(id, pipeId);
     return nullptr;
   }
-  // Known before it is watched: it may end at once, even before Observe.
-  outstanding_->Add(*transfer, id, pipeId);
-  transfer->Observe(outstanding_);
+  transfer->Observe(ends_, {id, pipeId});
   return transfer;
 }
 

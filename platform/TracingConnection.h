@@ -3,8 +3,10 @@
 // finishes. The transfer itself tells of its end (TransferObserver), so the
 // recording needs no thread of its own, and each end is recorded once,
 // whether the transfer completed, was withdrawn after its wait ran out,
-// failed, or was still outstanding when the connection closed. Every other
-// call goes to the wrapped connection unchanged.
+// failed, or was still outstanding when the connection closed. A connection
+// that records its own transfers (CaptureOwnTransfers) is left to do so, and
+// only the descriptors are recorded here. Every other call goes to the
+// wrapped connection unchanged.
 #pragma once
 
 #include <memory>
@@ -34,18 +36,19 @@ class TracingConnection final : public DeviceConnection {
   bool Abort(Transfer& transfer) override;
 
  private:
-  class Outstanding;
+  class Ends;
 
   void RecordDescriptorsOnce();
   // Watches a started transfer for its end; a null one was refused at once.
   std::shared_ptr<Transfer> Track(std::shared_ptr<Transfer> transfer, uint64_t id, uint8_t pipeId);
 
   std::shared_ptr<capture::UsbCapture> capture_;
-  std::shared_ptr<Outstanding> outstanding_;
+  std::shared_ptr<Ends> ends_;
   std::mutex modelMutex_;  // guards model_: the queries and the first transfer may run on different threads
   capture::UsbDeviceModel model_;
   std::once_flag descriptorsRecorded_;
-  std::unique_ptr<DeviceConnection> inner_;  // last: it ends first, while the rest still stands
+  std::unique_ptr<DeviceConnection> inner_;  // it ends first, while the rest still stands
+  bool innerRecords_;                        // the inner connection records its own transfers
 };
 
 }  // namespace ferrolt::platform

@@ -36,6 +36,7 @@ void Transfer::CollectIfFinished() {
 
 void Transfer::Complete(bool succeeded, const uint8_t* data, uint32_t count) {
   std::shared_ptr<TransferObserver> observer;
+  TransferTag tag;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (done_) return;
@@ -44,21 +45,28 @@ void Transfer::Complete(bool succeeded, const uint8_t* data, uint32_t count) {
     count_ = std::min(count, length_);
     if (data != nullptr) std::memcpy(data_.data(), data, count_);
     observer = std::move(observer_);
+    tag = tag_;
   }
   // The result is fixed once done_ is set: read without the lock.
-  if (observer) observer->TransferFinished(*this, succeeded_, data_.data(), count_);
+  if (observer) observer->TransferFinished(tag, succeeded_, data_.data(), count_);
   completion_.Set();
 }
 
-void Transfer::Observe(std::shared_ptr<TransferObserver> observer) {
+void Transfer::Observe(std::shared_ptr<TransferObserver> observer, TransferTag tag) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
+    tag_ = tag;
     if (!done_) {
       observer_ = std::move(observer);
       return;
     }
   }
-  observer->TransferFinished(*this, succeeded_, data_.data(), count_);
+  observer->TransferFinished(tag, succeeded_, data_.data(), count_);
+}
+
+TransferTag Transfer::Tag() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return tag_;
 }
 
 }  // namespace ferrolt::platform

@@ -15,7 +15,11 @@ namespace ferrolt::platform {
 
 inline constexpr uint32_t kMaxTransferLength = 64;
 
-class Transfer;
+// What an observer knows a transfer by: the id it gave it and its endpoint.
+struct TransferTag {
+  uint64_t id = 0;
+  uint8_t endpoint = 0;
+};
 
 // Told once that a transfer has finished, with its result: for those that
 // record transfers (FERROLT_TRACE) without a thread of their own. Runs on the
@@ -25,7 +29,7 @@ class TransferObserver {
  public:
   virtual ~TransferObserver() = default;
   // data holds count bytes for a read; for a write, count is what it moved.
-  virtual void TransferFinished(const Transfer& transfer, bool succeeded, const uint8_t* data, uint32_t count) = 0;
+  virtual void TransferFinished(TransferTag tag, bool succeeded, const uint8_t* data, uint32_t count) = 0;
 };
 
 class Transfer {
@@ -54,9 +58,11 @@ class Transfer {
   // Completing twice keeps the first result.
   void Complete(bool succeeded, const uint8_t* data, uint32_t count);
 
-  // The one observer of this transfer. Told at once, on the caller's thread,
-  // when the transfer has finished already.
-  void Observe(std::shared_ptr<TransferObserver> observer);
+  // The one observer of this transfer, which knows it by tag. Told at once,
+  // on the caller's thread, when the transfer has finished already.
+  void Observe(std::shared_ptr<TransferObserver> observer, TransferTag tag);
+  // The tag given to Observe; a default one before.
+  TransferTag Tag() const;
 
  protected:
   // For a transfer that the system finishes by setting Completion() itself
@@ -75,6 +81,7 @@ class Transfer {
   uint32_t count_ = 0;
   std::array<uint8_t, kMaxTransferLength> data_{};
   std::shared_ptr<TransferObserver> observer_;
+  TransferTag tag_;
   Event completion_;
 };
 

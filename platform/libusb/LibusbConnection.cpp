@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "capture/UsbCapture.h"
 #include "platform/libusb/ConfigDescriptor.h"
 #include "platform/libusb/SetupHints.h"
 
@@ -32,6 +33,13 @@ PipeType PipeTypeOf(uint8_t attributes) {
 }
 
 bool IsInEndpoint(uint8_t endpoint) { return (endpoint & kEndpointDirectionIn) != 0; }
+
+// A cancelled transfer was withdrawn by a flush or an abort, or by closing.
+capture::TransferEnd CapturedEnd(libusb_transfer_status status, bool closing) {
+  if (status == LIBUSB_TRANSFER_COMPLETED) return capture::TransferEnd::Done;
+  if (status != LIBUSB_TRANSFER_CANCELLED) return capture::TransferEnd::Failed;
+  return closing ? capture::TransferEnd::Closed : capture::TransferEnd::Withdrawn;
+}
 
 }  // namespace
 
@@ -182,6 +190,12 @@ bool LibusbConnection::Abort(Transfer& transfer) {
   return true;
 }
 
+bool LibusbConnection::CaptureOwnTransfers(std::shared_ptr<capture::UsbCapture> capture) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  capture_ = std::move(capture);
+  return true;
+}
+
 // The IN pipe is read in whole packets: a buffer smaller than the packet the
 // device sends ends the transfer in an overflow, its data undefined
 // (libusb, "Packets and overflows"). One packet's worth, or as many as a
@@ -211,8 +225,10 @@ bool LibusbConnection::SubmitLocked(uint8_t endpoint, const uint8_t* data, uint3
   if (inFlight->usb == nullptr) return false;
   libusb_fill_bulk_transfer(inFlight->usb, handle_, endpoint, inFlight->buffer.data(), static_cast<int>(length),
                             &LibusbConnection::OnTransferDone, inFlight.get(), kNoTransferTimeout);
+  if (capture_ != nullptr) inFlight->captureId = capture_->Submit(endpoint, data, length);
   // Submitted under the lock, so the completion finds its record.
   if (libusb_submit_transfer(inFlight->usb) != LIBUSB_SUCCESS) {
+    if (capture_ != nullptr) capture_->Refuse(inFlight->captureId, endpoint);
     libusb_free_transfer(inFlight->usb);
     return false;
   }
@@ -246,6 +262,8 @@ void LibusbConnection::Finish(InFlight* inFlight) {
     const libusb_transfer_status status = record->usb->status;
     if (status == LIBUSB_TRANSFER_STALL) halted_.insert(record->endpoint);
     const uint32_t count = record->usb->actual_length > 0 ? static_cast<uint32_t>(record->usb->actual_length) : 0;
+    if (capture_ != nullptr)
+      capture_->Complete(record->captureId, record->endpoint, CapturedEnd(status, closing_), record->buffer.data(), count);
     if (record->transfer == nullptr) {
       TakeReadLocked(*record, status, count);
     } else {
@@ -336,6 +354,8 @@ void LibusbConnection::AbandonInFlight() {
   FailReadersLocked();
   for (auto& [key, inFlight] : inFlight_) {
     if (inFlight->transfer != nullptr) inFlight->transfer->Complete(false, nullptr, 0);
+    if (capture_ != nullptr)
+      capture_->Complete(inFlight->captureId, inFlight->endpoint, capture::TransferEnd::Closed, nullptr, 0);
     inFlight->owner = nullptr;
     static_cast<void>(inFlight.release());
   }

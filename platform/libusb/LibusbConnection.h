@@ -50,6 +50,8 @@ class LibusbConnection final : public DeviceConnection {
   std::shared_ptr<Transfer> StartRead(uint8_t pipeId, uint32_t length) override;
   bool FlushPipe(uint8_t pipeId) override;
   bool Abort(Transfer& transfer) override;
+  // The libusb transfers as submitted: their lengths, and every block a read brought.
+  bool CaptureOwnTransfers(std::shared_ptr<capture::UsbCapture> capture) override;
 
  private:
   // A submitted libusb transfer and the buffer its bytes move through. A
@@ -60,6 +62,7 @@ class LibusbConnection final : public DeviceConnection {
     std::shared_ptr<Transfer> transfer;  // null for a read
     libusb_transfer* usb = nullptr;
     uint8_t endpoint = 0;
+    uint64_t captureId = 0;
     // A read cancelled by a flush: what it brings goes with the flush.
     bool flushed = false;
     std::vector<uint8_t> buffer;
@@ -104,6 +107,7 @@ class LibusbConnection final : public DeviceConnection {
   std::set<uint8_t> halted_;
   std::deque<Block> received_;
   std::deque<std::shared_ptr<Transfer>> readers_;  // reads waiting for a block, oldest first
+  std::shared_ptr<capture::UsbCapture> capture_;   // null unless traced
   bool closing_ = false;
 
   std::thread events_;  // last: it starts once everything it uses exists

@@ -85,8 +85,7 @@ std::string FromHex(const std::string& hex) {
 
 // The blocks of a capture (tshark reads it gzipped) as the dissector shows
 // them, by endpoint: a line of type, number and CRC verdict per block. How
-// the blocks were grouped into transfers is left out: the libusb backend
-// reads whole USB packets and hands the link a block at a time.
+// the blocks were grouped into transfers is left out.
 std::map<std::string, std::string> BlocksOf(const fs::path& capture, const std::string& bytes) {
   WriteFile(capture, bytes);
   ProcessOptions options;
