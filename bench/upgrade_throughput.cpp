@@ -14,6 +14,7 @@
 
 #include "admin/DeviceAdmin.h"
 #include "bench/support/BenchSupport.h"
+#include "bench/support/UpgradePackets.h"
 #include "link/DeviceIds.h"
 #include "link/DevicePacket.h"
 #include "link/Limits.h"
@@ -53,21 +54,6 @@ Timed TimeUpgrade(const std::string& endpoint, const fs::path& bundle) {
   timed.ok = !admin.IsOperationRunning();
   admin.Shutdown(kShutdownBound);
   return timed;
-}
-
-// The bundle's data packets, built before the pump starts: the pump then
-// moves blocks and nothing else, and the device does the same work for them
-// as for the upgrade's.
-std::vector<Block> UpgradePackets(const fs::path& bundle) {
-  std::ifstream file(bundle, std::ios::binary);
-  std::vector<Block> packets;
-  uint8_t piece[kPayloadSize];
-  for (uint32_t number = 0; file.read(reinterpret_cast<char*>(piece), kPayloadSize) || file.gcount() > 0; ++number) {
-    packets.emplace_back();
-    BuildPacket(static_cast<uint8_t>(PacketType::Upgrade), number, piece, static_cast<uint8_t>(file.gcount()),
-                packets.back().data());
-  }
-  return packets;
 }
 
 // The upgrade's start text and then its data packets, written with up to

@@ -18,10 +18,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
+#include <filesystem>
 #include <string>
 #include <vector>
 
+#include "bench/support/UpgradePackets.h"
 #include "link/DeviceIds.h"
 #include "link/DevicePacket.h"
 
@@ -186,23 +187,11 @@ void StopReads(libusb_context* context, Pump& pump, std::vector<ReadSlot>& slots
   }
 }
 
-std::vector<Block> UpgradePackets(const std::string& bundle) {
-  std::ifstream file(bundle, std::ios::binary);
-  std::vector<Block> packets;
-  uint8_t piece[kPayloadSize];
-  for (uint32_t number = 0; file.read(reinterpret_cast<char*>(piece), kPayloadSize) || file.gcount() > 0; ++number) {
-    packets.emplace_back();
-    BuildPacket(static_cast<uint8_t>(PacketType::Upgrade), number, piece, static_cast<uint8_t>(file.gcount()),
-                packets.back().data());
-  }
-  return packets;
-}
-
 bool Upgrade(libusb_context* context, Pump& pump, std::vector<ReadSlot>& reads, const std::string& bundle) {
   pump.packets = UpgradePackets(bundle);
   pump.endText = "ending";
-  const std::string start = "Starting Upgrade " + std::to_string(std::ifstream(bundle, std::ios::binary | std::ios::ate).tellg()) +
-                            " " + std::to_string(pump.packets.size());
+  const std::string start = "Starting Upgrade " + std::to_string(std::filesystem::file_size(bundle)) + " " +
+                            std::to_string(pump.packets.size());
   if (!WriteBlock(pump.pipes, BuildRawTextBlock(start))) return false;
   StartReads(pump, reads);
   for (size_t i = 0; i < reads.size() && pump.nextPacket < pump.packets.size(); ++i) {
