@@ -35,6 +35,8 @@ using Clock = std::chrono::steady_clock;
 // report the end once the last packet went.
 constexpr unsigned kWriteTimeoutMs = 500;
 constexpr auto kEndReportLimit = std::chrono::seconds(60);
+// Only against a device that went silent: a run under emulation takes minutes.
+constexpr auto kRunLimit = std::chrono::hours(1);
 constexpr timeval kEventStep{0, 100000};
 constexpr auto kCancelLimit = std::chrono::seconds(5);
 constexpr size_t kMaxWindow = 1024;
@@ -199,11 +201,12 @@ bool Upgrade(libusb_context* context, Pump& pump, std::vector<ReadSlot>& reads, 
     SubmitWrite(pump, libusb_alloc_transfer(0));
   }
   const auto noWrites = [&] { return pump.writesInFlight == 0; };
-  if (!HandleEventsUntil(context, pump, noWrites, Clock::now() + std::chrono::hours(1))) return false;
+  if (!HandleEventsUntil(context, pump, noWrites, Clock::now() + kRunLimit)) return false;
   if (pump.packetsDone != pump.packets.size() ||
       !WriteBlock(pump.pipes, BuildTextPacket(PacketType::Upgrade, "Ending Upgrade")))
     return false;
-  return HandleEventsUntil(context, pump, [&] { return pump.ended; }, Clock::now() + kEndReportLimit);
+  return HandleEventsUntil(
+      context, pump, [&] { return pump.ended; }, Clock::now() + kEndReportLimit);
 }
 
 bool Download(libusb_context* context, Pump& pump, std::vector<ReadSlot>& reads, const std::string& devicePath,
@@ -213,7 +216,8 @@ bool Download(libusb_context* context, Pump& pump, std::vector<ReadSlot>& reads,
   if (pump.file < 0) return false;
   if (!WriteBlock(pump.pipes, BuildTextPacket(PacketType::Download, "Starting download " + devicePath))) return false;
   StartReads(pump, reads);
-  const bool ended = HandleEventsUntil(context, pump, [&] { return pump.ended; }, Clock::now() + std::chrono::hours(1));
+  const bool ended = HandleEventsUntil(
+      context, pump, [&] { return pump.ended; }, Clock::now() + kRunLimit);
   return close(pump.file) == 0 && ended;
 }
 
