@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <string>
 
-#include "link/ConsoleSink.h"
 #include "link/Reporting.h"
 
 namespace ferrolt {
@@ -26,9 +25,8 @@ void CLogMessageCallback::LogMessageCallBack(std::string format, ...) {
   // at the same moment never cut into each other.
   std::string line = kLogPrefix + FormatLogMessage(format.c_str(), arguments) + '\n';
   va_end(arguments);
-  ConsoleSink& console = StandardConsole();
-  console.Print(line);
-  console.Flush();
+  std::fwrite(line.data(), 1, line.size(), stdout);
+  std::fflush(stdout);
 }
 
 void CVersionInfoReadyCallBack::VersionInfoReadyCallBack(std::string version) {
