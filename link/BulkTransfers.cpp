@@ -31,14 +31,24 @@ TransferStatus UsbLink::WritePacket(const uint8_t* block, uint32_t length, ILogM
 }
 
 UsbLink::PendingWrite UsbLink::StartWrite(const uint8_t* block, uint32_t length) {
-  PendingWrite write;
+  return StartWrites(block, 1, length).front();
+}
+
+std::vector<UsbLink::PendingWrite> UsbLink::StartWrites(const uint8_t* blocks, size_t count, uint32_t length) {
+  std::vector<PendingWrite> writes(count);
   // Not held through the wait: a close meanwhile releases the connection,
-  // which ends the write.
-  if (const auto connection = Connection()) {
-    write.transfer = connection->StartWrite(BulkOutPipeId(), block, length);
-    write.startedOn = connection;
-  }
-  return write;
+  // which ends the writes.
+  const auto connection = Connection();
+  if (connection == nullptr) return writes;
+  std::vector<std::shared_ptr<platform::Transfer>> transfers =
+      connection->StartWrites(BulkOutPipeId(), blocks, count, length);
+  for (size_t i = 0; i < count; ++i) writes[i] = {std::move(transfers[i]), connection};
+  return writes;
+}
+
+void UsbLink::WaitForWrite(const PendingWrite& write, std::chrono::steady_clock::time_point deadline) {
+  if (write.transfer == nullptr) return;
+  platform::WaitAny({&cancelEvent_, &write.transfer->Completion()}, platform::TimeLeft(deadline));
 }
 
 TransferStatus UsbLink::AwaitWrite(const PendingWrite& write, std::chrono::steady_clock::time_point deadline,
@@ -114,7 +124,8 @@ TransferStatus UsbLink::ReadBlock(uint8_t* buffer, uint32_t length, std::chrono:
     if (transfer == nullptr && !withCancel) return TransferStatus::Failed;
 
     const platform::Event* completion = transfer ? &transfer->Completion() : nullptr;
-    const int woke = platform::WaitAny({withCancel ? &cancelEvent_ : nullptr, completion}, platform::TimeLeft(deadline));
+    const int woke =
+        platform::WaitAny({withCancel ? &cancelEvent_ : nullptr, completion}, platform::TimeLeft(deadline));
     // What the read holds now, looked at without waiting.
     const bool complete = transfer != nullptr && transfer->IsComplete();
     // A cancelled read stays queued, complete or not: the next read takes
@@ -177,8 +188,8 @@ int UsbLink::DropArrivedBlocks() {
   Block arrived{};
   uint32_t received = 0;
   int dropped = 0;
-  while (ReadBlock(arrived.data(), kBlockSize, std::chrono::milliseconds::zero(), ReadWait::WithoutCancel,
-                   &received) == TransferStatus::Done)
+  while (ReadBlock(arrived.data(), kBlockSize, std::chrono::milliseconds::zero(), ReadWait::WithoutCancel, &received) ==
+         TransferStatus::Done)
     ++dropped;
   return dropped;
 }

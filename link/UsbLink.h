@@ -77,6 +77,12 @@ class UsbLink {
   // gone.
   using QueuedBehind = std::function<std::vector<PendingWrite>()>;
   PendingWrite StartWrite(const uint8_t* block, uint32_t length);
+  // count writes of length bytes each, from blocks laid end to end, started
+  // together and in order.
+  std::vector<PendingWrite> StartWrites(const uint8_t* blocks, size_t count, uint32_t length);
+  // Waits until the write has ended, the cancel event is set or deadline
+  // has passed, whichever comes first; nothing is logged or withdrawn.
+  void WaitForWrite(const PendingWrite& write, std::chrono::steady_clock::time_point deadline);
   TransferStatus AwaitWrite(const PendingWrite& write, std::chrono::steady_clock::time_point deadline,
                             ILogMessageCallBack* log, const QueuedBehind& queuedBehind = nullptr);
   // 5 ms read from the bulk IN pipe; bytesReceived gets the count.

@@ -93,6 +93,16 @@ class DeviceConnection {
   // link, no such pipe): no completion will ever come, as with a Windows
   // call that fails immediately.
   virtual std::shared_ptr<Transfer> StartWrite(uint8_t pipeId, const uint8_t* data, uint32_t length) = 0;
+  // Starts count writes of length bytes each, from blocks laid end to end,
+  // in that order; their transfers as StartWrite returns them, a null one
+  // for each that failed at once. A transport that can hand several writes
+  // over at once (the emulator link: one send) does so.
+  virtual std::vector<std::shared_ptr<Transfer>> StartWrites(uint8_t pipeId, const uint8_t* blocks, size_t count,
+                                                             uint32_t length) {
+    std::vector<std::shared_ptr<Transfer>> transfers;
+    for (size_t i = 0; i < count; ++i) transfers.push_back(StartWrite(pipeId, blocks + i * length, length));
+    return transfers;
+  }
   virtual std::shared_ptr<Transfer> StartRead(uint8_t pipeId, uint32_t length) = 0;
 
   // Discards what the pipe holds: for an IN pipe, blocks received and not yet

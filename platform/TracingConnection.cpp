@@ -117,6 +117,18 @@ std::shared_ptr<Transfer> TracingConnection::StartWrite(uint8_t pipeId, const ui
   return Track(inner_->StartWrite(pipeId, data, length), id, pipeId);
 }
 
+std::vector<std::shared_ptr<Transfer>> TracingConnection::StartWrites(uint8_t pipeId, const uint8_t* blocks,
+                                                                      size_t count, uint32_t length) {
+  RecordDescriptorsOnce();
+  if (innerRecords_) return inner_->StartWrites(pipeId, blocks, count, length);
+  const uint32_t recorded = std::min(length, kMaxTransferLength);
+  std::vector<uint64_t> ids;
+  for (size_t i = 0; i < count; ++i) ids.push_back(capture_->Submit(pipeId, blocks + i * length, recorded));
+  std::vector<std::shared_ptr<Transfer>> transfers = inner_->StartWrites(pipeId, blocks, count, length);
+  for (size_t i = 0; i < count; ++i) transfers[i] = Track(std::move(transfers[i]), ids[i], pipeId);
+  return transfers;
+}
+
 std::shared_ptr<Transfer> TracingConnection::StartRead(uint8_t pipeId, uint32_t length) {
   RecordDescriptorsOnce();
   if (innerRecords_) return inner_->StartRead(pipeId, length);

@@ -31,6 +31,8 @@ class TracingConnection final : public DeviceConnection {
   bool QueryPipe(uint8_t endpointIndex, PipeInfo& pipe) override;
   bool QueryDeviceSpeed(uint8_t& speed, uint32_t& error) override;
   std::shared_ptr<Transfer> StartWrite(uint8_t pipeId, const uint8_t* data, uint32_t length) override;
+  std::vector<std::shared_ptr<Transfer>> StartWrites(uint8_t pipeId, const uint8_t* blocks, size_t count,
+                                                     uint32_t length) override;
   std::shared_ptr<Transfer> StartRead(uint8_t pipeId, uint32_t length) override;
   bool FlushPipe(uint8_t pipeId) override;
   bool Abort(Transfer& transfer) override;

@@ -43,26 +43,35 @@ bool EmulatorConnection::QueryDeviceSpeed(uint8_t& speed, uint32_t& /*error*/) {
 }
 
 std::shared_ptr<Transfer> EmulatorConnection::StartWrite(uint8_t pipeId, const uint8_t* data, uint32_t length) {
-  if (pipeId != kBulkOutPipe) return nullptr;
-  auto transfer = std::make_shared<Transfer>(length);
-  std::array<uint8_t, kWriteFrameSize> frame{};
-  frame[0] = kWriteFrame;
-  if (data != nullptr) std::memcpy(frame.data() + 1, data, transfer->RequestedLength());
+  return StartWrites(pipeId, data, 1, length).front();
+}
+
+std::vector<std::shared_ptr<Transfer>> EmulatorConnection::StartWrites(uint8_t pipeId, const uint8_t* blocks,
+                                                                       size_t count, uint32_t length) {
+  std::vector<std::shared_ptr<Transfer>> transfers(count);
+  if (pipeId != kBulkOutPipe) return transfers;
+  std::vector<uint8_t> frames(count * kWriteFrameSize, 0);
+  for (size_t i = 0; i < count; ++i) {
+    transfers[i] = std::make_shared<Transfer>(length);
+    uint8_t* frame = frames.data() + i * kWriteFrameSize;
+    frame[0] = kWriteFrame;
+    if (blocks != nullptr) std::memcpy(frame + 1, blocks + i * length, transfers[i]->RequestedLength());
+  }
 
   std::lock_guard<std::mutex> sending(sendMutex_);
   {
-    // Queued before it is sent, so its A cannot arrive before it is expected.
+    // Queued before they are sent, so no A can arrive before it is expected.
     std::lock_guard<std::mutex> lock(mutex_);
-    if (removed_) return nullptr;
-    sentWrites_.push_back(transfer);
+    if (removed_) return std::vector<std::shared_ptr<Transfer>>(count);
+    sentWrites_.insert(sentWrites_.end(), transfers.begin(), transfers.end());
   }
-  if (!SendAll(socket_.Get(), frame.data(), frame.size(), kFrameSendWait)) {
+  if (!SendAll(socket_.Get(), frames.data(), frames.size(), kFrameSendWait)) {
     // A torn or undelivered frame leaves the stream unusable: the link is over.
     StopReading();
     EndLink();
-    return nullptr;
+    return std::vector<std::shared_ptr<Transfer>>(count);
   }
-  return transfer;
+  return transfers;
 }
 
 std::shared_ptr<Transfer> EmulatorConnection::StartRead(uint8_t pipeId, uint32_t length) {

@@ -32,6 +32,10 @@ class EmulatorConnection final : public DeviceConnection {
   bool QueryPipe(uint8_t endpointIndex, PipeInfo& pipe) override;
   bool QueryDeviceSpeed(uint8_t& speed, uint32_t& error) override;
   std::shared_ptr<Transfer> StartWrite(uint8_t pipeId, const uint8_t* data, uint32_t length) override;
+  // The frames of all the writes in one send: the device takes them in one
+  // receive, and answers them in one.
+  std::vector<std::shared_ptr<Transfer>> StartWrites(uint8_t pipeId, const uint8_t* blocks, size_t count,
+                                                     uint32_t length) override;
   std::shared_ptr<Transfer> StartRead(uint8_t pipeId, uint32_t length) override;
   bool FlushPipe(uint8_t pipeId) override;
 

@@ -2,7 +2,9 @@
 // wire, in which order, and how the worker answers NACKs, failed writes and a
 // device that never reports the end. A NACK is delivered while a chosen
 // packet is written and handled by the response reader before that write
-// completes, so the step that sees it is known.
+// completes, so the step that sees it is known: the first step after the
+// batch of writes that packet went out in. The first batch is the first
+// window's worth of packets, or the whole file when it is smaller.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -18,6 +20,7 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr uint8_t kUpgrade = 1;
+constexpr uint32_t kWindow = static_cast<uint32_t>(limits::kUpgradeWriteWindow);
 Block Nack(uint32_t number) { return MakeDevicePacket(10, 1, "\x01", number); }
 const Block kEndPacket = MakeDevicePacket(kUpgrade, 57, "Ending Upgrade");
 
@@ -125,7 +128,7 @@ TEST_F(UpgradeWorker, WritesNothingWhenTheFileIsMissing) {
   Upgrade((dir / "no such 100% bundle").string());
   EXPECT_TRUE(device.Written().empty());
   EXPECT_EQ(log.Lines(), std::vector<std::string>{"Error: Can not find specified file - " +
-                                                   (dir / "no such 100%% bundle").string()});
+                                                  (dir / "no such 100%% bundle").string()});
 }
 
 TEST_F(UpgradeWorker, WritesNothingForA2GiBFile) {
@@ -193,13 +196,20 @@ TEST_P(UpgradeNacks, GoesBackOnlyWhereTheRulesSay) {
   for (uint32_t n : row.resent) EXPECT_TRUE(log.Has("Write data :" + devsim::HexOf(DataPacket(n).data(), 64)));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Rows, UpgradeNacks,
-    ::testing::Values(NackCase{"EarlierPacket", 20, 10, {3}, Ranges({{0, 10}, {3, 19}}), {3}},
-                      NackCase{"NextPacketOnceItIsPassed", 10, 4, {5}, Ranges({{0, 5}, {5, 9}}), {5}},
-                      NackCase{"BeyondTheCount", 10, 2, {10}, Ranges({{0, 9}}), {}},
-                      NackCase{"LaterOfTwoInOneStep", 10, 8, {2, 4}, Ranges({{0, 8}, {4, 9}}), {4}}),
-    [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Rows, UpgradeNacks,
+                         ::testing::Values(NackCase{"EarlierPacket", 20, 10, {3}, Ranges({{0, 19}, {3, 19}}), {3}},
+                                           // Seen at the step of packet W (not yet sent, so left
+                                           // stored) and acted on at the step after it.
+                                           NackCase{"NextPacketOnceItIsPassed",
+                                                    kWindow + 8,
+                                                    0,
+                                                    {kWindow},
+                                                    Ranges({{0, kWindow}, {kWindow, kWindow + 7}}),
+                                                    {kWindow}},
+                                           NackCase{"BeyondTheCount", 10, 2, {10}, Ranges({{0, 9}}), {}},
+                                           NackCase{
+                                               "LaterOfTwoInOneStep", 10, 8, {2, 4}, Ranges({{0, 9}, {4, 9}}), {4}}),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 // The percentage drops back with a rewind and is reported again.
 TEST_F(UpgradeWorker, ProgressDropsBackWithARewind) {
@@ -217,8 +227,7 @@ TEST_F(UpgradeWorker, EndsItsWaitForTheEndReportAtOnceOnACancel) {
   device.OnWrite([](const Block&) { return true; });
   ASSERT_EQ(admin.UpgradeBundleAsync(MakeBundle(57 * 4), &progress, &log, false), 0);
   const auto deadline = std::chrono::steady_clock::now() + kOperationBound;
-  while (!log.Has("Download of upgrade bundle to device has completed.") &&
-         std::chrono::steady_clock::now() < deadline)
+  while (!log.Has("Download of upgrade bundle to device has completed.") && std::chrono::steady_clock::now() < deadline)
     std::this_thread::sleep_for(milliseconds(2));
   const auto start = std::chrono::steady_clock::now();
   admin.CancelOperation(&log);
