@@ -22,10 +22,9 @@ namespace ferrolt::test {
 namespace {
 
 // What tshark shows of each packet, and where in its line.
-const std::vector<std::string> kFields = {"usb.urb_id",         "usb.urb_type", "usb.endpoint_address",
-                                          "usb.urb_status",     "ferrolt.type", "ferrolt.number",
-                                          "ferrolt.crc.status", "ferrolt.text", "ferrolt.rawtext",
-                                          "usb.data_len"};
+const std::vector<std::string> kFields = {"usb.urb_id",      "usb.urb_type",   "usb.endpoint_address", "usb.urb_status",
+                                          "ferrolt.type",    "ferrolt.number", "ferrolt.crc.status",   "ferrolt.text",
+                                          "ferrolt.rawtext", "usb.data_len"};
 enum Column { kId, kUrbType, kEndpoint, kStatus, kType, kNumber, kCrc, kText, kRawText, kDataLength };
 using Row = std::vector<std::string>;
 // Between the occurrences of a field in a transfer of several blocks: a
@@ -35,21 +34,14 @@ constexpr char kOccurrences = '\x1f';
 constexpr const char* kTypeNames[] = {"",         "Upgrade", "Version", "Logs", "Cli", "Upload",
                                       "Download", "Cancel",  "Ort",     "",     "Nack"};
 
-// Each packet of the capture as tshark shows the fields; none when tshark
-// cannot be run.
-std::optional<std::vector<Row>> Decode(const fs::path& capture) {
+// Each packet of the capture as tshark shows the fields.
+std::vector<Row> Decode(const fs::path& capture) {
   ProcessOptions options;
   options.args = {"-X", std::string("lua_script:") + FERROLT_DISSECTOR, "-r", capture.string(), "-T", "fields",
                   "-E", std::string("aggregator=") + kOccurrences};
   for (const std::string& field : kFields) options.args.insert(options.args.end(), {"-e", field});
-  ProcessResult result;
-  try {
-    result = RunProcess("tshark", options);
-  } catch (const std::runtime_error&) {
-    return std::nullopt;
-  }
   std::vector<Row> rows;
-  std::istringstream lines(result.out);
+  std::istringstream lines(RunProcess("tshark", options).out);
   for (std::string line; std::getline(lines, line);) {
     Row row;
     std::istringstream cells(line);
@@ -215,6 +207,7 @@ class CaptureTest : public testing::TestWithParam<CaptureRun> {
 };
 
 TEST_P(CaptureTest, ShowsTheBlocksBothWays) {
+  if (const std::string why = WhyNoTreeDissector(); !why.empty()) GTEST_SKIP() << why;
   const CaptureRun& run = GetParam();
   WriteFile(dir_ / "bundle.img", RandomBytes(kBundleSize, 5));
   WriteFile(dir_ / "slow.img", RandomBytes(kSlowBundleSize, 6));
@@ -242,19 +235,18 @@ TEST_P(CaptureTest, ShowsTheBlocksBothWays) {
   device.reset();  // the device's capture is written out as it ends
 
   const auto tool_rows = Decode(dir_ / "tool.pcapng");
-  if (!tool_rows) GTEST_SKIP() << "tshark is not installed (scripts/install-deps.sh --tests)";
   const auto device_rows = Decode(dir_ / "device.pcapng");
-  ExpectEveryTransferEndedOnce(*tool_rows);
-  ExpectEveryTransferEndedOnce(*device_rows);
-  EXPECT_EQ(Blocks(*tool_rows, false, KeyOf), received);
+  ExpectEveryTransferEndedOnce(tool_rows);
+  ExpectEveryTransferEndedOnce(device_rows);
+  EXPECT_EQ(Blocks(tool_rows, false, KeyOf), received);
   // The device's capture holds the run before too.
-  EXPECT_EQ(Last(Blocks(*device_rows, false, KeyOf), received.size()), received);
-  const std::vector<std::string> out = Blocks(*tool_rows, false, LineOf);
+  EXPECT_EQ(Last(Blocks(device_rows, false, KeyOf), received.size()), received);
+  const std::vector<std::string> out = Blocks(tool_rows, false, LineOf);
   for (const std::string& line : run.outIncludes) EXPECT_NE(std::find(out.begin(), out.end(), line), out.end()) << line;
   if (SelectedTransport() == Transport::Usb && run.severalBlocksInARead) {
     // The tool's capture shows the USB transfers libusb made, a read of
     // whole packets bringing as many blocks as the device had ready.
-    const bool several = std::any_of(tool_rows->begin(), tool_rows->end(), [](const Row& row) {
+    const bool several = std::any_of(tool_rows.begin(), tool_rows.end(), [](const Row& row) {
       const size_t blocks = BlockRows(row).size();
       return IsOneWay(row, true) && blocks > 1 && row[kDataLength] == std::to_string(blocks * sizeof(Block));
     });
@@ -262,10 +254,10 @@ TEST_P(CaptureTest, ShowsTheBlocksBothWays) {
   }
   if (!run.in) return;
   const std::vector<std::string> texts = TextsOf(*run.in);
-  EXPECT_EQ(Blocks(*tool_rows, true, KeyOf), KeysOf(*run.in));
-  EXPECT_EQ(Texts(*tool_rows, true), texts);
-  EXPECT_EQ(Last(Blocks(*device_rows, true, KeyOf), run.in->size()), KeysOf(*run.in));
-  EXPECT_EQ(Last(Texts(*device_rows, true), texts.size()), texts);
+  EXPECT_EQ(Blocks(tool_rows, true, KeyOf), KeysOf(*run.in));
+  EXPECT_EQ(Texts(tool_rows, true), texts);
+  EXPECT_EQ(Last(Blocks(device_rows, true, KeyOf), run.in->size()), KeysOf(*run.in));
+  EXPECT_EQ(Last(Texts(device_rows, true), texts.size()), texts);
 }
 
 INSTANTIATE_TEST_SUITE_P(Scenarios, CaptureTest, testing::ValuesIn(kRuns),
@@ -355,6 +347,7 @@ struct ForeignCapture {
 // Given a capture of a real device started after it was plugged in, the
 // dissector still finds its blocks, and splits a read that brought two.
 TEST(ForeignCaptureTest, TheDissectorFindsTheBlocksWithoutDescriptors) {
+  if (const std::string why = WhyNoTreeDissector(); !why.empty()) GTEST_SKIP() << why;
   constexpr uint32_t kLinkTypeUsbPcap = 249;
   constexpr ForeignCapture kCaptures[] = {{"usbmon", capture::kLinkTypeUsbLinuxMmapped, UsbmonPacket},
                                           {"USBPcap", kLinkTypeUsbPcap, UsbPcapPacket}};
@@ -369,11 +362,10 @@ TEST(ForeignCaptureTest, TheDissectorFindsTheBlocksWithoutDescriptors) {
     WritePcap(dir / "real.pcap", foreign.linkType,
               {foreign.packet(0x01, Bytes({start})), foreign.packet(0x81, Bytes({nack, status}))});
     const auto rows = Decode(dir / "real.pcap");
-    if (!rows) GTEST_SKIP() << "tshark is not installed (scripts/install-deps.sh --tests)";
-    ASSERT_EQ(rows->size(), 2u) << foreign.name;
-    EXPECT_EQ((*rows)[0][kRawText], text) << foreign.name;
-    EXPECT_EQ(Blocks(*rows, true, KeyOf), (std::vector<std::string>{"Nack 0", "Upgrade 0"})) << foreign.name;
-    EXPECT_EQ((*rows)[1][kText], "Upgrade complete, ending update") << foreign.name;
+    ASSERT_EQ(rows.size(), 2u) << foreign.name;
+    EXPECT_EQ(rows[0][kRawText], text) << foreign.name;
+    EXPECT_EQ(Blocks(rows, true, KeyOf), (std::vector<std::string>{"Nack 0", "Upgrade 0"})) << foreign.name;
+    EXPECT_EQ(rows[1][kText], "Upgrade complete, ending update") << foreign.name;
   }
 }
 

@@ -246,6 +246,24 @@ ProcessResult RunProcess(const std::string& program, const ProcessOptions& optio
   return process.Wait(options.timeout);
 }
 
+std::string WhyNoTreeDissector() {
+  static const std::string why = [] {
+    ProcessOptions options;
+    options.args = {"-G", "plugins"};
+    ProcessResult plugins;
+    try {
+      plugins = RunProcess("tshark", options);
+    } catch (const std::runtime_error&) {
+      return std::string("tshark is not installed (scripts/install-deps.sh --tests)");
+    }
+    if (plugins.out.find("ferrolt.lua") == std::string::npos) return std::string();
+    return std::string(
+        "tshark loads an installed ferrolt.lua (the package is installed): the tree's copy cannot "
+        "register beside it");
+  }();
+  return why;
+}
+
 namespace {
 
 constexpr milliseconds kDevsimStartLimit{10000};

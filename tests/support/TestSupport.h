@@ -96,6 +96,11 @@ class Subprocess {
 
 ProcessResult RunProcess(const std::string& program, const ProcessOptions& options);
 
+// Why tshark cannot decode with the tree's dissector, empty when it can: it
+// is not installed, or it loads an installed copy already (the project's
+// package), beside which a second one cannot register.
+std::string WhyNoTreeDissector();
+
 // How ferrolt-devsim is reached: a Unix socket in its temporary folder, or a
 // TCP port on the loopback interface that it picks itself; or, as a USB
 // device for a virtual machine, its usbredir front on a given Unix socket.
