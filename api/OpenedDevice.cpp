@@ -1,6 +1,5 @@
 #include "api/OpenedDevice.h"
 
-#include <cstdio>
 #include <utility>
 
 #include "capture/UsbCapture.h"
@@ -48,13 +47,10 @@ OpenedDevice::Opening OpenedDevice::Open(const char* place, const std::string& t
   std::unique_ptr<platform::DeviceBackend> backend = platform::CreateBackendFor(place, *reporters);
   if (backend == nullptr) return {FERROLT_INVALID_ARGUMENT, nullptr};
   if (!tracePath.empty()) {
-    // The capture says on standard error when it cannot create its file, and
-    // the library prints nothing: a file that cannot be created is found here
-    // first, and the open fails instead.
-    std::FILE* probe = std::fopen(tracePath.c_str(), "wb");
-    if (probe == nullptr) return {FERROLT_FAILED, nullptr};
-    std::fclose(probe);
-    std::shared_ptr<capture::UsbCapture> capture = capture::UsbCapture::Create(tracePath, kProgramName);
+    // The library prints nothing: a capture that cannot be created fails the
+    // open instead, and one that cannot be written later just ends.
+    std::shared_ptr<capture::UsbCapture> capture =
+        capture::UsbCapture::Create(tracePath, kProgramName, [](const std::string&) {});
     if (capture == nullptr) return {FERROLT_FAILED, nullptr};
     // The capture lives as long as the backend, so ferrolt_close writes it out.
     backend = std::make_unique<platform::TracingBackend>(std::move(backend), std::move(capture));

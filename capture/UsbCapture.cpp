@@ -70,10 +70,16 @@ UsbmonEvent BulkEvent(uint64_t id, char type, uint8_t endpoint, int32_t status) 
 
 }  // namespace
 
-std::unique_ptr<UsbCapture> UsbCapture::Create(const std::string& path, const std::string& programName) {
+void UsbCapture::SayOnStandardError(const std::string& line) {
+  std::fprintf(stderr, "%s\n", line.c_str());
+  std::fflush(stderr);
+}
+
+std::unique_ptr<UsbCapture> UsbCapture::Create(const std::string& path, const std::string& programName,
+                                               FailureSink said) {
   std::FILE* file = std::fopen(path.c_str(), "wb");
   const int openError = errno;
-  std::unique_ptr<UsbCapture> capture(new UsbCapture(file, path, programName));
+  std::unique_ptr<UsbCapture> capture(new UsbCapture(file, path, programName, std::move(said)));
   std::lock_guard<std::mutex> lock(capture->mutex_);
   if (file == nullptr) {
     capture->SayFailureLocked(openError);
@@ -86,8 +92,8 @@ std::unique_ptr<UsbCapture> UsbCapture::Create(const std::string& path, const st
   return capture->file_ != nullptr ? std::move(capture) : nullptr;
 }
 
-UsbCapture::UsbCapture(std::FILE* file, std::string path, std::string programName)
-    : path_(std::move(path)), programName_(std::move(programName)), file_(file) {
+UsbCapture::UsbCapture(std::FILE* file, std::string path, std::string programName, FailureSink said)
+    : path_(std::move(path)), programName_(std::move(programName)), said_(std::move(said)), file_(file) {
   // Room for the record that crosses kWriteOutBytes too: records gather
   // without an allocation.
   gathered_.reserve(2 * kWriteOutBytes);
@@ -200,9 +206,7 @@ void UsbCapture::WriteOutLocked(int64_t microsecondsSinceEpoch) {
 }
 
 void UsbCapture::SayFailureLocked(int error) {
-  std::fprintf(stderr, "%s: cannot write the capture %s (%s); going on without it\n", programName_.c_str(),
-               path_.c_str(), std::strerror(error));
-  std::fflush(stderr);
+  said_(programName_ + ": cannot write the capture " + path_ + " (" + std::strerror(error) + "); going on without it");
 }
 
 void UsbCapture::CloseLocked() {

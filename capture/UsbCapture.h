@@ -20,6 +20,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <span>
@@ -44,9 +45,16 @@ enum class TransferEnd {
 
 class UsbCapture {
  public:
-  // programName starts the line said on standard error. Null when the file
-  // cannot be created or written (that line said).
-  static std::unique_ptr<UsbCapture> Create(const std::string& path, const std::string& programName);
+  // Takes the line the capture says when its file cannot be created or
+  // written, without its line end: a program prints it, a library keeps quiet.
+  using FailureSink = std::function<void(const std::string& line)>;
+  // Prints the line on standard error.
+  static void SayOnStandardError(const std::string& line);
+
+  // programName starts the failure line and names the capture's writer.
+  // Null when the file cannot be created or written (that line said).
+  static std::unique_ptr<UsbCapture> Create(const std::string& path, const std::string& programName,
+                                            FailureSink said = SayOnStandardError);
   ~UsbCapture();
   UsbCapture(const UsbCapture&) = delete;
   UsbCapture& operator=(const UsbCapture&) = delete;
@@ -68,7 +76,7 @@ class UsbCapture {
   void Close();
 
  private:
-  UsbCapture(std::FILE* file, std::string path, std::string programName);
+  UsbCapture(std::FILE* file, std::string path, std::string programName, FailureSink said);
   void RecordDescriptorReadLocked(uint8_t descriptorType, const std::vector<uint8_t>& descriptor);
   // event's time and place are set here; data is the dataLength bytes that
   // follow its header. Record takes the lock for the copy alone.
@@ -82,9 +90,10 @@ class UsbCapture {
 
   const std::string path_;
   const std::string programName_;
+  const FailureSink said_;
   std::atomic<uint64_t> nextId_{1};  // taken without the lock
-  std::mutex mutex_;  // guards every field below
-  std::FILE* file_;   // null once closed or failed
+  std::mutex mutex_;                 // guards every field below
+  std::FILE* file_;                  // null once closed or failed
   std::vector<uint8_t> gathered_;
   int64_t lastWriteOut_ = 0;  // microseconds since the epoch
   bool descriptorsRecorded_ = false;
