@@ -1,6 +1,8 @@
 #include "link/Reporting.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 namespace ferrolt {
@@ -30,7 +32,11 @@ constexpr std::string_view kPercentTwiceEscaped = "%%%%";
 }  // namespace
 
 std::string FormatLogMessage(const char* format, std::va_list arguments) {
-  char message[kLogMessageBufferSize] = {};
+  // A message without a conversion is its own text: a download logs one per
+  // block, and the formatting pass would cost more than the rest of its line.
+  if (std::strchr(format, '%') == nullptr)
+    return std::string(format, std::min(std::strlen(format), kLogMessageBufferSize - 1));
+  char message[kLogMessageBufferSize];
   std::vsnprintf(message, sizeof message, format, arguments);
   std::string line(message);
   for (size_t at = line.find(kPercentEscaped); at != std::string::npos; at = line.find(kPercentEscaped, at + 1))
