@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <string>
 
+#include "link/ConsoleSink.h"
 #include "link/Reporting.h"
 
 namespace ferrolt {
@@ -25,8 +26,9 @@ void CLogMessageCallback::LogMessageCallBack(std::string format, ...) {
   // at the same moment never cut into each other.
   std::string line = kLogPrefix + FormatLogMessage(format.c_str(), arguments) + '\n';
   va_end(arguments);
-  std::fwrite(line.data(), 1, line.size(), stdout);
-  std::fflush(stdout);
+  ConsoleSink& console = StandardConsole();
+  console.Print(line);
+  console.Flush();
 }
 
 void CVersionInfoReadyCallBack::VersionInfoReadyCallBack(std::string version) {

@@ -13,6 +13,8 @@ namespace {
 // runs for about ten seconds.
 constexpr size_t kBundleSize = 57 * 2000;
 constexpr const char* kSlowWrites = "delay-writes=5";
+// A download of about three seconds over the emulator link.
+constexpr size_t kDownloadSize = size_t{8} << 20;
 
 // Given a run in progress, Ctrl+Break (SIGQUIT) cancels it and the other signals end it with status 1.
 class FrontEndSignalsTest : public testing::Test {
@@ -87,6 +89,38 @@ TEST_F(FrontEndSignalsTest, BreakDuringUpgradeSendsTheCancelPacket) {
   EXPECT_EQ(devsim::PayloadText(received.back()), "Cancel");
   for (const Block& block : received) EXPECT_NE(devsim::PayloadText(block), "Ending Upgrade");
 }
+
+// Standard output to a pipe is flushed in periods, not line by line. A run
+// signalled mid-download (a Break cancels it, and the device may finish the
+// file meanwhile) still leaves every line it printed on the pipe: at
+// least one "Read data" line for the start reply and for each block in the
+// file, as a block is logged before it is written.
+struct CutOff {
+  int signal;
+  int exitStatus;
+};
+
+class DownloadCutOffTest : public FrontEndSignalsTest, public testing::WithParamInterface<CutOff> {};
+
+TEST_P(DownloadCutOffTest, EveryPrintedLineReachesThePipe) {
+  const fs::path root = dir_ / "device";
+  fs::create_directories(root / "tmp");
+  WriteFile(root / "tmp" / "big", RandomBytes(kDownloadSize, 5));
+  const auto device = StartDevice({}, root);
+  ASSERT_TRUE(device->Running());
+  auto run = StartFerrolt({"download", "/tmp/big", "big"}, *device, dir_.Path());
+  ASSERT_TRUE(run->WaitForOutput("Read data :", kRunLimit)) << run->OutSoFar();
+  run->Signal(GetParam().signal);
+  const ProcessResult result = run->Wait(kRunLimit);
+  EXPECT_EQ(result.exitStatus, GetParam().exitStatus);
+  ASSERT_FALSE(result.out.empty());
+  EXPECT_EQ(result.out.back(), '\n');
+  const size_t written = fs::file_size(dir_ / "big");
+  EXPECT_GE(CountOf(result.out, "Read data :"), 1 + (written + devsim::kPayloadSize - 1) / devsim::kPayloadSize);
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, DownloadCutOffTest,
+                         testing::Values(CutOff{SIGINT, 1}, CutOff{SIGTERM, 1}, CutOff{SIGHUP, 1}, CutOff{SIGQUIT, 0}));
 
 }  // namespace
 }  // namespace ferrolt::test
