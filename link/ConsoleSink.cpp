@@ -30,7 +30,10 @@ class StandardStreams final : public ConsoleSink {
     else
       deferred_.Request();
   }
+  // Standard output first: where both streams go to one file, a note
+  // follows the lines printed before it.
   void Note(std::string_view line) override {
+    FlushStandardOutput();
     std::fprintf(stderr, "ferrolt: %.*s\n", static_cast<int>(line.size()), line.data());
     std::fflush(stderr);
   }
