@@ -1,54 +1,69 @@
 #include "link/DeferredFlush.h"
 
+#include <condition_variable>
+#include <mutex>
+#include <thread>
 #include <utility>
 
 namespace ferrolt {
 
+struct DeferredFlush::State {
+  State(std::function<void()> flushFunction, std::chrono::milliseconds period)
+      : flush(std::move(flushFunction)), within(period) {}
+
+  // The thread's body: a period after each first request, one flush.
+  void Run();
+
+  const std::function<void()> flush;
+  const std::chrono::milliseconds within;
+  // Guards the flags; the thread holds it across its flushes, so that once
+  // Stop has it, no flush of the thread's is under way or still to come.
+  std::mutex mutex;
+  std::condition_variable wake;
+  bool pending = false;
+  bool stopped = false;
+  bool started = false;
+};
+
+void DeferredFlush::State::Run() {
+  std::unique_lock<std::mutex> lock(mutex);
+  for (;;) {
+    wake.wait(lock, [this] { return pending || stopped; });
+    // Lines written meanwhile go out with this flush; a stop flushes itself.
+    if (wake.wait_for(lock, within, [this] { return stopped; })) return;
+    pending = false;
+    flush();
+  }
+}
+
 DeferredFlush::DeferredFlush(std::function<void()> flush, std::chrono::milliseconds within)
-    : flush_(std::move(flush)), within_(within) {}
+    : state_(std::make_shared<State>(std::move(flush), within)) {}
 
 DeferredFlush::~DeferredFlush() { Stop(); }
 
 void DeferredFlush::Request() {
-  if (stopped_.load()) {
-    flush_();
+  std::unique_lock<std::mutex> lock(state_->mutex);
+  if (state_->stopped) {
+    lock.unlock();
+    state_->flush();
     return;
   }
-  // Only the first request of a period wakes the thread.
-  if (pending_.exchange(true)) return;
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (stopped_.load()) {
-    flush_();
-    return;
+  if (state_->pending) return;
+  state_->pending = true;
+  if (!state_->started) {
+    state_->started = true;
+    std::thread([state = state_] { state->Run(); }).detach();
   }
-  if (!thread_.joinable()) thread_ = std::thread([this] { Run(); });
-  wake_.notify_one();
+  state_->wake.notify_one();
 }
 
 void DeferredFlush::Stop() {
-  std::thread thread;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (stopped_.exchange(true)) return;
-    thread = std::move(thread_);
-    wake_.notify_one();
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->stopped = true;
   }
-  if (thread.joinable()) thread.join();
-  flush_();
-}
-
-void DeferredFlush::Run() {
-  std::unique_lock<std::mutex> lock(mutex_);
-  for (;;) {
-    wake_.wait(lock, [this] { return stopped_.load() || pending_.load(); });
-    // Lines written meanwhile go out with this flush.
-    if (wake_.wait_for(lock, within_, [this] { return stopped_.load(); })) return;
-    // Cleared before the flush: a line written after it asks for the next.
-    pending_.store(false);
-    lock.unlock();
-    flush_();
-    lock.lock();
-  }
+  state_->wake.notify_one();
+  state_->flush();
 }
 
 }  // namespace ferrolt
