@@ -20,8 +20,7 @@ void FlushStandardOutput() { std::fflush(stdout); }
 class StandardStreams final : public ConsoleSink {
  public:
   StandardStreams()
-      : toTerminal_(platform::StandardOutputIsTerminal()),
-        deferred_(FlushStandardOutput, limits::kOutputFlushPeriod) {}
+      : toTerminal_(platform::StandardOutputIsTerminal()), deferred_(FlushStandardOutput, limits::kOutputFlushPeriod) {}
 
   void Print(std::string_view text) override { std::fwrite(text.data(), 1, text.size(), stdout); }
   void Flush() override {
@@ -37,9 +36,8 @@ class StandardStreams final : public ConsoleSink {
     std::fprintf(stderr, "ferrolt: %.*s\n", static_cast<int>(line.size()), line.data());
     std::fflush(stderr);
   }
-  // At exit the flushes happen at once: the C library's last flush of the
-  // streams comes after the exit handlers, and a task still ending may print.
-  void StopDeferring() { deferred_.Stop(); }
+  // From here on every line is flushed at once.
+  void Settle() { deferred_.Stop(); }
 
  private:
   const bool toTerminal_;
@@ -47,10 +45,12 @@ class StandardStreams final : public ConsoleSink {
 };
 
 StandardStreams& Streams() {
-  // Never destroyed, as a task still running at exit may print.
+  // Never destroyed, as a task still running at exit may print. Settled at
+  // exit (and sooner by whoever ends the run): the C library's last flush
+  // comes after the exit handlers, and must not meet a flush of the thread's.
   static StandardStreams* const streams = [] {
     auto* made = new StandardStreams;
-    std::atexit([] { Streams().StopDeferring(); });
+    std::atexit(SettleStandardConsole);
     return made;
   }();
   return *streams;
@@ -73,6 +73,8 @@ void ConsoleSink::PrintFormatted(const char* format, ...) {
 }
 
 ConsoleSink& StandardConsole() { return Streams(); }
+
+void SettleStandardConsole() { Streams().Settle(); }
 
 ConsoleSink& SilentConsole() {
   static Silent console;
