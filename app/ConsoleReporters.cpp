@@ -16,7 +16,9 @@ constexpr const char* kLogPrefix = "LogMessageCallBack:\t";
 }  // namespace
 
 void CProgressCallback::ProgressChangeCallBack(int percent) {
-  std::printf("ProgressChangeCallBack:\t%d percent completed\n", percent);
+  ConsoleSink& console = StandardConsole();
+  console.PrintFormatted("ProgressChangeCallBack:\t%d percent completed\n", percent);
+  console.Flush();
 }
 
 void CLogMessageCallback::LogMessageCallBack(std::string format, ...) {
