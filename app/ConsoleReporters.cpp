@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <string>
 
+#include "link/ConsoleSink.h"
 #include "link/Reporting.h"
 
 namespace ferrolt {
@@ -15,7 +16,9 @@ constexpr const char* kLogPrefix = "LogMessageCallBack:\t";
 }  // namespace
 
 void CProgressCallback::ProgressChangeCallBack(int percent) {
-  std::printf("ProgressChangeCallBack:\t%d percent completed\n", percent);
+  ConsoleSink& console = StandardConsole();
+  console.PrintFormatted("ProgressChangeCallBack:\t%d percent completed\n", percent);
+  console.Flush();
 }
 
 void CLogMessageCallback::LogMessageCallBack(std::string format, ...) {
@@ -25,8 +28,9 @@ void CLogMessageCallback::LogMessageCallBack(std::string format, ...) {
   // at the same moment never cut into each other.
   std::string line = kLogPrefix + FormatLogMessage(format.c_str(), arguments) + '\n';
   va_end(arguments);
-  std::fwrite(line.data(), 1, line.size(), stdout);
-  std::fflush(stdout);
+  ConsoleSink& console = StandardConsole();
+  console.Print(line);
+  console.Flush();
 }
 
 void CVersionInfoReadyCallBack::VersionInfoReadyCallBack(std::string version) {

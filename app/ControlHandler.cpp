@@ -5,16 +5,22 @@
 
 #include "app/ConsoleReporters.h"
 #include "app/GlobalDeviceAdmin.h"
+#include "link/ConsoleSink.h"
 #include "platform/ConsoleSignals.h"
 
 namespace ferrolt {
 
 namespace {
 
-// The cancel waits for the worker; the platform runs a Break where that wait
-// holds up no later event.
+// The run ends on the thread the event came on (on Windows one the system
+// made for it), with what was printed flushed first. The cancel waits for
+// the worker; the platform runs a Break where that wait holds up no later
+// event.
 void HandleControlEvent(platform::ConsoleEvent event) {
-  if (event != platform::ConsoleEvent::Break) std::exit(kControlEventExitStatus);
+  if (event != platform::ConsoleEvent::Break) {
+    SettleStandardConsole();
+    std::exit(kControlEventExitStatus);
+  }
   std::fputs("\nCancel operation has been requested.\n", stdout);
   std::fflush(stdout);
   CLogMessageCallback log;

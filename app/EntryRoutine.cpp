@@ -23,9 +23,11 @@ namespace {
 
 constexpr int kExitStatus = 0;
 
-// Waits for the operation, then a bounded time for a cancel to finish.
+// Waits for the operation, then a bounded time for a cancel to finish. The
+// operation's last lines are shown before that wait, not a period into it.
 void EndWait(DeviceAdmin& admin, ConsoleReporters& reporters) {
   admin.WaitForOperation();
+  std::fflush(stdout);
   if (admin.WaitForCancelEvent(limits::kEndWait)) reporters.log.LogMessageCallBack("Operation has been Canceled");
 }
 

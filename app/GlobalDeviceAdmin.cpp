@@ -1,5 +1,6 @@
 #include "app/GlobalDeviceAdmin.h"
 
+#include "link/ConsoleSink.h"
 #include "link/Limits.h"
 #include "platform/ConsoleSignals.h"
 
@@ -19,9 +20,12 @@ DeviceAdmin* CreateGlobalDeviceAdmin() {
 DeviceAdmin* const globalAdmin = CreateGlobalDeviceAdmin();
 
 // At exit, close the link under any task still running and wait for the
-// tasks a bounded time.
+// tasks a bounded time, with what was printed shown first.
 struct ExitHook {
-  ~ExitHook() { globalAdmin->Shutdown(limits::kTeardownWait); }
+  ~ExitHook() {
+    SettleStandardConsole();
+    globalAdmin->Shutdown(limits::kTeardownWait);
+  }
 };
 ExitHook exitHook;
 

@@ -30,6 +30,10 @@ class ConsoleSink {
 // Standard output for the lines, standard error behind "ferrolt: " for the
 // notes: the command-line tool's console.
 ConsoleSink& StandardConsole();
+// For a run about to end: flushes standard output now and, from then on, at
+// every line. The thread that ends the run calls it before exit, and exit
+// calls it again; safe on any thread.
+void SettleStandardConsole();
 // Takes every line and note and shows none.
 ConsoleSink& SilentConsole();
 

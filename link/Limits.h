@@ -74,6 +74,9 @@ inline constexpr milliseconds kStaleDrainLimit{2000};
 #endif
 inline constexpr size_t kUpgradeWriteWindow = FERROLT_TRANSFERS_IN_FLIGHT;
 inline constexpr size_t kReadsQueued = FERROLT_TRANSFERS_IN_FLIGHT;
+// Standard output to a file or a pipe is flushed at most this long after a
+// line: nobody reads it line by line, and a download prints one a block.
+inline constexpr milliseconds kOutputFlushPeriod{100};
 // How long process teardown waits for running tasks after closing the link.
 inline constexpr milliseconds kTeardownWait{1000};
 

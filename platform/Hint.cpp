@@ -12,7 +12,10 @@ constexpr size_t kTextBufferSize = 256;
 
 class StandardError final : public HintSink {
  public:
+  // Standard output may hold lines not flushed yet: where both streams go
+  // to one file, the hint follows them.
   void Take(std::string_view text) override {
+    std::fflush(stdout);
     std::fprintf(stderr, "%s%.*s", kHintPrefix, static_cast<int>(text.size()), text.data());
     std::fflush(stderr);
   }

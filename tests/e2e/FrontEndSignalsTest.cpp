@@ -2,6 +2,7 @@
 #include <signal.h>
 
 #include <cstdlib>
+#include <string>
 
 #include "devsim/DevicePackets.h"
 #include "tests/e2e/FrontEndRuns.h"
@@ -13,6 +14,11 @@ namespace {
 // runs for about ten seconds.
 constexpr size_t kBundleSize = 57 * 2000;
 constexpr const char* kSlowWrites = "delay-writes=5";
+// A download of about three seconds over the emulator link.
+constexpr size_t kDownloadSize = size_t{8} << 20;
+// A Break lets the download run to its end: under a sanitizer, on a loaded
+// machine, that takes many times the three seconds.
+constexpr milliseconds kDownloadLimit{90000};
 
 // Given a run in progress, Ctrl+Break (SIGQUIT) cancels it and the other signals end it with status 1.
 class FrontEndSignalsTest : public testing::Test {
@@ -87,6 +93,44 @@ TEST_F(FrontEndSignalsTest, BreakDuringUpgradeSendsTheCancelPacket) {
   EXPECT_EQ(devsim::PayloadText(received.back()), "Cancel");
   for (const Block& block : received) EXPECT_NE(devsim::PayloadText(block), "Ending Upgrade");
 }
+
+// Standard output to a pipe is flushed in periods, not line by line. A run
+// signalled mid-download (a Break cancels it, and the device may finish the
+// file meanwhile) still leaves every line it printed on the pipe: at
+// least one "Read data" line for the start reply and for each block in the
+// file, as a block is logged before it is written. These rows are POSIX
+// only: Windows has no SIGTERM or SIGHUP, and Wine, given one, kills its
+// process at once with no handler run (the Windows build's Ctrl+C row is
+// tests/windows/control-c.sh).
+struct CutOff {
+  const char* name;
+  int signal;
+  int exitStatus;
+};
+
+class DownloadCutOffTest : public FrontEndSignalsTest, public testing::WithParamInterface<CutOff> {};
+
+TEST_P(DownloadCutOffTest, EveryPrintedLineReachesThePipe) {
+  const fs::path root = dir_ / "device";
+  fs::create_directories(root / "tmp");
+  WriteFile(root / "tmp" / "big", RandomBytes(kDownloadSize, 5));
+  const auto device = StartDevice({}, root);
+  ASSERT_TRUE(device->Running());
+  auto run = StartFerrolt({"download", "/tmp/big", "big"}, *device, dir_.Path());
+  ASSERT_TRUE(run->WaitForOutput("Read data :", kRunLimit)) << run->OutSoFar();
+  run->Signal(GetParam().signal);
+  const ProcessResult result = run->Wait(kDownloadLimit);
+  EXPECT_EQ(result.exitStatus, GetParam().exitStatus);
+  ASSERT_FALSE(result.out.empty());
+  EXPECT_EQ(result.out.back(), '\n');
+  const size_t written = fs::file_size(dir_ / "big");
+  EXPECT_GE(CountOf(result.out, "Read data :"), 1 + (written + devsim::kPayloadSize - 1) / devsim::kPayloadSize);
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, DownloadCutOffTest,
+                         testing::Values(CutOff{"Interrupt", SIGINT, 1}, CutOff{"Terminate", SIGTERM, 1},
+                                         CutOff{"HangUp", SIGHUP, 1}, CutOff{"Break", SIGQUIT, 0}),
+                         [](const testing::TestParamInfo<CutOff>& row) { return std::string(row.param.name); });
 
 }  // namespace
 }  // namespace ferrolt::test
