@@ -20,6 +20,8 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 inline constexpr double kKiB = 1024.0;
+// The host CPU an upgrade or download packet may cost the tool, in microseconds.
+inline constexpr double kCpuPerPacketTarget = 1.5;
 // How long a spawned ferrolt-devsim may take to listen.
 inline constexpr milliseconds kDeviceStartLimit{10000};
 // How often the benchmarks look at a running operation or child.
