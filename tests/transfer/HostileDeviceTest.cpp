@@ -78,18 +78,27 @@ TEST_P(DownloadReplies, AreSavedAsTheyCameAndAMisfitIsSaid) {
 
 INSTANTIATE_TEST_SUITE_P(
     Misfits, DownloadReplies,
-    testing::Values(
-        DownloadCase{"Whole", {StartReply(114, 2), Data(0), Data(1), EndReply()}, "", false},
-        DownloadCase{"Repeated", {StartReply(171, 3), Data(0), Data(1), Data(1), EndReply()},
-                     "packet 1 came where 2 was due", true},
-        DownloadCase{"Skipped", {StartReply(171, 3), Data(0), Data(2), EndReply()}, "packet 2 came where 1 was due",
-                     true},
-        DownloadCase{"Backwards", {StartReply(171, 3), Data(0), Data(2), Data(1), EndReply()},
-                     "packet 2 came where 1 was due", true},
-        DownloadCase{"DataBeforeTheStart", {Data(0), StartReply(57, 2), Data(1), EndReply()},
-                     "came before the start reply", true},
-        DownloadCase{"Short", {StartReply(171, 3), Data(0), Data(1), EndReply()},
-                     "announced 171 bytes in 3 packets; 114 bytes in 2 packets arrived", true}),
+    testing::Values(DownloadCase{"Whole", {StartReply(114, 2), Data(0), Data(1), EndReply()}, "", false},
+                    DownloadCase{"Repeated",
+                                 {StartReply(171, 3), Data(0), Data(1), Data(1), EndReply()},
+                                 "packet 1 came where 2 was due",
+                                 true},
+                    DownloadCase{"Skipped",
+                                 {StartReply(171, 3), Data(0), Data(2), EndReply()},
+                                 "packet 2 came where 1 was due",
+                                 true},
+                    DownloadCase{"Backwards",
+                                 {StartReply(171, 3), Data(0), Data(2), Data(1), EndReply()},
+                                 "packet 2 came where 1 was due",
+                                 true},
+                    DownloadCase{"DataBeforeTheStart",
+                                 {Data(0), StartReply(57, 2), Data(1), EndReply()},
+                                 "came before the start reply",
+                                 true},
+                    DownloadCase{"Short",
+                                 {StartReply(171, 3), Data(0), Data(1), EndReply()},
+                                 "announced 171 bytes in 3 packets; 114 bytes in 2 packets arrived",
+                                 true}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // Given a device that sends over a mebibyte where it announced 100 bytes,
@@ -163,7 +172,8 @@ TEST_P(UploadDoubts, AreSaidOnceAtTheEnd) {
     const bool third = block[kNumberOffset] == 3;
     if (third && answer == Answer3::AfterAFailedWrite && !failedOnce) return !(failedOnce = true);
     // The answer to packet 3 comes with packet 4's.
-    if (block[kNumberOffset] == 4 && answer == Answer3::InTheNextWait) device.Send(MakeDevicePacket(kCliType, 57, "ok", 3));
+    if (block[kNumberOffset] == 4 && answer == Answer3::InTheNextWait)
+      device.Send(MakeDevicePacket(kCliType, 57, "ok", 3));
     if (!third || answer != Answer3::InTheNextWait) device.Send(MakeDevicePacket(kCliType, 57, "ok"));
     if (third && answer == Answer3::Twice) device.Send(MakeDevicePacket(kCliType, 57, "ok"));
     return true;
@@ -208,7 +218,8 @@ TEST_F(HostileDevice, AReadBackNamesWhereTheCopyDiffers) {
   WriteFile(dir / "C:\\up.bin", sent);
   ASSERT_EQ(admin.UploadFileAsync((dir / "C:\\up.bin").string(), &progress, &log), 0);
   EXPECT_TRUE(OperationEnds(admin, kTransferBound));
-  EXPECT_NE(err.Text().find("/tmp/up.bin on the device differs from the file sent from byte 57 on (114 bytes read back, 114 sent)"),
+  EXPECT_NE(err.Text().find(
+                "/tmp/up.bin on the device differs from the file sent from byte 57 on (114 bytes read back, 114 sent)"),
             std::string::npos)
       << err.Text();
   EXPECT_EQ(admin.LastOutcome(), Outcome::Incomplete);
@@ -218,7 +229,13 @@ TEST_F(HostileDevice, AReadBackNamesWhereTheCopyDiffers) {
 // once reads have failed for the bound; a quiet device would keep it open.
 TEST_F(HostileDevice, ACommandWhoseDeviceIsGoneEnds) {
   ASSERT_EQ(admin.SendCliCommandAsync("sleep 600", &progress, &log), 0);
-  ASSERT_TRUE(WaitUntil([&] { return !device.Written().empty(); }));
+  // The device holds the command before its write has completed: unplugged
+  // in between, the write fails instead. The blank line the worker prints
+  // once the write has completed says it waits for the output.
+  ASSERT_TRUE(WaitUntil([&] {
+    const std::string text = out.Text();
+    return !device.Written().empty() && text.size() >= 2 && text.compare(text.size() - 2, 2, "\n\n") == 0;
+  }));
   device.Unplug();
   EXPECT_TRUE(OperationEnds(admin, limits::kLinkLostLimit * 4));
   EXPECT_EQ(log.CountStartingWith("Error: Reading from the device has failed for "), 1u);
